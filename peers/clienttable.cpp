@@ -1,0 +1,82 @@
+// The table of remote clients: read from the host's store at most once a second, where other programs on the box list
+// the peers; only a peer's status is written back. Blocks on the store.
+
+#include "core/clock.h"
+#include "core/hostcalls.h"
+#include "core/udphandler.h"
+
+#include <database.h>
+#include <logger.h>
+
+using namespace std::chrono_literals;
+
+namespace
+{
+constexpr auto reloadSpacing = 1000ms;
+
+enum Column { RemoteIp = 1, RemoteUuid = 2, Status = 3, UdpPort = 4, UdpPortRemote = 6 };
+} // namespace
+
+void UDPHandler::getRemoteClients()
+{
+    if (!hasElapsed(lastRemoteClientsLoad, reloadSpacing))
+        return;
+
+    Database database(QStringLiteral("NATTraverse"));
+    const auto rows = database.performQueryWithResult(
+        QStringLiteral("SELECT id, remote_ip, remote_uuid, status, udp_port, tcp_port, udp_port_remote "
+                       "FROM `box`.`nat_traverse`"),
+        {}, hostcalls::accessKey);
+
+    for (const QVector<QString> &row : rows) {
+        const QString key = row.value(RemoteUuid);
+        const QHostAddress host(row.value(RemoteIp));
+        const auto status = static_cast<quint8>(row.value(Status).toInt(nullptr, 10));
+        const int port = row.value(UdpPort).toInt(nullptr, 10);
+        const bool isConnectWanted = status == static_cast<quint8>(ConnectionStatus::ConnectRequested);
+
+        const auto known = remoteClients.find(key);
+        if (known != remoteClients.end()) {
+            known->host = host;
+            known->status = status;
+            known->udpPort = port;
+            known->udpPortRemote = row.value(UdpPortRemote).toInt(nullptr, 10);
+            if (isConnectWanted)
+                setConnectionStatus(ConnectionStatus::Connecting, key);
+        } else {
+            // The first read only registers the peer. Its port as seen from outside comes with the next read, and the
+            // status write finds no entry yet and does nothing: attempts begin when the entry is whole.
+            RemoteClient client;
+            client.host = host;
+            client.udpPort = port;
+            client.remoteUuid = key;
+            client.status = status;
+            if (isConnectWanted) {
+                setConnectionStatus(ConnectionStatus::Connecting, key);
+                Logger::logInfo(hostcalls::logCategory,
+                                QStringLiteral("Remote client connected through UDP discover. Host: ") +
+                                    host.toString() + QStringLiteral(" UUID: ") + key);
+            }
+            remoteClients.insert(key, client);
+        }
+    }
+    lastRemoteClientsLoad = QDateTime::currentDateTime();
+}
+
+void UDPHandler::setConnectionStatus(ConnectionStatus status, const QString &peer)
+{
+    const auto client = remoteClients.find(peer);
+    if (client == remoteClients.end())
+        return;
+
+    const auto value = static_cast<quint8>(status);
+    const QString number = QString::number(value, 10);
+    Database database(QStringLiteral("SetStatus"));
+    database.performQuery(QStringLiteral("UPDATE `box`.`nat_traverse` SET status = ? WHERE remote_uuid = ?;"),
+                          {number, peer}, hostcalls::accessKey);
+    client->status = value;
+    Logger::logInfo(hostcalls::logCategory, QStringLiteral("Set connection status for ") + client->host.toString() +
+                                                QStringLiteral(" to ") + number);
+    if (status == ConnectionStatus::Connected)
+        client->tries = 0;
+}
