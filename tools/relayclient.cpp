@@ -104,7 +104,7 @@ void RelayClient::fail(const QString &reason)
 
 void RelayClient::readDatagrams()
 {
-    while (m_socket.hasPendingDatagrams()) {
+    do { // read first: a wake-up for a datagram with a bad checksum finds none, and only a read arms the next one
         QByteArray data(static_cast<int>(std::max<qint64>(m_socket.pendingDatagramSize(), 0)), '\0');
         m_socket.readDatagram(data.data(), data.size());
         if (datagram::findUuids(data).constFirst().isEmpty())
@@ -124,7 +124,7 @@ void RelayClient::readDatagrams()
         } else if (kind == DatagramKind::DataPacket && data.size() >= datagram::responsePayloadOffset) {
             takePacket(data);
         }
-    }
+    } while (m_socket.hasPendingDatagrams());
 }
 
 void RelayClient::takePacket(const QByteArray &packet)
