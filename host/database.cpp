@@ -112,6 +112,7 @@ bool Connection::run(const QString &sql, const QList<QString> &params, Rows *row
         Health::worked(m_name, m_store.shown);
         return true;
     }
+    close(); // the next use begins afresh, whatever was wrong
     m_rest = restFactor * duration.elapsed();
     m_sinceFailure.start();
     Health::failed(m_failedUse, m_store.shown, m_error);
@@ -127,13 +128,12 @@ bool Connection::attempt(const QString &sql, const QList<QString> &params, Rows 
     m_failedUse = m_name;
     if (execute(sql, params, rows))
         return true;
-    if (!isServerLost())
+    if (!wasOpen || !isServerLost())
         return false;
 
     // A server that was restarted since the last use is told only by the statement that fails.
-    close();
     m_failedUse = Health::opening;
-    return wasOpen && open() && execute(sql, params, rows);
+    return open() && execute(sql, params, rows);
 }
 
 /// Whether what is open is the store of this address, and not a file that has gone or been replaced since.
@@ -154,8 +154,8 @@ bool Connection::isServerLost() const
 
 void Connection::close()
 {
+    database().close(); // before the statements: freeing one of a lost server would make the driver complain
     m_statements.clear();
-    database().close();
 }
 
 bool Connection::open()
@@ -172,10 +172,7 @@ bool Connection::open()
             QSqlDatabase::removeDatabase(m_name);
         QSqlDatabase::addDatabase(m_store.driver, m_name);
     }
-    const bool isOpen = m_store.path.isEmpty() ? openMariadb() : openSqlite();
-    if (!isOpen)
-        close();
-    return isOpen;
+    return m_store.path.isEmpty() ? openMariadb() : openSqlite();
 }
 
 bool Connection::openSqlite()
@@ -215,8 +212,7 @@ bool Connection::openMariadb()
 
 bool Connection::execute(const QString &sql, const QList<QString> &params, Rows *rows)
 {
-    const auto failStatement = [this, &sql](const QSqlError &error) {
-        m_statements.remove(sql);
+    const auto failStatement = [this](const QSqlError &error) {
         m_errorCode = error.nativeErrorCode();
         return fail(error.text());
     };
