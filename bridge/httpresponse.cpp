@@ -52,9 +52,9 @@ void UDPHandler::queueResponse(const QByteArray &response, const RemoteClient &c
         const int offset = index * datagram::maxSlice;
         const bool isLast = index == count - 1;
         const QByteArray slice = response.mid(offset, isLast ? response.size() - offset : datagram::maxSlice);
-        const datagram::ResponseHeader header{static_cast<quint16>(currentRequestId),
-                                              static_cast<quint16>(currentSocket),
-                                              static_cast<quint32>(response.size()), count, static_cast<quint16>(index)};
+        const datagram::ResponseHeader header{
+            static_cast<quint16>(currentRequestId), static_cast<quint16>(currentSocket),
+            static_cast<quint32>(response.size()), count, static_cast<quint16>(index)};
         UdpMessage packet;
         packet.client = client;
         packet.data = datagram::responsePacket(header, uuid, client.remoteUuid, slice);

@@ -34,10 +34,9 @@ void UDPHandler::registerWithServer()
         const qint64 sent = udpSocket->writeDatagram(registration.constData(), registration.size(),
                                                      server.addresses().constFirst(), serverUdpPort);
         // The port shows as the one character of its low byte, not as digits: log readers on the box expect it so.
-        Logger::logDebug(hostcalls::logCategory, QStringLiteral("Sending UDP keep alive to server ") +
-                                                     server.hostName() + QLatin1Char(':') +
-                                                     QChar(serverUdpPort & 0xff) + QStringLiteral(". Result: ") +
-                                                     QString::number(sent, 10));
+        Logger::logDebug(hostcalls::logCategory,
+                         QStringLiteral("Sending UDP keep alive to server ") + server.hostName() + QLatin1Char(':') +
+                             QChar(serverUdpPort & 0xff) + QStringLiteral(". Result: ") + QString::number(sent, 10));
     }
     lastServerUpdate = QDateTime::currentDateTime();
 }

@@ -46,6 +46,5 @@ UDPHandler::UDPHandler(QObject *parent) : QObject(parent)
     // Only now: a web server that is not up at start is no error, the first request tries again.
     connect(tcpSocket, SIGNAL(readyRead()), this, SLOT(readyReadTCP()));
     connect(tcpSocket, SIGNAL(disconnected()), this, SLOT(tcpDisconnected()));
-    connect(tcpSocket, SIGNAL(error(QAbstractSocket::SocketError)), this,
-            SLOT(tcpError(QAbstractSocket::SocketError)));
+    connect(tcpSocket, SIGNAL(error(QAbstractSocket::SocketError)), this, SLOT(tcpError(QAbstractSocket::SocketError)));
 }

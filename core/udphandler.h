@@ -71,8 +71,6 @@ public slots: // in this order: it fixes their meta-object indices
     void tcpError(QAbstractSocket::SocketError error);
 
 private:
-    friend class RelayFixture; // the tests look inside and move time stamps
-
     // core/: settings, registration with the rendezvous server
     void loadSettings();
     void registerWithServer();

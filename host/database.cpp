@@ -205,8 +205,8 @@ bool Connection::openMariadb()
     mariadb.setUserName(m_store.user);
     mariadb.setPassword(m_store.password);
     mariadb.setDatabaseName(QStringLiteral("box"));
-    mariadb.setConnectOptions(mariadbOptions +
-                              (m_store.socket.isEmpty() ? QString() : QStringLiteral(";UNIX_SOCKET=") + m_store.socket));
+    mariadb.setConnectOptions(
+        mariadbOptions + (m_store.socket.isEmpty() ? QString() : QStringLiteral(";UNIX_SOCKET=") + m_store.socket));
     return mariadb.open() || fail(mariadb.lastError().text());
 }
 

@@ -12,9 +12,10 @@ const QLoggingCategory &categoryNamed(const QString &name)
 {
     static auto &known = *[] {
         // Qt prefers the environment's pattern to this one.
-        qSetMessagePattern(QStringLiteral("%{time yyyy-MM-dd hh:mm:ss.zzz} %{if-debug}debug%{endif}%{if-info}info%{endif}"
-                                          "%{if-warning}warning%{endif}%{if-critical}error%{endif} %{category}: "
-                                          "%{message}"));
+        qSetMessagePattern(
+            QStringLiteral("%{time yyyy-MM-dd hh:mm:ss.zzz} %{if-debug}debug%{endif}%{if-info}info%{endif}"
+                           "%{if-warning}warning%{endif}%{if-critical}error%{endif} %{category}: "
+                           "%{message}"));
         return new QHash<QString, const QLoggingCategory *>;
     }();
     const QLoggingCategory *&category = known[name];

@@ -4,8 +4,8 @@
 
 /// Where the store is.
 struct StoreUrl {
-    QString error; // not empty: the text names no store; says what is wrong and what would be right
-    QString shown; // for messages: without a password
+    QString error;  // not empty: the text names no store; says what is wrong and what would be right
+    QString shown;  // for messages: without a password
     QString driver; // of Qt SQL
     QString path;   // SQLite: the file
     QString host;   // MariaDB from here on

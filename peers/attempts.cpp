@@ -53,11 +53,11 @@ void UDPHandler::attemptConnection(const RemoteClient &peer)
         sendBurst(peer);
         live->lastAttempt = QDateTime::currentDateTime();
         live->tries++;
-        Logger::logDebug(hostcalls::logCategory,
-                         QStringLiteral("Trying to connect to remote ") + peer.host.toString() + QLatin1Char(':') +
-                             QString::number(peer.udpPortRemote, 10) + QLatin1Char('/') +
-                             QString::number(peer.udpPort, 10) + QStringLiteral(" UUID: ") + peer.remoteUuid +
-                             QStringLiteral(" Try: ") + QString::number(peer.tries, 10));
+        Logger::logDebug(hostcalls::logCategory, QStringLiteral("Trying to connect to remote ") + peer.host.toString() +
+                                                     QLatin1Char(':') + QString::number(peer.udpPortRemote, 10) +
+                                                     QLatin1Char('/') + QString::number(peer.udpPort, 10) +
+                                                     QStringLiteral(" UUID: ") + peer.remoteUuid +
+                                                     QStringLiteral(" Try: ") + QString::number(peer.tries, 10));
     }
     if (static_cast<quint32>(live->tries) > static_cast<quint32>(maxConnectTries)) {
         live->tries = 0;

@@ -22,11 +22,12 @@ void UDPHandler::getRemoteClients()
     if (!hasElapsed(lastRemoteClientsLoad, reloadSpacing))
         return;
 
-    Database database(QStringLiteral("NATTraverse"));
-    const auto rows = database.performQueryWithResult(
-        QStringLiteral("SELECT id, remote_ip, remote_uuid, status, udp_port, tcp_port, udp_port_remote "
-                       "FROM `box`.`nat_traverse`"),
-        {}, hostcalls::accessKey);
+    const auto rows =
+        Database(QStringLiteral("NATTraverse"))
+            .performQueryWithResult(
+                QStringLiteral("SELECT id, remote_ip, remote_uuid, status, udp_port, tcp_port, udp_port_remote "
+                               "FROM `box`.`nat_traverse`"),
+                {}, hostcalls::accessKey);
 
     for (const QVector<QString> &row : rows) {
         const QString key = row.value(RemoteUuid);
@@ -71,9 +72,9 @@ void UDPHandler::setConnectionStatus(ConnectionStatus status, const QString &pee
 
     const auto value = static_cast<quint8>(status);
     const QString number = QString::number(value, 10);
-    Database database(QStringLiteral("SetStatus"));
-    database.performQuery(QStringLiteral("UPDATE `box`.`nat_traverse` SET status = ? WHERE remote_uuid = ?;"),
-                          {number, peer}, hostcalls::accessKey);
+    Database(QStringLiteral("SetStatus"))
+        .performQuery(QStringLiteral("UPDATE `box`.`nat_traverse` SET status = ? WHERE remote_uuid = ?;"),
+                      {number, peer}, hostcalls::accessKey);
     client->status = value;
     Logger::logInfo(hostcalls::logCategory, QStringLiteral("Set connection status for ") + client->host.toString() +
                                                 QStringLiteral(" to ") + number);

@@ -71,8 +71,7 @@ void UDPHandler::takeConnectRequest(const QString &sender, const QHostAddress &a
     setConnectionStatus(ConnectionStatus::Connecting, uuid);
     Logger::logInfo(hostcalls::logCategory, QStringLiteral("Connection requested from ") + address.toString() +
                                                 QStringLiteral(" on port ") + QString::number(port, 10));
-    udpSocket->writeDatagram(encryptMessage(datagram::link(DatagramKind::ConnectRequest, uuid, sender)), address,
-                             port);
+    udpSocket->writeDatagram(encryptMessage(datagram::link(DatagramKind::ConnectRequest, uuid, sender)), address, port);
     dropTraffic(sender);
 }
 
@@ -113,8 +112,7 @@ void UDPHandler::takeConfirmation(const QByteArray &data, const QString &sender)
         packet->confirmed = true;
 }
 
-void UDPHandler::takeRequest(const QByteArray &data, const QString &sender, const QHostAddress &address,
-                             quint16 port)
+void UDPHandler::takeRequest(const QByteArray &data, const QString &sender, const QHostAddress &address, quint16 port)
 {
     const int msgId = datagram::readInteger<quint16>(data, datagram::messageIdOffset);
     // Taken on receipt, also of a repeated request: the response being cut now carries it, whichever it answers.
@@ -146,7 +144,8 @@ bool UDPHandler::isKnownRequest(int msgId, const QString &sender) const
     const auto isSame = [&](const UdpMessage &message) {
         return message.msgId == msgId && message.client.remoteUuid == sender;
     };
-    return std::any_of(tcpQueue.cbegin(), tcpQueue.cend(), [&](const UdpMessage *request) { return isSame(*request); }) ||
+    return std::any_of(tcpQueue.cbegin(), tcpQueue.cend(),
+                       [&](const UdpMessage *request) { return isSame(*request); }) ||
            std::any_of(udpQueue.cbegin(), udpQueue.cend(), isSame);
 }
 

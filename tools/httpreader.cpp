@@ -105,8 +105,7 @@ bool HttpReader::takeChunkSize()
 
 bool HttpReader::takeData(qint64 *left, State next)
 {
-    const int length =
-        *left < 0 ? m_buffer.size() : static_cast<int>(std::min<qint64>(*left, m_buffer.size()));
+    const int length = *left < 0 ? m_buffer.size() : static_cast<int>(std::min<qint64>(*left, m_buffer.size()));
     m_body.append(m_buffer.left(length));
     m_buffer.remove(0, length);
     if (*left < 0)

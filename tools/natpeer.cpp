@@ -108,9 +108,10 @@ int main(int argc, char **argv)
                                     QStringLiteral("file"));
     const QCommandLineOption include({QStringLiteral("i"), QStringLiteral("include")},
                                      QStringLiteral("Print status line and header fields too."));
-    const QCommandLineOption timeout(QStringLiteral("timeout"),
-                                     QStringLiteral("Give up when nothing new comes for so long (default %1).").arg(defaultTimeout),
-                                     QStringLiteral("seconds"), QString::number(defaultTimeout));
+    const QCommandLineOption timeout(
+        QStringLiteral("timeout"),
+        QStringLiteral("Give up when nothing new comes for so long (default %1).").arg(defaultTimeout),
+        QStringLiteral("seconds"), QString::number(defaultTimeout));
     parser.addOptions({config, include, timeout});
     parser.addPositionalArgument(QStringLiteral("get"), QStringLiteral("The only command."), QStringLiteral("get"));
     parser.addPositionalArgument(QStringLiteral("path"), QStringLiteral("What to get, for example /index.html."),

@@ -19,8 +19,9 @@ bool isUuid(const QString &text)
 
 QString checkUuid(const QString &text, const QString &name)
 {
-    return isUuid(text) ? QString()
-                        : QStringLiteral("%1 must be a UUID in braces like {01234567-89ab-cdef-0123-456789abcdef}").arg(name);
+    return isUuid(text)
+               ? QString()
+               : QStringLiteral("%1 must be a UUID in braces like {01234567-89ab-cdef-0123-456789abcdef}").arg(name);
 }
 
 QString checkHex(const QString &text, const QString &name)

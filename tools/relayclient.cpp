@@ -87,7 +87,8 @@ void RelayClient::tick()
     if (m_state == State::Leaving && m_sinceProgress.hasExpired(leaveLimit.count()))
         return fail(QStringLiteral("the box does not answer any more"));
     if (m_state == State::Connecting && m_sinceProgress.hasExpired(std::min<qint64>(m_timeout, connectLimit.count())))
-        return fail(QStringLiteral("no answer from the box: is it there, do key and iv match, and does it list this peer?"));
+        return fail(
+            QStringLiteral("no answer from the box: is it there, do key and iv match, and does it list this peer?"));
     if (m_sinceProgress.hasExpired(m_timeout))
         return fail(m_state == State::Requesting ? QStringLiteral("no answer to the request")
                                                  : QStringLiteral("the response is cut short, the rest does not come"));
@@ -169,6 +170,7 @@ void RelayClient::takeSlice(const datagram::ResponseHeader &header, const QByteA
     if (header.index + 1 != header.count)
         return;
     if (m_taken != header.totalLength)
-        return fail(QStringLiteral("the response is cut short, %1 of %2 bytes came").arg(m_taken).arg(header.totalLength));
+        return fail(
+            QStringLiteral("the response is cut short, %1 of %2 bytes came").arg(m_taken).arg(header.totalLength));
     emit seriesEnded();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QFile>
 #include <QProcess>
 #include <QSqlDatabase>
 #include <QSqlError>
@@ -7,62 +8,49 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-/// A MariaDB server of the test's own in a temporary folder, with the box's tables and a user "box" whose password
-/// is "p@ss:word".
-class Mariadb
-{
-public:
+/// A MariaDB server of the test's own on port 3307, with the box's tables and a user "box" with password "p@ss:word".
+struct Mariadb {
     Mariadb()
     {
         QProcess install;
-        install.start(QStringLiteral("mariadb-install-db"), options() + QStringList{"--auth-root-authentication-method=normal", "--skip-test-db"});
+        install.start("mariadb-install-db", options + QStringList{"--auth-root-authentication-method=normal", "--skip-test-db"});
         if (!install.waitForFinished(120000) || install.exitCode() != 0)
             qFatal("mariadb-install-db: %s", install.readAll().constData());
+        root = QSqlDatabase::addDatabase("QMYSQL", "root");
+        root.setUserName("root");
+        root.setConnectOptions("UNIX_SOCKET=" + socket());
         start();
-        QFile schema(QStringLiteral(SOURCE_DIR "/host/schema-mysql.sql"));
+        QFile schema(SOURCE_DIR "/host/schema-mysql.sql");
         if (!schema.open(QIODevice::ReadOnly))
             qFatal("no schema");
         for (const QByteArray &statement : schema.readAll().split(';').mid(0, 3))
-            sql(QString::fromUtf8(statement));
-        for (const char *host : {"127.0.0.1", "localhost"})
-            sql(QStringLiteral("GRANT ALL ON box.* TO 'box'@'%1' IDENTIFIED BY 'p@ss:word'").arg(QLatin1String(host)));
+            sql(statement);
+        for (const QByteArray host : {"127.0.0.1", "localhost"})
+            sql("GRANT ALL ON box.* TO 'box'@'" + host + "' IDENTIFIED BY 'p@ss:word'");
     }
     ~Mariadb() { stop(); }
-
     void start()
     {
-        m_server.start(QStringLiteral("mariadbd"), options() + QStringList{"--port=3307", "--bind-address=127.0.0.1", "--socket=" + socket(), "--innodb-buffer-pool-size=8M"});
-        if (!m_server.waitForStarted())
-            qFatal("no mariadbd");
-        if (!QTest::qWaitFor([this] { return root().isOpen() || root().open(); }, 60000))
-            qFatal("mariadbd: %s %s", qPrintable(root().lastError().text()), m_server.readAllStandardError().constData());
+        server.start("mariadbd", options + QStringList{"--port=3307", "--bind-address=127.0.0.1", "--socket=" + socket()});
+        if (!QTest::qWaitFor([this] { return root.open(); }, 60000))
+            qFatal("mariadbd: %s", server.readAllStandardError().constData());
     }
     void stop()
     {
-        root().close();
-        m_server.kill(); // as a crash would
-        m_server.waitForFinished();
+        root.close();
+        server.kill(); // as a crash would
+        server.waitForFinished();
     }
-    void sql(const QString &text)
+    void sql(const QByteArray &text) const
     {
-        QSqlQuery query(root());
-        if (!query.exec(text))
-            qFatal("%s: %s", qPrintable(text), qPrintable(query.lastError().text()));
+        QSqlQuery query(root);
+        if (!query.exec(QString::fromUtf8(text)))
+            qFatal("%s: %s", text.constData(), qPrintable(query.lastError().text()));
     }
-    QString socket() const { return m_folder.filePath(QStringLiteral("db.sock")); }
+    QString socket() const { return folder.filePath("db.sock"); }
 
-private:
-    QStringList options() const { return {"--no-defaults", "--user=root", "--datadir=" + m_folder.filePath(QStringLiteral("data"))}; }
-    QSqlDatabase root() const
-    {
-        if (QSqlDatabase::contains(QStringLiteral("root")))
-            return QSqlDatabase::database(QStringLiteral("root"), false);
-        QSqlDatabase database = QSqlDatabase::addDatabase(QStringLiteral("QMYSQL"), QStringLiteral("root"));
-        database.setUserName(QStringLiteral("root"));
-        database.setConnectOptions("UNIX_SOCKET=" + socket());
-        return database;
-    }
-
-    QTemporaryDir m_folder;
-    QProcess m_server;
+    QTemporaryDir folder;
+    const QStringList options{"--no-defaults", "--user=root", "--datadir=" + folder.filePath("data")};
+    QProcess server;
+    QSqlDatabase root;
 };
