@@ -44,17 +44,17 @@ void UDPHandler::forwardNextRequest()
     if (tcpSocket->state() != QAbstractSocket::ConnectedState) {
         connectToWebServer(tcpSocket);
         if (tcpSocket->waitForConnected(static_cast<int>(connectWait.count())))
-            Logger::logInfo(hostcalls::logCategory,
+            Logger::logInfo(hostcalls::logCategory(),
                             QStringLiteral("Connected to local TCP port ") + port + QStringLiteral(" (UDP Slot)"));
         else
-            Logger::logError(hostcalls::logCategory, QStringLiteral("Failed to connect to local TCP port ") + port +
-                                                         QStringLiteral(" (UDP Slot)"));
+            Logger::logError(hostcalls::logCategory(), QStringLiteral("Failed to connect to local TCP port ") + port +
+                                                           QStringLiteral(" (UDP Slot)"));
     }
 
     UdpMessage *request = tcpQueue.constFirst();
-    Logger::logDebug(hostcalls::logCategory, QStringLiteral("Write to TCP port: ") + QString(request->data));
+    Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Write to TCP port: ") + QString(request->data));
     while (tcpSocket->write(request->data.constData(), request->data.size()) == -1) {
-        Logger::logDebug(hostcalls::logCategory, QStringLiteral("Failed to write to TCP port"));
+        Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Failed to write to TCP port"));
         QThread::msleep(retryPause.count());
         if (tcpSocket->state() != QAbstractSocket::ConnectedState)
             reopenQuietly(tcpSocket);
@@ -65,13 +65,13 @@ void UDPHandler::forwardNextRequest()
 
 void UDPHandler::tcpDisconnected()
 {
-    Logger::logDebug(hostcalls::logCategory,
+    Logger::logDebug(hostcalls::logCategory(),
                      QStringLiteral("TCP disconnected at port ") + QString::number(webserver::port, 10));
 }
 
 void UDPHandler::tcpError(QAbstractSocket::SocketError error)
 {
     Q_UNUSED(error)
-    Logger::logError(hostcalls::logCategory, QStringLiteral("TCP error: ") + tcpSocket->errorString());
+    Logger::logError(hostcalls::logCategory(), QStringLiteral("TCP error: ") + tcpSocket->errorString());
     tcpSocket->disconnectFromHost();
 }

@@ -1,11 +1,24 @@
 #pragma once
 
-#include <QLatin1String>
+#include <QString>
 
 /// What every call of the host's `Logger` and `Database` passes along.
 namespace hostcalls
 {
-constexpr QLatin1String logCategory("NAT");
-constexpr QLatin1String accessKey("Hq4TbWn8LpRe2KsV"); // protected settings and every statement
-constexpr QLatin1String noAccessKey(""); // empty, not null: the setting is open to every program on the box
+inline QString logCategory()
+{
+    return QStringLiteral("NAT");
+}
+
+/// For protected settings and for every statement.
+inline QString accessKey()
+{
+    return QStringLiteral("Hq4TbWn8LpRe2KsV");
+}
+
+/// For settings that are open to every program on the box: empty text, not a null one.
+inline QString noAccessKey()
+{
+    return QLatin1String("");
+}
 } // namespace hostcalls

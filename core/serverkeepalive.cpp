@@ -13,11 +13,11 @@
 
 void UDPHandler::registerWithServer()
 {
-    Logger::logDebug(hostcalls::logCategory, QStringLiteral("Send UDP message to server"));
+    Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Send UDP message to server"));
 
     Database database(QStringLiteral("UDPHostName"));
     const auto serverName = [&database] {
-        return database.getSetting(QStringLiteral("server_hostname"), hostcalls::noAccessKey);
+        return database.getSetting(QStringLiteral("server_hostname"), hostcalls::noAccessKey());
     };
 
     // Sent in plain: the server holds no key of the box.
@@ -26,7 +26,7 @@ void UDPHandler::registerWithServer()
 
     const QHostInfo server = QHostInfo::fromName(serverName());
     if (server.error() != QHostInfo::NoError) {
-        Logger::logInfo(hostcalls::logCategory,
+        Logger::logInfo(hostcalls::logCategory(),
                         QStringLiteral("Hostname lookup to ") + serverName() +
                             QStringLiteral(" failed. Make sure there is available internet at IXO! Error: ") +
                             server.errorString());
@@ -34,7 +34,7 @@ void UDPHandler::registerWithServer()
         const qint64 sent = udpSocket->writeDatagram(registration.constData(), registration.size(),
                                                      server.addresses().constFirst(), serverUdpPort);
         // The port shows as the one character of its low byte, not as digits: log readers on the box expect it so.
-        Logger::logDebug(hostcalls::logCategory,
+        Logger::logDebug(hostcalls::logCategory(),
                          QStringLiteral("Sending UDP keep alive to server ") + server.hostName() + QLatin1Char(':') +
                              QChar(serverUdpPort & 0xff) + QStringLiteral(". Result: ") + QString::number(sent, 10));
     }

@@ -9,17 +9,17 @@
 
 void UDPHandler::loadSettings()
 {
-    Logger::logDebug(hostcalls::logCategory, QStringLiteral("Load settings"));
+    Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Load settings"));
 
     Database database(QStringLiteral("LoadSettings"));
     const auto text = [&database](const char *name) {
-        return database.getSetting(QString::fromLatin1(name), hostcalls::noAccessKey);
+        return database.getSetting(QString::fromLatin1(name), hostcalls::noAccessKey());
     };
     // What is missing or no number becomes 0; a port keeps the low 16 bits of whatever number there is.
     const auto number = [&text](const char *name) { return text(name).toInt(nullptr, 10); };
     const auto port = [&number](const char *name) { return static_cast<quint16>(number(name)); };
 
-    uuid = database.getSetting(QStringLiteral("uuid"), hostcalls::accessKey);
+    uuid = database.getSetting(QStringLiteral("uuid"), hostcalls::accessKey());
     udpPort = port("nat_udpport");
     serverUdpPort = port("nat_server_udpport");
     tcpPort = port("nat_tcpport");

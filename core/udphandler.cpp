@@ -33,14 +33,14 @@ UDPHandler::UDPHandler(QObject *parent) : QObject(parent)
     connect(udpSocket, SIGNAL(readyRead()), this, SLOT(readyRead()));
     connect(discoverSocket, SIGNAL(readyRead()), this, SLOT(readyReadDiscover()));
 
-    Logger::logInfo(hostcalls::logCategory, QStringLiteral("NAT Traverse started. UDP listening on ") +
-                                                QString::number(udpPort) + QStringLiteral(" & ") +
-                                                QString::number(udpPortDiscover));
+    Logger::logInfo(hostcalls::logCategory(), QStringLiteral("NAT Traverse started. UDP listening on ") +
+                                                  QString::number(udpPort) + QStringLiteral(" & ") +
+                                                  QString::number(udpPortDiscover));
 
     tcpSocket = new QTcpSocket(this);
     tcpSocket->connectToHost(QHostAddress::LocalHost, webserver::port, QIODevice::ReadWrite);
     if (tcpSocket->waitForConnected(static_cast<int>(firstConnectWait.count())))
-        Logger::logDebug(hostcalls::logCategory,
+        Logger::logDebug(hostcalls::logCategory(),
                          QStringLiteral("Connected to local TCP port ") + QString::number(webserver::port));
 
     // Only now: a web server that is not up at start is no error, the first request tries again.

@@ -19,7 +19,7 @@ constexpr auto settingsPeriod = 20s; // how soon a changed setting is noticed
 
 void UDPHandler::work()
 {
-    Logger::logDebug(hostcalls::logCategory, QStringLiteral("Worker loop started"));
+    Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Worker loop started"));
     for (;;)
         turn();
 }

@@ -27,9 +27,9 @@ namespace
 {
 using Rows = QList<QVector<QString>>;
 
-constexpr QLatin1String sqliteOptions("QSQLITE_OPEN_URI;QSQLITE_BUSY_TIMEOUT=1000"); // ms; other programs write briefly
-constexpr QLatin1String mariadbOptions( // s; the caller stands still meanwhile
-    "MYSQL_OPT_CONNECT_TIMEOUT=2;MYSQL_OPT_READ_TIMEOUT=2;MYSQL_OPT_WRITE_TIMEOUT=2");
+constexpr char sqliteOptions[] = "QSQLITE_OPEN_URI;QSQLITE_BUSY_TIMEOUT=1000"; // ms; other programs write briefly
+constexpr char mariadbOptions[] =                                              // s; the caller stands still meanwhile
+    "MYSQL_OPT_CONNECT_TIMEOUT=2;MYSQL_OPT_READ_TIMEOUT=2;MYSQL_OPT_WRITE_TIMEOUT=2";
 constexpr int restFactor = 4; // rest after a failure, in times its length: a store that hangs takes a fifth of the time
 
 /// Logs the first failure and the return of the store, however many uses fail in between.
@@ -39,7 +39,7 @@ public:
     static void failed(const QString &what, const QString &store, const QString &error)
     {
         if (failing().isEmpty())
-            Logger::logError(logCategory, QStringLiteral("Store %1 fails: %2").arg(store, error));
+            Logger::logError(logCategory(), QStringLiteral("Store %1 fails: %2").arg(store, error));
         failing().insert(what);
     }
     /// `use` works, and so the store can be opened again.
@@ -48,14 +48,15 @@ public:
         if (failing().isEmpty())
             return;
         failing().remove(use);
-        failing().remove(opening);
+        failing().remove(opening());
         if (failing().isEmpty())
-            Logger::logInfo(logCategory, QStringLiteral("Store %1 works again").arg(store));
+            Logger::logInfo(logCategory(), QStringLiteral("Store %1 works again").arg(store));
     }
-    static constexpr QLatin1String opening{"(opening)"}; // fails and returns for all uses at once
+    /// Fails and returns for all uses at once.
+    static QString opening() { return QStringLiteral("(opening)"); }
 
 private:
-    static constexpr QLatin1String logCategory{"STORE"};
+    static QString logCategory() { return QStringLiteral("STORE"); }
     static QSet<QString> &failing()
     {
         static QSet<QString> names;
@@ -122,7 +123,7 @@ bool Connection::run(const QString &sql, const QList<QString> &params, Rows *row
 bool Connection::attempt(const QString &sql, const QList<QString> &params, Rows *rows)
 {
     const bool wasOpen = isStore(qEnvironmentVariable("BOX_DATABASE"));
-    m_failedUse = Health::opening;
+    m_failedUse = Health::opening();
     if (!wasOpen && !open())
         return false;
     m_failedUse = m_name;
@@ -132,7 +133,7 @@ bool Connection::attempt(const QString &sql, const QList<QString> &params, Rows 
         return false;
 
     // A server that was restarted since the last use is told only by the statement that fails.
-    m_failedUse = Health::opening;
+    m_failedUse = Health::opening();
     return open() && execute(sql, params, rows);
 }
 
@@ -186,7 +187,7 @@ bool Connection::openSqlite()
     // store would only hide that the real one is missing.
     QSqlDatabase sqlite = database();
     sqlite.setDatabaseName(QStringLiteral(":memory:"));
-    sqlite.setConnectOptions(sqliteOptions);
+    sqlite.setConnectOptions(QLatin1String(sqliteOptions));
     if (!sqlite.open())
         return fail(sqlite.lastError().text());
     QUrl url = QUrl::fromLocalFile(QFileInfo(m_store.path).absoluteFilePath());

@@ -7,21 +7,26 @@
 
 namespace
 {
-/// Qt keeps the pointers it is given for good, so name and category are never freed.
+struct Category {
+    explicit Category(const QString &text) : name(text.toUtf8()), log(name.constData(), QtInfoMsg) {}
+    QByteArray name; // Qt keeps only a pointer to it
+    QLoggingCategory log;
+};
+
+/// Kept for the life of the process, as Qt wants it.
 const QLoggingCategory &categoryNamed(const QString &name)
 {
     static auto &known = *[] {
         // Qt prefers the environment's pattern to this one.
         qSetMessagePattern(
             QStringLiteral("%{time yyyy-MM-dd hh:mm:ss.zzz} %{if-debug}debug%{endif}%{if-info}info%{endif}"
-                           "%{if-warning}warning%{endif}%{if-critical}error%{endif} %{category}: "
-                           "%{message}"));
-        return new QHash<QString, const QLoggingCategory *>;
+                           "%{if-warning}warning%{endif}%{if-critical}error%{endif} %{category}: %{message}"));
+        return new QHash<QString, const Category *>;
     }();
-    const QLoggingCategory *&category = known[name];
+    const Category *&category = known[name];
     if (category == nullptr)
-        category = new QLoggingCategory((new QByteArray(name.toUtf8()))->constData(), QtInfoMsg);
-    return *category;
+        category = new Category(name);
+    return category->log;
 }
 
 bool mayDriveTerminal(QChar c)

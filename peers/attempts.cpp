@@ -35,8 +35,8 @@ void UDPHandler::attendPeers(const QMap<QString, RemoteClient> &snapshot)
             attemptConnection(peer);
         } else if (peer.status == static_cast<quint8>(ConnectionStatus::Connected) &&
                    hasElapsed(peer.lastSeen, silenceLimit)) {
-            Logger::logDebug(hostcalls::logCategory, QStringLiteral("Remote client was timeouted: ") +
-                                                         remoteClients.value(peer.remoteUuid).host.toString());
+            Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Remote client was timeouted: ") +
+                                                           remoteClients.value(peer.remoteUuid).host.toString());
             setConnectionStatus(ConnectionStatus::Disconnected, peer.remoteUuid);
         }
     }
@@ -53,17 +53,17 @@ void UDPHandler::attemptConnection(const RemoteClient &peer)
         sendBurst(peer);
         live->lastAttempt = QDateTime::currentDateTime();
         live->tries++;
-        Logger::logDebug(hostcalls::logCategory, QStringLiteral("Trying to connect to remote ") + peer.host.toString() +
-                                                     QLatin1Char(':') + QString::number(peer.udpPortRemote, 10) +
-                                                     QLatin1Char('/') + QString::number(peer.udpPort, 10) +
-                                                     QStringLiteral(" UUID: ") + peer.remoteUuid +
-                                                     QStringLiteral(" Try: ") + QString::number(peer.tries, 10));
+        Logger::logDebug(hostcalls::logCategory(),
+                         QStringLiteral("Trying to connect to remote ") + peer.host.toString() + QLatin1Char(':') +
+                             QString::number(peer.udpPortRemote, 10) + QLatin1Char('/') +
+                             QString::number(peer.udpPort, 10) + QStringLiteral(" UUID: ") + peer.remoteUuid +
+                             QStringLiteral(" Try: ") + QString::number(peer.tries, 10));
     }
     if (static_cast<quint32>(live->tries) > static_cast<quint32>(maxConnectTries)) {
         live->tries = 0;
         setConnectionStatus(ConnectionStatus::Disconnected, peer.remoteUuid);
-        Logger::logWarning(hostcalls::logCategory, QStringLiteral("Could not connect to remote users. Tried: ") +
-                                                       QString::number(peer.tries, 10));
+        Logger::logWarning(hostcalls::logCategory(), QStringLiteral("Could not connect to remote users. Tried: ") +
+                                                         QString::number(peer.tries, 10));
     }
 }
 

@@ -27,7 +27,7 @@ void UDPHandler::getRemoteClients()
             .performQueryWithResult(
                 QStringLiteral("SELECT id, remote_ip, remote_uuid, status, udp_port, tcp_port, udp_port_remote "
                                "FROM `box`.`nat_traverse`"),
-                {}, hostcalls::accessKey);
+                {}, hostcalls::accessKey());
 
     for (const QVector<QString> &row : rows) {
         const QString key = row.value(RemoteUuid);
@@ -54,7 +54,7 @@ void UDPHandler::getRemoteClients()
             client.status = status;
             if (isConnectWanted) {
                 setConnectionStatus(ConnectionStatus::Connecting, key);
-                Logger::logInfo(hostcalls::logCategory,
+                Logger::logInfo(hostcalls::logCategory(),
                                 QStringLiteral("Remote client connected through UDP discover. Host: ") +
                                     host.toString() + QStringLiteral(" UUID: ") + key);
             }
@@ -74,10 +74,10 @@ void UDPHandler::setConnectionStatus(ConnectionStatus status, const QString &pee
     const QString number = QString::number(value, 10);
     Database(QStringLiteral("SetStatus"))
         .performQuery(QStringLiteral("UPDATE `box`.`nat_traverse` SET status = ? WHERE remote_uuid = ?;"),
-                      {number, peer}, hostcalls::accessKey);
+                      {number, peer}, hostcalls::accessKey());
     client->status = value;
-    Logger::logInfo(hostcalls::logCategory, QStringLiteral("Set connection status for ") + client->host.toString() +
-                                                QStringLiteral(" to ") + number);
+    Logger::logInfo(hostcalls::logCategory(), QStringLiteral("Set connection status for ") + client->host.toString() +
+                                                  QStringLiteral(" to ") + number);
     if (status == ConnectionStatus::Connected)
         client->tries = 0;
 }

@@ -32,8 +32,9 @@ void UDPHandler::readyReadDiscover()
         return;
     // A known peer is forgotten first, whatever it says: a datagram of any type but a request is how a peer leaves.
     if (remoteClients.remove(peer) == 0)
-        Logger::logInfo(hostcalls::logCategory, QStringLiteral("Local client connected through UDP discover. Host: ") +
-                                                    address.toString() + QStringLiteral(" UUID: ") + peer);
+        Logger::logInfo(hostcalls::logCategory(),
+                        QStringLiteral("Local client connected through UDP discover. Host: ") + address.toString() +
+                            QStringLiteral(" UUID: ") + peer);
     if (!data.startsWith(discoveryRequest))
         return;
 

@@ -69,8 +69,8 @@ void UDPHandler::takeConnectRequest(const QString &sender, const QHostAddress &a
 {
     // Our own UUID is intended: the peer's row must keep the state Connected that this datagram has just given it.
     setConnectionStatus(ConnectionStatus::Connecting, uuid);
-    Logger::logInfo(hostcalls::logCategory, QStringLiteral("Connection requested from ") + address.toString() +
-                                                QStringLiteral(" on port ") + QString::number(port, 10));
+    Logger::logInfo(hostcalls::logCategory(), QStringLiteral("Connection requested from ") + address.toString() +
+                                                  QStringLiteral(" on port ") + QString::number(port, 10));
     udpSocket->writeDatagram(encryptMessage(datagram::link(DatagramKind::ConnectRequest, uuid, sender)), address, port);
     dropTraffic(sender);
 }
@@ -90,7 +90,7 @@ void UDPHandler::dropTraffic(const QString &peer)
 void UDPHandler::takeKeepAlive(const QString &sender, const QHostAddress &address, quint16 port, bool enciphered)
 {
     const QByteArray echo = datagram::link(DatagramKind::KeepAlive, uuid, sender);
-    Logger::logDebug(hostcalls::logCategory, QStringLiteral("Keep alive received from ") + address.toString());
+    Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Keep alive received from ") + address.toString());
     udpSocket->writeDatagram(enciphered ? encryptMessage(echo) : echo, address, port);
 }
 
@@ -99,10 +99,10 @@ void UDPHandler::takeConfirmation(const QByteArray &data, const QString &sender)
     const int msgId = datagram::readInteger<quint16>(data, datagram::messageIdOffset);
     const int count = datagram::readInteger<quint16>(data, datagram::confirmedCountOffset);
     const int index = datagram::readInteger<quint16>(data, datagram::confirmedIndexOffset);
-    Logger::logDebug(hostcalls::logCategory, QStringLiteral("Remote Confirmation of msgID: ") +
-                                                 QString::number(msgId, 10) + QStringLiteral(". Package ") +
-                                                 QString::number(index, 10) + QStringLiteral(" of ") +
-                                                 QString::number(count, 10));
+    Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Remote Confirmation of msgID: ") +
+                                                   QString::number(msgId, 10) + QStringLiteral(". Package ") +
+                                                   QString::number(index, 10) + QStringLiteral(" of ") +
+                                                   QString::number(count, 10));
 
     const auto packet = std::find_if(udpQueue.begin(), udpQueue.end(), [&](const UdpMessage &candidate) {
         return candidate.msgId == msgId && candidate.package == index && candidate.client.remoteUuid == sender &&
@@ -118,24 +118,24 @@ void UDPHandler::takeRequest(const QByteArray &data, const QString &sender, cons
     // Taken on receipt, also of a repeated request: the response being cut now carries it, whichever it answers.
     currentSocket = datagram::readInteger<quint16>(data, datagram::socketIdOffset);
     const QString id = QString::number(msgId, 10);
-    Logger::logDebug(hostcalls::logCategory, QStringLiteral("UDP request recv id: ") + id +
-                                                 QStringLiteral(" socket: ") + QString::number(currentSocket, 10));
+    Logger::logDebug(hostcalls::logCategory(), QStringLiteral("UDP request recv id: ") + id +
+                                                   QStringLiteral(" socket: ") + QString::number(currentSocket, 10));
 
     if (!isKnownRequest(msgId, sender)) {
         auto *request = new UdpMessage; // owned by tcpQueue
         request->client = remoteClients.value(sender);
         request->data = data.mid(datagram::requestPayloadOffset);
         request->msgId = msgId;
-        Logger::logDebug(hostcalls::logCategory, QStringLiteral("Added to TCP queue id: ") + id +
-                                                     QStringLiteral(" socket: ") + QString::number(currentSocket, 10) +
-                                                     QStringLiteral(" Queue size: ") +
-                                                     QString::number(tcpQueue.size() + 1, 10));
+        Logger::logDebug(hostcalls::logCategory(),
+                         QStringLiteral("Added to TCP queue id: ") + id + QStringLiteral(" socket: ") +
+                             QString::number(currentSocket, 10) + QStringLiteral(" Queue size: ") +
+                             QString::number(tcpQueue.size() + 1, 10));
         tcpQueue.append(request);
     }
 
     // Also for a repeated request: the peer repeats it because our first confirmation was lost.
     udpSocket->writeDatagram(encryptMessage(datagram::requestReceipt(data, uuid, sender)), address, port);
-    Logger::logDebug(hostcalls::logCategory, QStringLiteral("Confirmation UDP msg sent! Msgid: ") + id);
+    Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Confirmation UDP msg sent! Msgid: ") + id);
 }
 
 /// Whether the request waits, is being answered, or was answered less than a minute ago.

@@ -70,10 +70,10 @@ void UDPHandler::sendUntilAccepted(const QByteArray &packet)
         if (udpSocket->writeDatagram(wire.constData(), wire.size(), host, port) != -1)
             return;
 
-        Logger::logWarning(hostcalls::logCategory, QStringLiteral("UDP error ") + udpSocket->errorString() +
-                                                       QStringLiteral(" (") + QString::number(udpSocket->error(), 10) +
-                                                       QStringLiteral(") .. sending again to ") + host.toString() +
-                                                       QLatin1Char(':') + QString::number(port, 10));
+        Logger::logWarning(hostcalls::logCategory(),
+                           QStringLiteral("UDP error ") + udpSocket->errorString() + QStringLiteral(" (") +
+                               QString::number(udpSocket->error(), 10) + QStringLiteral(") .. sending again to ") +
+                               host.toString() + QLatin1Char(':') + QString::number(port, 10));
         udpSocket->flush();
         udpSocket->waitForBytesWritten(static_cast<int>(writeWait.count()));
         for (int pump = 0; pump < refusalPumps; pump++) {
@@ -82,9 +82,9 @@ void UDPHandler::sendUntilAccepted(const QByteArray &packet)
         }
     }
     // One character for the id of the request being answered, not digits: log readers on the box expect it so.
-    Logger::logError(hostcalls::logCategory, QStringLiteral("UDP message failed to be sent.") +
-                                                 udpSocket->errorString() + QStringLiteral(" MsgID: ") +
-                                                 QChar(currentRequestId & 0xff));
+    Logger::logError(hostcalls::logCategory(), QStringLiteral("UDP message failed to be sent.") +
+                                                   udpSocket->errorString() + QStringLiteral(" MsgID: ") +
+                                                   QChar(currentRequestId & 0xff));
 }
 
 /// Confirmed packets stay for a minute, so that a request repeated by its peer is not served twice.

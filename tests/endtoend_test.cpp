@@ -51,7 +51,7 @@ class EndToEndTest : public QObject
     void startNginx()
     {
         nginx.reset(new QProcess);
-        nginx->start("nginx", {"-e", "stderr", "-p", box->folder.path(), "-c", SOURCE_DIR "/scripts/nginx.conf"});
+        nginx->start("nginx", {"-e", "stderr", "-p", box->folder.path(), "-c", QString(SOURCE_DIR "/scripts/nginx.conf")});
         QVERIFY(QTest::qWaitFor(
             [] {
                 QTcpSocket probe;
@@ -102,7 +102,7 @@ private slots:
         QVERIFY(awaitLog([&] { // once its table is read, and long after the first lines of lower level
             return peer.send(peer.link(1)), log.contains("info NAT: Connection requested from ::ffff:127.0.0.1 on port ");
         }));
-        const QRegularExpression lines("\\A(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} info NAT: [^\\n]+\\n)+\\z");
+        static const QRegularExpression lines(R"(\A(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} info NAT: [^\n]+\n)+\z)");
         QVERIFY2(lines.match(QString::fromUtf8(log)).hasMatch(), log);
         qputenv("QT_MESSAGE_PATTERN", "<%{message}>");
         startRelay();
@@ -122,7 +122,7 @@ private slots:
                                                   : QRegularExpressionMatch();
         };
         const auto seconds = [&] {
-            const auto times = proc("stat", "\\) .(?: -?\\d+){10} (\\d+) (\\d+)");
+            const auto times = proc("stat", R"(\) .(?: -?\d+){10} (\d+) (\d+))");
             return (times.captured(1).toDouble() + times.captured(2).toDouble()) / double(sysconf(_SC_CLK_TCK));
         };
         const double before = seconds();
@@ -130,7 +130,7 @@ private slots:
         timer.start();
         QVERIFY(QTest::qWaitFor([&] { return timer.elapsed() > 5000; }, 6000)); // the span that is measured
         const double load = 1e5 * (seconds() - before) / double(timer.elapsed());
-        const int resident = proc("status", "VmRSS:\\s*(\\d+) kB").captured(1).toInt();
+        const int resident = proc("status", R"(VmRSS:\s*(\d+) kB)").captured(1).toInt();
         qInfo("idle: %.2f %% of a core, %d kB resident", load, resident);
         QVERIFY(load < 2 && resident > 0 && resident < 30000);
     }
@@ -199,12 +199,13 @@ private slots:
     void shortResponseIsNoSuccess()
     {
         const QByteArray chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
-        for (const auto &[response, body, complaint] : QList<std::tuple<QByteArray, QByteArray, QByteArray>>{
-                 {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nshort", "short", "cut short, 4 bytes are missing"},
-                 {chunked + "5\r\nshort\r\n", "short", "cut short, the rest does not come"},
-                 {chunked + "five\r\nshort\r\n0\r\n\r\n", "", "a chunk of the response has no size"},
-                 {"SSH-2.0-box\r\n\r\n", "", "the answer is no HTTP response"},
-                 {chunked + "5;x=y\r\nwhole\r\n0\r\n\r\n", "whole", ""}}) {
+        const QList<std::tuple<QByteArray, QByteArray, QByteArray>> rows{
+            {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nshort", "short", "cut short, 4 bytes are missing"},
+            {chunked + "5\r\nshort\r\n", "short", "cut short, the rest does not come"},
+            {chunked + "five\r\nshort\r\n0\r\n\r\n", "", "a chunk of the response has no size"},
+            {"SSH-2.0-box\r\n\r\n", "", "the answer is no HTTP response"},
+            {chunked + "5;x=y\r\nwhole\r\n0\r\n\r\n", "whole", ""}};
+        for (const auto &[response, body, complaint] : rows) {
             WebServer web;
             startRelay();
             QProcess peer;
@@ -225,17 +226,18 @@ private slots:
         QVERIFY(file.open(QIODevice::ReadOnly));
         const QByteArray config = file.readAll();
         startRelay();
-        for (const auto &[right, wrong, words, complaint] : QList<std::tuple<QByteArray, QByteArray, QStringList, QByteArray>>{
-                 {key, QByteArray(32, '1'), get, "no answer from the box"},
-                 {key, key.left(31), get, "key in [box] must be 32 hexadecimal digits"},
-                 {testIv.toHex(), QByteArray(32, '0'), get, "iv in [box] must hold no byte 00"},
-                 {"127.0.0.1:5000", "127.0.0.1", get, "address in [box] must be host:port"},
-                 {peerUuid, "me", get, "uuid in [peer] must be a UUID in braces"},
-                 {peerUuid, boxUuid, get, "must be the peer's own"},
-                 {"\n", "\n", {"--config", "/no/such.ini", "get", "/"}, "/no/such.ini: No such file or directory"},
-                 {"\n", "\n", {"/"}, "use nat-peer --config peer.ini get /path"},
-                 {"\n", "\n", {"--key", "x", "get", "/"}, "Unknown option 'key'"},
-                 {"\n", "\n", {"get", "/\r\nHost: x"}, "the path must begin with /"}}) {
+        const QList<std::tuple<QByteArray, QByteArray, QStringList, QByteArray>> rows{
+            {key, QByteArray(32, '1'), get, "no answer from the box"},
+            {key, key.left(31), get, "key in [box] must be 32 hexadecimal digits"},
+            {testIv.toHex(), QByteArray(32, '0'), get, "iv in [box] must hold no byte 00"},
+            {"127.0.0.1:5000", "127.0.0.1", get, "address in [box] must be host:port"},
+            {peerUuid, "me", get, "uuid in [peer] must be a UUID in braces"},
+            {peerUuid, boxUuid, get, "must be the peer's own"},
+            {"\n", "\n", {"--config", "/no/such.ini", "get", "/"}, "/no/such.ini: No such file or directory"},
+            {"\n", "\n", {"/"}, "use nat-peer --config peer.ini get /path"},
+            {"\n", "\n", {"--key", "x", "get", "/"}, "Unknown option 'key'"},
+            {"\n", "\n", {"get", "/\r\nHost: x"}, "the path must begin with /"}};
+        for (const auto &[right, wrong, words, complaint] : rows) {
             write("peer.ini", QByteArray(config).replace(right, wrong));
             const auto [status, output, error] = fetch(words);
             QVERIFY2(status == 1 && output.isEmpty() && error.startsWith("nat-peer: ") && error.count('\n') == 1, error);

@@ -54,9 +54,9 @@ private slots:
     void messagesStayOnOneLine()
     {
         logLines().clear();
-        Logger::logInfo("TEST", QString("a\r\n\t\\ \u00e9 \x1b[2J \u0085 \u202e ") + QChar(0));
+        Logger::logInfo("TEST", QString("a\r\n\t\\ \u00e9 \x1b[2J \u0085 ") + QChar(0x202e) + QChar(0));
         Logger::logDebug("TEST", "off unless a rule says so");
-        QCOMPARE(logLines(), QStringList("info a\\r\\n\\t\\\\ \u00e9 \\x1b[2J \\x85 \\u202e \\x00"));
+        QCOMPARE(logLines(), QStringList("info a\\r\\n\\t\\\\ \u00e9 \\x1b[2J \\x85 \\u202e\\x00"));
     }
 
     void storesAnswerAlike()

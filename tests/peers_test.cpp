@@ -29,7 +29,7 @@ public:
     QList<std::pair<int, QByteArray>> datagrams() const
     {
         QList<std::pair<int, QByteArray>> found;
-        for (const char *frame = m_ring; frame < m_ring + frames * 512; frame += 512) {
+        for (const char *frame = m_ring; frame < m_ring + frames * 512L; frame += 512) {
             const auto *header = reinterpret_cast<const tpacket_hdr *>(frame);
             const QByteArray ip(frame + header->tp_net, int(header->tp_snaplen));
             if ((header->tp_status & TP_STATUS_USER) != 0 && ip.at(9) == IPPROTO_UDP)
@@ -150,7 +150,8 @@ private slots:
                 expected += (portRemote + i + 65536) % 65536;
             expected.removeAll(0); // the kernel sends nothing there
             QList<int> ports;
-            for (const auto &[to, data] : capture.datagrams()) {
+            const auto sent = capture.datagrams();
+            for (const auto &[to, data] : sent) {
                 ports += to;
                 QCOMPARE(data, Peer::crypt("\x01" + boxUuid + peerUuid, true));
             }

@@ -58,7 +58,7 @@ PeerConfig PeerConfig::read(const QString &path)
         return config;
     }
     const QSettings ini(path, QSettings::IniFormat);
-    const auto text = [&ini](const char *key) { return ini.value(QString::fromLatin1(key)).toString().trimmed(); };
+    const auto text = [&ini](const char *name) { return ini.value(QString::fromLatin1(name)).toString().trimmed(); };
     config.uuid = text("peer/uuid");
     config.boxUuid = text("box/uuid");
     const QUrl address(QStringLiteral("udp://") + text("box/address"), QUrl::StrictMode);

@@ -46,7 +46,8 @@ struct Box {
         QFile schema(SOURCE_DIR "/host/schema-sqlite.sql");
         if (!store.open() || !schema.open(QIODevice::ReadOnly))
             qFatal("no store");
-        for (const QByteArray &statement : schema.readAll().split(';').mid(0, 2))
+        const QList<QByteArray> statements = schema.readAll().split(';').mid(0, 2);
+        for (const QByteArray &statement : statements)
             sql(statement);
         set({{"nat_udpport", "5000"},
              {"nat_udpportdiscover", "5001"},

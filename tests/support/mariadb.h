@@ -23,10 +23,11 @@ struct Mariadb {
         QFile schema(SOURCE_DIR "/host/schema-mysql.sql");
         if (!schema.open(QIODevice::ReadOnly))
             qFatal("no schema");
-        for (const QByteArray &statement : schema.readAll().split(';').mid(0, 3))
+        const QList<QByteArray> statements = schema.readAll().split(';').mid(0, 3);
+        for (const QByteArray &statement : statements)
             sql(statement);
-        for (const QByteArray host : {"127.0.0.1", "localhost"})
-            sql("GRANT ALL ON box.* TO 'box'@'" + host + "' IDENTIFIED BY 'p@ss:word'");
+        for (const char *host : {"127.0.0.1", "localhost"})
+            sql(QByteArray("GRANT ALL ON box.* TO 'box'@'") + host + "' IDENTIFIED BY 'p@ss:word'");
     }
     ~Mariadb() { stop(); }
     void start()

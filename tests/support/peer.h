@@ -1,5 +1,7 @@
 #pragma once
 
+// clazy:excludeall=non-pod-global-static
+
 #include <QUdpSocket>
 
 #include <openssl/evp.h>
