@@ -2,11 +2,20 @@
 
 #include "logger.h"
 
+#include <QElapsedTimer>
 #include <QHash>
 #include <QLoggingCategory>
 
+#include <chrono>
+
+using namespace std::chrono_literals;
+
 namespace
 {
+constexpr std::chrono::milliseconds floodSpacing = 50ms; // a line that repeats faster than this may be a flood
+constexpr int floodPatience = 20;                        // and is one after so many in a row
+constexpr std::chrono::milliseconds floodReport = 10s;   // how often a flood is owned up to
+
 struct Category {
     explicit Category(const QString &text) : name(text.toUtf8()), log(name.constData(), QtInfoMsg) {}
     QByteArray name; // Qt keeps only a pointer to it
@@ -65,11 +74,54 @@ QString escaped(const QString &message)
     return line;
 }
 
+void output(QtMsgType level, const QLoggingCategory &log, const QString &line)
+{
+    qt_message_output(level, QMessageLogContext(nullptr, 0, nullptr, log.categoryName()), line);
+}
+
+/// Counts a line that comes over and over, many times a second, instead of letting it fill the disk: a box without its
+/// settings, for one, tries to register in every turn.
+class Flood
+{
+public:
+    bool swallows(QtMsgType level, const QLoggingCategory &log, const QString &line)
+    {
+        const bool isRepeated = line == m_line && !m_sinceLast.hasExpired(floodSpacing.count());
+        m_sinceLast.start();
+        if (!isRepeated || m_sinceReport.hasExpired(floodReport.count()))
+            report(level, log);
+        m_repeats = isRepeated ? m_repeats + 1 : 0;
+        m_line = line;
+        if (m_repeats < floodPatience)
+            return false;
+        m_swallowed++;
+        return true;
+    }
+
+private:
+    void report(QtMsgType level, const QLoggingCategory &log)
+    {
+        if (m_swallowed > 0)
+            output(level, log, QStringLiteral("(the line before, %1 times more)").arg(m_swallowed));
+        m_swallowed = 0;
+        m_sinceReport.start();
+    }
+    QString m_line;
+    int m_repeats = 0;
+    int m_swallowed = 0;
+    QElapsedTimer m_sinceLast;
+    QElapsedTimer m_sinceReport;
+};
+
 void write(QtMsgType level, const QString &category, const QString &message)
 {
+    static Flood flood;
     const QLoggingCategory &log = categoryNamed(category);
-    if (log.isEnabled(level))
-        qt_message_output(level, QMessageLogContext(nullptr, 0, nullptr, log.categoryName()), escaped(message));
+    if (!log.isEnabled(level))
+        return;
+    const QString line = escaped(message);
+    if (!flood.swallows(level, log, line))
+        output(level, log, line);
 }
 } // namespace
 

@@ -59,6 +59,16 @@ private slots:
         QCOMPARE(logLines(), QStringList("info a\\r\\n\\t\\\\ \u00e9 \\x1b[2J \\x85 \\u202e\\x00"));
     }
 
+    void floodIsCounted()
+    {
+        logLines().clear();
+        for (int i = 0; i < 1000; i++)
+            Logger::logInfo("TEST", "again");
+        Logger::logInfo("TEST", "other");
+        QCOMPARE(logged("info again"), 20);
+        QCOMPARE(logLines().mid(20), QStringList({"info (the line before, 980 times more)", "info other"}));
+    }
+
     void storesAnswerAlike()
     {
         for (const QByteArray &url :

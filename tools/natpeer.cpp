@@ -103,7 +103,7 @@ int main(int argc, char **argv)
 
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Fetches a page from the web server of a box behind its router."));
-    const QCommandLineOption help = parser.addHelpOption();
+    const QCommandLineOption help({QStringLiteral("h"), QStringLiteral("help")}, QStringLiteral("Print this help."));
     const QCommandLineOption config(QStringLiteral("config"), QStringLiteral("Who talks to which box (INI file)."),
                                     QStringLiteral("file"));
     const QCommandLineOption include({QStringLiteral("i"), QStringLiteral("include")},
@@ -112,7 +112,7 @@ int main(int argc, char **argv)
         QStringLiteral("timeout"),
         QStringLiteral("Give up when nothing new comes for so long (default %1).").arg(defaultTimeout),
         QStringLiteral("seconds"), QString::number(defaultTimeout));
-    parser.addOptions({config, include, timeout});
+    parser.addOptions({help, config, include, timeout});
     parser.addPositionalArgument(QStringLiteral("get"), QStringLiteral("The only command."), QStringLiteral("get"));
     parser.addPositionalArgument(QStringLiteral("path"), QStringLiteral("What to get, for example /index.html."),
                                  QStringLiteral("/path"));
