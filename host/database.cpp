@@ -274,7 +274,5 @@ QList<QVector<QString>> Database::performQueryWithResult(QString sql, QList<QStr
 {
     Q_UNUSED(accessKey) // protects single settings; the tables are open to whoever can open the store
     Rows rows;
-    if (!m_failed)
-        m_failed = !connectionNamed(m_name).run(sql, params, &rows);
-    return m_failed ? Rows() : rows;
+    return connectionNamed(m_name).run(sql, params, &rows) ? rows : Rows();
 }

@@ -28,5 +28,4 @@ public:
 
 private:
     QString m_name;
-    bool m_failed = false; // after one failure this use gives up, so that a blocked store blocks its caller only once
 };

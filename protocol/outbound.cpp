@@ -57,7 +57,7 @@ QList<UDPHandler::UdpMessage>::iterator UDPHandler::findPacket(const QByteArray 
                         [&packet](const UdpMessage &message) { return message.data.isSharedWith(packet); });
 }
 
-/// Sends the packet once, trying again while the network refuses it and its peer still waits for it.
+/// Sends the packet once, trying again while the network refuses it and it is still in the queue.
 void UDPHandler::sendUntilAccepted(const QByteArray &packet)
 {
     for (int attempt = 1; attempt <= maxAttempts; attempt++) {

@@ -8,8 +8,7 @@
 
 namespace
 {
-constexpr int shortestText = 10; // a datagram below this holds no UUID
-constexpr int firstGroup = 8;    // hexadecimal digits behind the brace
+constexpr int firstGroup = 8; // hexadecimal digits behind the brace
 
 bool isHexDigit(char c)
 {
@@ -35,19 +34,17 @@ bool isUuid(const QByteArray &data, int brace)
 QStringList datagram::findUuids(const QByteArray &data)
 {
     QString found[2] = {QLatin1String(""), QLatin1String("")};
-    if (data.size() >= shortestText) {
-        int brace = data.indexOf('{');
-        while (brace >= 0 && !startsUuid(data, brace))
-            brace = data.indexOf('{', brace + 1);
+    int brace = data.indexOf('{');
+    while (brace >= 0 && !startsUuid(data, brace))
+        brace = data.indexOf('{', brace + 1);
 
-        // A zero byte hides what stands behind it, also a second UUID.
-        const int end = brace < 0 ? -1 : data.indexOf('\0', brace);
-        for (int count = 0; count < 2 && brace >= 0 && (end < 0 || brace < end);) {
-            const bool complete = isUuid(data, brace);
-            if (complete)
-                found[count++] = QString::fromLatin1(data.constData() + brace, uuidLength);
-            brace = data.indexOf('{', brace + (complete ? uuidLength : 1));
-        }
+    // A zero byte hides what stands behind it, also a second UUID.
+    const int end = brace < 0 ? -1 : data.indexOf('\0', brace);
+    for (int count = 0; count < 2 && brace >= 0 && (end < 0 || brace < end);) {
+        const bool complete = isUuid(data, brace);
+        if (complete)
+            found[count++] = QString::fromLatin1(data.constData() + brace, uuidLength);
+        brace = data.indexOf('{', brace + (complete ? uuidLength : 1));
     }
     return {found[0], found[1]};
 }

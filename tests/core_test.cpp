@@ -1,5 +1,6 @@
 // Construction, settings, the order of a turn, registration with the rendezvous server.
 
+#include "core/clock.h"
 #include "tests/support/box.h"
 
 #include <QMetaMethod>
@@ -33,6 +34,21 @@ private slots:
         const WebServer web;
         const UDPHandler second;
         QCOMPARE(logLines().last(), "debug Connected to local TCP port 80");
+        for (const auto &[address, port] :
+             {std::pair(QHostAddress::Any, second.udpSocket->localPort()), std::pair(QHostAddress::AnyIPv4, quint16(5001))})
+            QVERIFY(QUdpSocket().bind(QHostAddress(address), port, QUdpSocket::ShareAddress)); // others may listen too
+    }
+
+    void periodsRunOutStrictlyAfterTheirEnd()
+    {
+        bool isSameMillisecond = false;
+        for (int i = 0; i < 1000 && !isSameMillisecond; i++) {
+            const QDateTime now = QDateTime::currentDateTime();
+            const bool isOut = hasElapsed(now.addSecs(-60), std::chrono::seconds(60));
+            isSameMillisecond = now == QDateTime::currentDateTime();
+            QVERIFY(!isOut || !isSameMillisecond);
+        }
+        QVERIFY(isSameMillisecond && hasElapsed(ago(60001), std::chrono::seconds(60)));
     }
 
     void settingsAreReadAsStored()
@@ -70,31 +86,22 @@ private slots:
         }
     }
 
-    void changedPortMovesNoSocket()
-    {
-        Box box;
-        box.start().set({{"nat_udpport", "5005"}});
-        box.relay->lastSettingsLoad = ago(20100);
-        box.turns(1);
-        QCOMPARE(int(box.relay->udpPort), 5005);
-        Peer peer;
-        peer.send(peer.link(3));
-        QCOMPARE(box.reply(peer), "\x03" + boxUuid + peerUuid);
-    }
-
     void registrationTellsFreshSettings()
     {
         Box box;
         box.start();
         QUdpSocket server;
         server.bind(QHostAddress(QHostAddress::Any), 7000); // "localhost" may be either family
-        box.set({{"nat_tcpport", "80"}, {"uuid", "abc"}, {"nat_server_update_interval", "10"}});
+        box.set({{"nat_tcpport", "80"}, {"nat_udpport", "5005"}, {"uuid", "abc"}, {"nat_server_update_interval", "10"}});
         box.relay->lastServerUpdate = ago(10100); // due only by the interval that the same turn's reload brings
         box.relay->lastSettingsLoad = ago(20100);
-        box.turns(3);
+        box.turns(1);
         QByteArray registration(100, '\0');
-        registration.resize(int(server.readDatagram(registration.data(), registration.size())));
-        QCOMPARE(registration.toHex(), "0100501388616263");
+        quint16 sender = 0;
+        registration.resize(int(server.readDatagram(registration.data(), registration.size(), nullptr, &sender)));
+        QCOMPARE(registration.toHex(), "010050138d616263"); // the new port, though the socket stays on the old one
+        QCOMPARE(int(sender), 5000);
+        box.turns(2);
         QCOMPARE(logged("debug Sending UDP keep alive to server localhost:X. Result: 8"), 1);
         QCOMPARE(logged("debug Send UDP message to server"), 1);
 
@@ -103,6 +110,12 @@ private slots:
         box.turns(3);
         QCOMPARE(logged("info Hostname lookup to no such name failed. Make sure there is available internet at IXO! Error: "), 1);
         QVERIFY(!server.hasPendingDatagrams());
+
+        box.relay->serverUpdateInterval = -1; // every turn; and the kernel refuses port 0
+        box.relay->serverUdpPort = 0;
+        box.set({{"server_hostname", "localhost"}});
+        box.turns(3);
+        QCOMPARE(logged(". Result: -1"), 3);
     }
 };
 

@@ -54,10 +54,11 @@ struct Peer {
     QByteArray receive()
     {
         QByteArray data(int(std::max<qint64>(socket.pendingDatagramSize(), 0)), '\0');
-        return socket.readDatagram(data.data(), data.size()) < 0 ? QByteArray() : data;
+        return socket.readDatagram(data.data(), data.size(), nullptr, &senderPort) < 0 ? QByteArray() : data;
     }
 
     const QHostAddress local{QHostAddress::LocalHost};
     QByteArray uuid;
     QUdpSocket socket;
+    quint16 senderPort = 0; // of the datagram received last
 };
