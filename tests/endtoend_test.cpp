@@ -201,6 +201,8 @@ private slots:
         const QByteArray chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
         const QList<std::tuple<QByteArray, QByteArray, QByteArray>> rows{
             {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nshort", "short", "cut short, 4 bytes are missing"},
+            {"HTTP/1.1 200 OK\r\nServer: x", "", "the response ends within its header"},
+            {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n", "", "cut short, the rest does not come"}, // the relay waits too
             {chunked + "5\r\nshort\r\n", "short", "cut short, the rest does not come"},
             {chunked + "five\r\nshort\r\n0\r\n\r\n", "", "a chunk of the response has no size"},
             {"SSH-2.0-box\r\n\r\n", "", "the answer is no HTTP response"},
@@ -236,7 +238,8 @@ private slots:
             {"\n", "\n", {"--config", "/no/such.ini", "get", "/"}, "/no/such.ini: No such file or directory"},
             {"\n", "\n", {"/"}, "use nat-peer --config peer.ini get /path"},
             {"\n", "\n", {"--key", "x", "get", "/"}, "Unknown option 'key'"},
-            {"\n", "\n", {"get", "/\r\nHost: x"}, "the path must begin with /"}};
+            {"\n", "\n", {"get", "/\r\nHost: x"}, "the path must begin with /"},
+            {"\n", "\n", {"get", "/" + QString(66000, 'x')}, "the path is too long"}};
         for (const auto &[right, wrong, words, complaint] : rows) {
             write("peer.ini", QByteArray(config).replace(right, wrong));
             const auto [status, output, error] = fetch(words);

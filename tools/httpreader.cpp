@@ -50,6 +50,10 @@ void HttpReader::feed(const QByteArray &bytes)
 
 void HttpReader::endSeries()
 {
+    // The relay waits for more as soon as it has seen this field, in these letters, be the header whole or not.
+    const bool isMoreToCome = m_state == State::Header && m_buffer.contains("Transfer-Encoding: chunked");
+    if (isMoreToCome)
+        return;
     if (m_state == State::Header)
         fail(QStringLiteral("the response ends within its header"));
     else if (m_state == State::Body && m_left > 0)

@@ -18,7 +18,7 @@ constexpr int defaultTimeout = 30; // s; the relay itself gives a silent peer, b
 
 int complain(const QString &reason)
 {
-    std::fprintf(stderr, "nat-peer: %s\n", qPrintable(reason));
+    std::fprintf(stderr, "nat-peer: %s\n", qPrintable(reason.simplified())); // one line, whatever a file is called
     return 1;
 }
 
@@ -141,10 +141,14 @@ int main(int argc, char **argv)
     if (box.isNull())
         return complain(QStringLiteral("no address found for %1, the box's host").arg(peer.boxHost));
 
+    const QByteArray request =
+        "GET " + words.at(1).toLatin1() + " HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: nat-peer\r\nAccept: */*\r\n\r\n";
+    if (request.size() > RelayClient::longestRequest)
+        return complain(
+            QStringLiteral("the path is too long: a request must fit into %1 bytes").arg(RelayClient::longestRequest));
     RelayClient client(peer, box, 1000 * seconds);
     const Fetch fetch(&client, parser.isSet(include));
-    client.send("GET " + words.at(1).toLatin1() +
-                " HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: nat-peer\r\nAccept: */*\r\n\r\n");
+    client.send(request);
     return QCoreApplication::exec();
 }
 

@@ -23,8 +23,10 @@ public:
     /// `timeout`: how long, in ms, a response may make no progress.
     RelayClient(const PeerConfig &config, const QHostAddress &box, int timeout, QObject *parent = nullptr);
 
-    /// Has the relay forget whatever it still holds for this peer, then brings it the request (at most 65,426 bytes, so
-    /// that it fits a datagram).
+    /// Bytes of a request: it must fit one datagram, of at most 65,507 bytes over IPv4, behind the header.
+    static constexpr int longestRequest = 65507 - datagram::requestPayloadOffset;
+
+    /// Has the relay forget whatever it still holds for this peer, then brings it the request.
     void send(const QByteArray &httpRequest);
 
     /// Has the relay forget what it holds for this peer, so that it resends nothing to a peer that has gone; left() or

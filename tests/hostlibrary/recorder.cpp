@@ -20,31 +20,13 @@ void record(const QStringList &call)
 }
 } // namespace
 
-void Logger::logDebug(QString category, QString message)
-{
-    record({"debug", category, message});
-}
-void Logger::logInfo(QString category, QString message)
-{
-    record({"info", category, message});
-}
-void Logger::logWarning(QString category, QString message)
-{
-    record({"warning", category, message});
-}
-void Logger::logError(QString category, QString message)
-{
-    record({"error", category, message});
-}
+void Logger::logDebug(QString category, QString message) { record({"debug", category, message}); }
+void Logger::logInfo(QString category, QString message) { record({"info", category, message}); }
+void Logger::logWarning(QString category, QString message) { record({"warning", category, message}); }
+void Logger::logError(QString category, QString message) { record({"error", category, message}); }
 
-Database::Database(QString connectionName) : m_name(connectionName)
-{
-    record({"open", m_name});
-}
-Database::~Database()
-{
-    record({"close", m_name});
-}
+Database::Database(QString connectionName) : m_name(connectionName) { record({"open", m_name}); }
+Database::~Database() { record({"close", m_name}); }
 
 QString Database::getSetting(QString name, QString accessKey)
 {

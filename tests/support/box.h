@@ -11,6 +11,7 @@
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QUrl>
 
 #include <functional>
 #include <memory>
@@ -25,21 +26,15 @@ inline void recordLog(QtMsgType type, const QMessageLogContext & /*context*/, co
 {
     logLines() += QStringList{"debug ", "warning ", "error ", "fatal ", "info "}.value(type) + message;
 }
-inline int logged(const QString &text)
-{
-    return logLines().filter(text).size();
-}
-inline QDateTime ago(int milliseconds)
-{
-    return QDateTime::currentDateTime().addMSecs(-milliseconds);
-}
+inline int logged(const QString &text) { return logLines().filter(text).size(); }
+inline QDateTime ago(int milliseconds) { return QDateTime::currentDateTime().addMSecs(-milliseconds); }
 
 /// A box: a store of its own and, once started, a relay in this process whose turns the test runs.
 struct Box {
     Box()
     {
         qputenv("QT_LOGGING_RULES", "NAT.debug=true");
-        qputenv("BOX_DATABASE", "sqlite:" + QFile::encodeName(folder.filePath("box.sqlite")));
+        qputenv("BOX_DATABASE", "sqlite:" + QUrl::toPercentEncoding(folder.filePath("box.sqlite"), "/"));
         qInstallMessageHandler(recordLog);
         store = QSqlDatabase::addDatabase("QSQLITE", "box");
         store.setDatabaseName(folder.filePath("box.sqlite"));
