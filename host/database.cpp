@@ -20,36 +20,54 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <utility>
+
+using namespace std::chrono_literals;
 
 namespace
 {
 using Rows = QList<QVector<QString>>;
 
 constexpr char sqliteOptions[] = "QSQLITE_OPEN_URI;QSQLITE_BUSY_TIMEOUT=1000"; // ms; other programs write briefly
-constexpr char mariadbOptions[] =                                              // s; the caller stands still meanwhile
+constexpr char sqliteBusy[] = "5"; // its result code for a lock that another program holds
+constexpr char mariadbOptions[] =  // s; the caller stands still meanwhile
     "MYSQL_OPT_CONNECT_TIMEOUT=2;MYSQL_OPT_READ_TIMEOUT=2;MYSQL_OPT_WRITE_TIMEOUT=2";
+constexpr std::chrono::milliseconds lockMemory = 10s; // a lock that lasts longer meets another use anyway
 constexpr int restFactor = 4; // rest after a failure, in times its length: a store that hangs takes a fifth of the time
 
 /// Logs the first failure and the return of the store, however many uses fail in between.
 class Health
 {
 public:
-    static void failed(const QString &what, const QString &store, const QString &error)
+    static Health &ofStore()
     {
-        if (failing().isEmpty())
+        static Health health;
+        return health;
+    }
+    void failed(const QString &what, const QString &store, const QString &error, bool isLock)
+    {
+        const bool isNews = what == opening() ? !m_failing.contains(what) : m_failing.isEmpty();
+        if (isNews)
             Logger::logError(logCategory(), QStringLiteral("Store %1 fails: %2").arg(store, error));
-        failing().insert(what);
+        m_failing.insert(what);
+        if (isLock) {
+            m_locked.insert(what);
+            m_sinceLock.start();
+        }
     }
     /// `use` works, and so the store can be opened again.
-    static void worked(const QString &use, const QString &store)
+    void worked(const QString &use, const QString &store)
     {
-        if (failing().isEmpty())
+        if (m_failing.isEmpty())
             return;
-        failing().remove(use);
-        failing().remove(opening());
-        if (failing().isEmpty())
+        const bool isOpenAgain = m_failing.remove(opening());
+        m_failing.remove(use);
+        // A use that met a lock may not come again for hours; others tell by then that the lock has gone.
+        if (m_sinceLock.isValid() && m_sinceLock.hasExpired(lockMemory.count()))
+            m_failing -= std::exchange(m_locked, {});
+        if (isOpenAgain || m_failing.isEmpty())
             Logger::logInfo(logCategory(), QStringLiteral("Store %1 works again").arg(store));
     }
     /// Fails and returns for all uses at once.
@@ -57,11 +75,9 @@ public:
 
 private:
     static QString logCategory() { return QStringLiteral("STORE"); }
-    static QSet<QString> &failing()
-    {
-        static QSet<QString> names;
-        return names;
-    }
+    QSet<QString> m_failing; // uses, by their connection's name
+    QSet<QString> m_locked;
+    QElapsedTimer m_sinceLock;
 };
 
 /// The connection kept under one name.
@@ -110,13 +126,14 @@ bool Connection::run(const QString &sql, const QList<QString> &params, Rows *row
     duration.start();
     if (attempt(sql, params, rows)) {
         m_sinceFailure.invalidate();
-        Health::worked(m_name, m_store.shown);
+        Health::ofStore().worked(m_name, m_store.shown);
         return true;
     }
     close(); // the next use begins afresh, whatever was wrong
     m_rest = restFactor * duration.elapsed();
     m_sinceFailure.start();
-    Health::failed(m_failedUse, m_store.shown, m_error);
+    const bool isLock = m_failedUse == m_name && m_errorCode == QLatin1String(sqliteBusy);
+    Health::ofStore().failed(m_failedUse, m_store.shown, m_error, isLock);
     return false;
 }
 

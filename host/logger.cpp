@@ -89,9 +89,11 @@ public:
         const bool isRepeated = line == m_line && !m_sinceLast.hasExpired(floodSpacing.count());
         m_sinceLast.start();
         if (!isRepeated || m_sinceReport.hasExpired(floodReport.count()))
-            report(level, log);
+            report();
         m_repeats = isRepeated ? m_repeats + 1 : 0;
         m_line = line;
+        m_level = level;
+        m_log = &log;
         if (m_repeats < floodPatience)
             return false;
         m_swallowed++;
@@ -99,14 +101,16 @@ public:
     }
 
 private:
-    void report(QtMsgType level, const QLoggingCategory &log)
+    void report()
     {
         if (m_swallowed > 0)
-            output(level, log, QStringLiteral("(the line before, %1 times more)").arg(m_swallowed));
+            output(m_level, *m_log, QStringLiteral("(the line before, %1 times more)").arg(m_swallowed));
         m_swallowed = 0;
         m_sinceReport.start();
     }
     QString m_line;
+    QtMsgType m_level = QtInfoMsg;
+    const QLoggingCategory *m_log = nullptr;
     int m_repeats = 0;
     int m_swallowed = 0;
     QElapsedTimer m_sinceLast;

@@ -38,12 +38,14 @@ StoreUrl mariadb(const QUrl &url)
 
 StoreUrl StoreUrl::parse(const QString &text)
 {
-    if (text.isEmpty())
-        return sqlite(qEnvironmentVariable("STATE_DIRECTORY", QStringLiteral("/var/lib/nat-relayd")) +
+    if (text.isEmpty()) {
+        const QString state = qEnvironmentVariable("STATE_DIRECTORY").section(QLatin1Char(':'), 0, 0); // may be a list
+        return sqlite((state.isEmpty() ? QStringLiteral("/var/lib/nat-relayd") : state) +
                       QStringLiteral("/box.sqlite"));
+    }
 
     const QUrl url(text);
-    if (url.scheme() == QLatin1String("sqlite"))
+    if (url.scheme() == QLatin1String("sqlite") && url.host().isEmpty())
         return sqlite(url.path(QUrl::FullyDecoded));
     if (url.scheme() == QLatin1String("mysql"))
         return mariadb(url);

@@ -72,6 +72,8 @@ void UDPHandler::sendBurst(const RemoteClient &peer)
 {
     const QByteArray connectRequest = datagram::link(DatagramKind::ConnectRequest, uuid, peer.remoteUuid);
     const auto send = [&](quint16 port) {
+        if (peer.host.isNull()) // the system would take it for the box itself
+            return;
         const QByteArray wire = encryptMessage(connectRequest);
         udpSocket->writeDatagram(wire.constData(), wire.size(), peer.host, port);
         udpSocket->waitForBytesWritten(static_cast<int>(writeWait.count()));

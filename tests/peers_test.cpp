@@ -59,9 +59,10 @@ private slots:
         QCOMPARE(box.client().udpPort, 4000);
         QCOMPARE(box.client().udpPortRemote, 0); // comes with the next read
         box.client().tries = 5;
+        box.client().lastSeen = box.client().lastAttempt = ago(5000);
         box.sql("DELETE FROM nat_traverse");
         box.addPeer(otherUuid, 0, "no address");
-        box.relay->lastRemoteClientsLoad = ago(980);
+        box.relay->lastRemoteClientsLoad = ago(950);
         box.relay->getRemoteClients();
         QCOMPARE(box.relay->remoteClients.size(), 1);
         box.relay->lastRemoteClientsLoad = ago(1001);
@@ -72,7 +73,11 @@ private slots:
         box.loadClients();
         QCOMPARE(box.client().host.toString(), "::1");
         QCOMPARE(box.client().udpPortRemote, 4001);
-        QCOMPARE(box.client().tries, 5);
+        QCOMPARE(int(box.client().status), 1);
+        QVERIFY(box.client().tries == 5 && box.client().lastSeen.isValid() && box.client().lastAttempt.isValid());
+        box.sql("ALTER TABLE nat_traverse RENAME TO gone");
+        box.loadClients();
+        QCOMPARE(box.relay->remoteClients.size(), 2); // a failed read leaves the table
     }
 
     void wantedConnectionTakesTwoReads()
@@ -120,10 +125,10 @@ private slots:
             QVERIFY(box.turnUntil([&] { return peer.socket.hasPendingDatagrams(); }));
             QCOMPARE(peer.receive(), "\x02\x1f\x98\x13\x88" + boxUuid + strangerUuid); // ports 8088 and 5000, in plain
             QCOMPARE(box.client(strangerUuid).udpPort, 5000);
-            QCOMPARE(box.client(strangerUuid).tries, 0);
+            QVERIFY(box.client(strangerUuid).lastAttempt.isNull());
             QCOMPARE(logged(line), 1); // a known peer is entered anew without a word
             QCOMPARE(logged("info Set connection status for 127.0.0.1 to 1"), time);
-            box.client(strangerUuid).tries = 9;
+            box.client(strangerUuid).lastAttempt = ago(0); // starts afresh with the repeated request
         }
         peer.sendPlain("\x03" + strangerUuid, 5001);
         QVERIFY(box.turnUntil([&] { return !clients.contains(strangerUuid); }));
@@ -179,6 +184,14 @@ private slots:
         QCOMPARE(logLines().last(), "warning Could not connect to remote users. Tried: 2");
         QCOMPARE(box.storedStatus(peerUuid), 0);
         QCOMPARE(box.client().tries, 0);
+        box.relay->maxConnectTries = -1; // unsigned: without end
+        box.client().status = 3;
+        box.client().lastAttempt = QDateTime();
+        const Capture capture;
+        box.client().host.clear(); // an address that could not be read: the burst counts, and nothing is sent
+        box.turns(1);
+        QCOMPARE(logged(" Try: 0"), 2);
+        QVERIFY(capture.datagrams().isEmpty() && box.client().status == 3);
     }
 
     void silentPeersTimeOut()
