@@ -1,97 +1,210 @@
-// nat-peer: fetches a page from the box's web server through the relay.
+// nat-peer: the command line. Reaches the box's web server through the relay.
 
-#include "tools/httpreader.h"
+#include "tools/boxpath.h"
+#include "tools/discovery.h"
+#include "tools/fetch.h"
+#include "tools/httpproxy.h"
 #include "tools/peerconfig.h"
-#include "tools/relayclient.h"
+#include "tools/progressline.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
-#include <QHostInfo>
 #include <QRegularExpression>
+#include <QSocketNotifier>
+#include <QUrl>
+
+#include <sys/signalfd.h>
 
 #include <csignal>
 #include <cstdio>
 
 namespace
 {
-constexpr int defaultTimeout = 30; // s; the relay itself gives a silent peer, behind which others wait, up 25 s
+const QString usage =
+    QStringLiteral("use nat-peer --config peer.ini get /path, serve or discover; see nat-peer --help");
+
+void tell(const QString &line)
+{
+    std::fprintf(stderr, "nat-peer: %s\n", qPrintable(line.simplified())); // one line, whatever a file is called
+}
 
 int complain(const QString &reason)
 {
-    std::fprintf(stderr, "nat-peer: %s\n", qPrintable(reason.simplified())); // one line, whatever a file is called
+    tell(reason);
     return 1;
 }
 
-/// Writes the response as it comes and ends the event loop when it is whole or cannot become so.
-class Fetch : public QObject
+/// The options of the command line, and how each number may be.
+class Options
 {
-    Q_OBJECT
-
 public:
-    Fetch(RelayClient *client, bool withHeader) : m_client(client), m_withHeader(withHeader)
+    Options()
     {
-        connect(client, &RelayClient::received, this, &Fetch::take);
-        connect(client, &RelayClient::seriesEnded, this, &Fetch::endSeries);
-        connect(client, &RelayClient::failed, this, &Fetch::fail);
-        connect(client, &RelayClient::left, this, [this] { QCoreApplication::exit(m_status); });
+        m_parser.setApplicationDescription(
+            QStringLiteral("Reaches the web server of a box behind its router.\n\n"
+                           "  get /path                prints a page\n"
+                           "  serve                    lets any browser reach the box, at http://127.0.0.1:8080\n"
+                           "  discover [address[:port]]  lists the boxes on the local network"));
+        m_parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("get, serve or discover."),
+                                       QStringLiteral("command [argument]"));
+        m_parser.addOption({{QStringLiteral("h"), QStringLiteral("help")}, QStringLiteral("Print this help.")});
+        m_parser.addOption({QStringLiteral("config"),
+                            QStringLiteral("Who talks to which box (INI file). Without an address in it, the box is "
+                                           "looked for on the local network."),
+                            QStringLiteral("file")});
+        m_parser.addOption({QStringLiteral("listen"),
+                            QStringLiteral("serve: where browsers connect (default 127.0.0.1:8080)."),
+                            QStringLiteral("address:port"), QStringLiteral("127.0.0.1:8080")});
+        m_parser.addOption({{QStringLiteral("i"), QStringLiteral("include")},
+                            QStringLiteral("get: print status line and header fields too.")});
+        m_parser.addOption(
+            {{QStringLiteral("v"), QStringLiteral("verbose")}, QStringLiteral("serve: a line for each request.")});
+        m_parser.addOption({QStringLiteral("punch"),
+                            QStringLiteral("Open a path through routers that change ports: try more sockets and ports, "
+                                           "the fewest first.")});
+        addNumber("timeout", "Give up when nothing new comes for so long", "seconds", 30);
+        addNumber("queue", "serve: so many requests may wait", "requests", 32);
+        addNumber("udp-port", "Local UDP port, 0 for any", "port", 0);
+        addNumber("keep-alive", "Time between datagrams that keep the path open", "seconds", 15);
+        addNumber("punch-rate", "Send at most so many datagrams while punching", "a minute", 20000);
     }
+
+    /// The error, or empty text.
+    QString read(const QStringList &arguments)
+    {
+        if (!m_parser.parse(arguments))
+            return QStringLiteral("%1; %2").arg(m_parser.errorText(), usage);
+        if (m_parser.isSet(QStringLiteral("help")))
+            m_parser.showHelp(0);
+        return firstError({checkNumber("timeout", 1, 86400), checkNumber("queue", 1, 10000),
+                           checkNumber("udp-port", 0, 65535), checkNumber("keep-alive", 1, 3600),
+                           checkNumber("punch-rate", 100, 1000000)});
+    }
+
+    QStringList words() const { return m_parser.positionalArguments(); }
+    bool isSet(const char *name) const { return m_parser.isSet(QString::fromLatin1(name)); }
+    QString text(const char *name) const { return m_parser.value(QString::fromLatin1(name)); }
+    int number(const char *name) const { return text(name).toInt(); }
 
 private:
-    void take(const QByteArray &bytes)
+    void addNumber(const char *name, const char *meaning, const char *unit, int value)
     {
-        m_reader.feed(bytes);
-        QByteArray output = m_reader.takeBody();
-        if (m_withHeader && !m_reader.header().isEmpty()) {
-            output.prepend(m_reader.header());
-            m_withHeader = false;
-        }
-        const bool isWritten = std::fwrite(output.constData(), 1, static_cast<size_t>(output.size()), stdout) ==
-                                   static_cast<size_t>(output.size()) &&
-                               std::fflush(stdout) == 0;
-        if (!isWritten)
-            finish(QStringLiteral("cannot write to standard output: ") + qt_error_string());
-        else
-            settle();
+        m_parser.addOption({QString::fromLatin1(name),
+                            QStringLiteral("%1 (default %2).").arg(QString::fromLatin1(meaning)).arg(value),
+                            QString::fromLatin1(unit), QString::number(value)});
     }
-    void endSeries()
+    QString checkNumber(const char *name, int least, int most) const
     {
-        m_reader.endSeries();
-        settle();
+        bool isNumber = false;
+        const int value = text(name).toInt(&isNumber);
+        return isNumber && value >= least && value <= most ? QString()
+                                                           : QStringLiteral("--%1 must be a number from %2 to %3")
+                                                                 .arg(QString::fromLatin1(name))
+                                                                 .arg(least)
+                                                                 .arg(most);
     }
-    void settle()
+    static QString firstError(const QStringList &errors)
     {
-        if (m_reader.isComplete() || !m_reader.error().isEmpty())
-            finish(m_reader.error());
-    }
-    void fail(const QString &reason)
-    {
-        if (m_isFinished) // the farewell was not answered; what was fetched is fetched
-            QCoreApplication::exit(m_status);
-        else
-            finish(reason);
-    }
-    void finish(const QString &error)
-    {
-        if (m_isFinished)
-            return;
-        m_isFinished = true;
-        m_status = error.isEmpty() ? 0 : complain(error);
-        m_client->leave();
+        return errors.join(QString()).isEmpty() ? QString()
+                                                : errors.filter(QRegularExpression(QStringLiteral("."))).constFirst();
     }
 
-    RelayClient *m_client;
-    bool m_withHeader;
-    HttpReader m_reader;
-    bool m_isFinished = false;
-    int m_status = 0;
+    QCommandLineParser m_parser;
 };
 
-QHostAddress resolve(const QString &host)
+/// An address with or without a port; an IPv6 address in brackets.
+struct Endpoint {
+    QHostAddress address;
+    int port = -1;
+    explicit Endpoint(const QString &text)
+    {
+        const QUrl url(QStringLiteral("udp://") + text, QUrl::StrictMode);
+        address = QHostAddress(url.host());
+        port = url.port();
+    }
+};
+
+int get(RelayClient *client, const Options &options)
 {
-    const QHostAddress literal(host); // an address needs no lookup, which would ask for its name
-    if (!literal.isNull())
-        return literal;
-    return QHostInfo::fromName(host).addresses().value(0);
+    const QString target = options.words().value(1);
+    static const QRegularExpression printable(QStringLiteral("\\A/[!-~]*\\z"));
+    if (!printable.match(target).hasMatch())
+        return complain(QStringLiteral("the path must begin with / and hold no spaces; encode others than ASCII "
+                                       "characters as %XX"));
+    constexpr int roomForFields = 200;
+    if (target.size() > RelayClient::longestRequest - roomForFields)
+        return complain(
+            QStringLiteral("the path is too long: a request must fit into %1 bytes").arg(RelayClient::longestRequest));
+    ProgressLine line;
+    Fetch fetch(client, options.isSet("include"));
+    QObject::connect(&fetch, &Fetch::progressed, [&line](const RelayClient::Traffic &traffic) { line.show(traffic); });
+    QObject::connect(&fetch, &Fetch::finished, [&line](const QString &error) {
+        line.clear();
+        QCoreApplication::exit(error.isEmpty() ? 0 : complain(error));
+    });
+    fetch.get(target);
+    return QCoreApplication::exec();
+}
+
+int serve(RelayClient *client, BoxPath *path, const Options &options)
+{
+    const Endpoint listen(options.text("listen"));
+    if (listen.address.isNull() || listen.port < 1)
+        return complain(QStringLiteral("--listen must be an address and a port, like 127.0.0.1:8080"));
+    HttpProxy proxy(client, {options.number("queue"), options.isSet("verbose")});
+    if (!proxy.listen(listen.address, static_cast<quint16>(listen.port)))
+        return complain(QStringLiteral("cannot listen on %1: %2; choose another one with --listen")
+                            .arg(options.text("listen"), proxy.errorString()));
+    ProgressLine line;
+    QObject::connect(&proxy, &HttpProxy::progressed, [&](const RelayClient::Traffic &traffic) {
+        if (options.isSet("verbose"))
+            line.show(traffic);
+    });
+    QObject::connect(&proxy, &HttpProxy::logged, [&line](const QString &text) {
+        line.clear();
+        tell(text);
+    });
+
+    // A relay that is not told good-bye would go on sending.
+    sigset_t signals_;
+    sigemptyset(&signals_);
+    sigaddset(&signals_, SIGINT);
+    sigaddset(&signals_, SIGTERM);
+    sigprocmask(SIG_BLOCK, &signals_, nullptr);
+    QSocketNotifier ended(signalfd(-1, &signals_, SFD_CLOEXEC), QSocketNotifier::Read);
+    QObject::connect(&ended, &QSocketNotifier::activated, [client, &ended] {
+        ended.setEnabled(false);
+        client->leave();
+    });
+    QObject::connect(client, &RelayClient::left, [] { QCoreApplication::exit(0); });
+
+    QObject::connect(path, &BoxPath::opened, [] { tell(QStringLiteral("the box answers")); });
+    QObject::connect(path, &BoxPath::failed, [](const QString &reason) { tell(reason); });
+    tell(QStringLiteral("open http://%1/ in a browser; Ctrl-C ends").arg(options.text("listen")));
+    path->open(); // what is wrong is told now, not at the first request
+    return QCoreApplication::exec();
+}
+
+int discover(const PeerConfig &peer, const Options &options)
+{
+    const QString where = options.words().value(1);
+    const Endpoint target(where);
+    if (!where.isEmpty() && target.address.isNull())
+        return complain(
+            QStringLiteral("%1 is no address; use discover, or discover 192.0.2.1 or 192.0.2.1:5001").arg(where));
+    const quint16 port = target.port > 0 ? static_cast<quint16>(target.port) : Discovery::defaultPort;
+    Discovery discovery(peer.uuid, target.address, port);
+    bool isFound = false;
+    QObject::connect(&discovery, &Discovery::found, [&](const FoundBox &box) {
+        isFound = true;
+        std::printf("%s UDP %d TCP %d %s\n", qPrintable(box.address.toString()), box.udpPort, box.tcpPort,
+                    qPrintable(box.uuid));
+        std::fflush(stdout);
+    });
+    QObject::connect(&discovery, &Discovery::finished, [&isFound] {
+        QCoreApplication::exit(isFound ? 0 : complain(QStringLiteral("no box answered within 3 s")));
+    });
+    return QCoreApplication::exec();
 }
 } // namespace
 
@@ -101,55 +214,36 @@ int main(int argc, char **argv)
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("nat-peer"));
 
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Fetches a page from the web server of a box behind its router."));
-    const QCommandLineOption help({QStringLiteral("h"), QStringLiteral("help")}, QStringLiteral("Print this help."));
-    const QCommandLineOption config(QStringLiteral("config"), QStringLiteral("Who talks to which box (INI file)."),
-                                    QStringLiteral("file"));
-    const QCommandLineOption include({QStringLiteral("i"), QStringLiteral("include")},
-                                     QStringLiteral("Print status line and header fields too."));
-    const QCommandLineOption timeout(
-        QStringLiteral("timeout"),
-        QStringLiteral("Give up when nothing new comes for so long (default %1).").arg(defaultTimeout),
-        QStringLiteral("seconds"), QString::number(defaultTimeout));
-    parser.addOptions({help, config, include, timeout});
-    parser.addPositionalArgument(QStringLiteral("get"), QStringLiteral("The only command."), QStringLiteral("get"));
-    parser.addPositionalArgument(QStringLiteral("path"), QStringLiteral("What to get, for example /index.html."),
-                                 QStringLiteral("/path"));
-
-    const QString usage = QStringLiteral("use nat-peer --config peer.ini get /path, or see nat-peer --help");
-    if (!parser.parse(QCoreApplication::arguments()))
-        return complain(QStringLiteral("%1; %2").arg(parser.errorText(), usage));
-    if (parser.isSet(help))
-        parser.showHelp(0);
-    const QStringList words = parser.positionalArguments();
-    if (words.size() != 2 || words.at(0) != QLatin1String("get") || !parser.isSet(config))
+    Options options;
+    const QString mistake = options.read(QCoreApplication::arguments());
+    if (!mistake.isEmpty())
+        return complain(mistake);
+    const QString command = options.words().value(0);
+    const int most = command == QLatin1String("serve") ? 1 : 2;
+    const int least = command == QLatin1String("get") ? 2 : 1;
+    const bool isKnown =
+        QStringList{QStringLiteral("get"), QStringLiteral("serve"), QStringLiteral("discover")}.contains(command);
+    if (!isKnown || options.words().size() < least || options.words().size() > most || !options.isSet("config"))
         return complain(usage);
-    static const QRegularExpression printable(QStringLiteral("\\A/[!-~]*\\z"));
-    if (!printable.match(words.at(1)).hasMatch())
-        return complain(QStringLiteral("the path must begin with / and hold no spaces; encode others than ASCII "
-                                       "characters as %XX"));
-    bool isNumber = false;
-    const int seconds = parser.value(timeout).toInt(&isNumber);
-    if (!isNumber || seconds < 1 || seconds > 86400)
-        return complain(QStringLiteral("the time-out must be a number of seconds from 1 to 86400"));
 
-    const PeerConfig peer = PeerConfig::read(parser.value(config));
+    const PeerConfig peer = PeerConfig::read(options.text("config"));
     if (!peer.error.isEmpty())
         return complain(peer.error);
-    const QHostAddress box = resolve(peer.boxHost);
-    if (box.isNull())
-        return complain(QStringLiteral("no address found for %1, the box's host").arg(peer.boxHost));
+    if (command == QLatin1String("discover"))
+        return discover(peer, options);
 
-    const QByteArray request =
-        "GET " + words.at(1).toLatin1() + " HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: nat-peer\r\nAccept: */*\r\n\r\n";
-    if (request.size() > RelayClient::longestRequest)
-        return complain(
-            QStringLiteral("the path is too long: a request must fit into %1 bytes").arg(RelayClient::longestRequest));
-    RelayClient client(peer, box, 1000 * seconds);
-    const Fetch fetch(&client, parser.isSet(include));
-    client.send(request);
-    return QCoreApplication::exec();
+    BoxPath::Options how;
+    constexpr std::chrono::seconds punchLimit(60); // through all steps
+    how.udpPort = static_cast<quint16>(options.number("udp-port"));
+    how.keepAlive = std::chrono::seconds(options.number("keep-alive"));
+    how.punch = options.isSet("punch");
+    how.openLimit = how.punch ? punchLimit : std::min(how.openLimit, std::chrono::seconds(options.number("timeout")));
+    how.datagramsPerMinute = options.number("punch-rate");
+    BoxPath path(peer, how);
+    if (!path.error().isEmpty())
+        return complain(path.error());
+    QObject::connect(&path, &BoxPath::progress, tell);
+    constexpr int millisecondsPerSecond = 1000;
+    RelayClient client(&path, peer.uuid, peer.boxUuid, millisecondsPerSecond * options.number("timeout"));
+    return command == QLatin1String("get") ? get(&client, options) : serve(&client, &path, options);
 }
-
-#include "natpeer.moc"

@@ -34,9 +34,11 @@ QString checkHex(const QString &text, const QString &name)
 
 QString checkAddress(const QUrl &address)
 {
-    return !address.host().isEmpty() && address.port() > 0
+    const bool isLeftOut = address.toString() == QLatin1String("udp://");
+    return isLeftOut || (!address.host().isEmpty() && address.port() > 0)
                ? QString()
-               : QStringLiteral("address in [box] must be host:port, an IPv6 address in brackets");
+               : QStringLiteral("address in [box] must be host:port, an IPv6 address in brackets; without it the box "
+                                "is looked for on the local network");
 }
 
 QString firstOf(const QStringList &errors)

@@ -1,15 +1,14 @@
-// The conversation: ConnectRequest until its echo comes, the request until its confirmation comes, then packets, each
-// confirmed as often as it comes. In the end another ConnectRequest.
+// The conversation: a ConnectRequest until its echo comes where the relay may hold something of ours, the request until
+// its confirmation comes, then packets, each confirmed as often as it comes.
 
 #include "tools/relayclient.h"
 
-#include "protocol/cipher.h"
-#include "protocol/uuidscan.h"
-#include "tools/peerconfig.h"
+#include "tools/boxpath.h"
 
 #include <QCryptographicHash>
 #include <QRandomGenerator>
 
+#include <algorithm>
 #include <chrono>
 
 using namespace std::chrono_literals;
@@ -17,40 +16,78 @@ using namespace std::chrono_literals;
 namespace
 {
 constexpr auto resendSpacing = 500ms;
-constexpr std::chrono::milliseconds requestReminder = 5s; // a relay that was restarted has forgotten the request
-constexpr std::chrono::milliseconds connectLimit = 10s;
+constexpr std::chrono::milliseconds reminder = 5s;     // a relay that was restarted has forgotten the request
+constexpr std::chrono::milliseconds pathPatience = 4s; // unconfirmed so long, the request has no path any more
 constexpr std::chrono::milliseconds leaveLimit = 3s;
 constexpr std::chrono::milliseconds packetMemory = 60s; // as long as the relay itself tells a packet from its like
 constexpr quint16 socketId = 1;                         // one request at a time needs no more
 } // namespace
 
-RelayClient::RelayClient(const PeerConfig &config, const QHostAddress &box, int timeout, QObject *parent)
-    : QObject(parent), m_uuid(config.uuid), m_boxUuid(config.boxUuid), m_box(box), m_port(config.boxPort),
-      m_key(config.key), m_iv(config.iv), m_timeout(timeout),
+RelayClient::RelayClient(BoxPath *path, const QString &uuid, const QString &boxUuid, int timeout, QObject *parent)
+    : QObject(parent), m_path(path), m_uuid(uuid), m_boxUuid(boxUuid), m_timeout(timeout),
       m_messageId(static_cast<quint16>(QRandomGenerator::global()->generate()))
 {
-    const bool isIpv4 = box.protocol() == QAbstractSocket::IPv4Protocol;
-    m_socket.bind(QHostAddress(isIpv4 ? QHostAddress::AnyIPv4 : QHostAddress::AnyIPv6), 0);
     m_clock.start();
     m_resend.setInterval(resendSpacing);
-    connect(&m_socket, &QUdpSocket::readyRead, this, &RelayClient::readDatagrams);
     connect(&m_resend, &QTimer::timeout, this, &RelayClient::tick);
+    connect(path, &BoxPath::received, this, &RelayClient::take);
+    connect(path, &BoxPath::opened, this, [this] {
+        if (m_state == State::Opening)
+            proceed();
+    });
+    connect(path, &BoxPath::failed, this, [this](const QString &reason) {
+        if (m_state == State::Opening)
+            fail(Failure::NoAnswer, reason);
+    });
 }
 
-void RelayClient::send(const QByteArray &httpRequest)
+QByteArray RelayClient::request(const QByteArray &http)
 {
-    m_messageId++;
-    m_request = datagram::request(m_messageId, socketId, m_uuid, m_boxUuid, httpRequest);
-    m_isConfirmed = false;
+    return datagram::request(++m_messageId, socketId, m_uuid, m_boxUuid, http);
+}
+
+void RelayClient::send(const QByteArray &httpRequest, bool mayRepeat)
+{
+    // While the web server works on an abandoned request, its answer would be taken for that to the next one. So a
+    // harmless one goes first: whatever comes, the relay closes its link to the web server behind it.
+    m_flush = m_mayLinger ? request("HEAD / HTTP/1.1\r\nHost: localhost\r\n\r\n") : QByteArray();
+    m_request = request(httpRequest);
+    m_mayRepeat = mayRepeat;
     m_series = {};
     m_taken = 0;
+    m_traffic = {};
     m_seen.clear();
-    enter(State::Connecting);
+    m_sinceHeld.invalidate();
+    if (m_path->isFresh())
+        proceed();
+    else
+        enter(State::Opening);
+}
+
+/// The path is open: on with what comes before the request, if anything, or with the request.
+void RelayClient::proceed()
+{
+    if (!m_isClean)
+        enter(State::Clearing);
+    else
+        enter(m_flush.isEmpty() ? State::Requesting : State::Flushing);
+}
+
+void RelayClient::finish()
+{
+    enter(State::Idle);
+}
+
+void RelayClient::abandon()
+{
+    m_isClean = false;
+    m_mayLinger = true;
+    enter(State::Idle);
 }
 
 void RelayClient::leave()
 {
-    if (m_isHeard)
+    if (m_path->isFresh())
         enter(State::Leaving);
     else
         emit left();
@@ -64,68 +101,78 @@ void RelayClient::enter(State state)
         m_resend.stop();
     else
         m_resend.start();
-    transmitForState();
+    if (state == State::Opening)
+        m_path->open();
+    else
+        transmit();
 }
 
 /// What the relay has to hear again and again until it reacts.
-void RelayClient::transmitForState()
-{
-    if (m_state == State::Connecting || m_state == State::Leaving)
-        transmit(datagram::link(DatagramKind::ConnectRequest, m_uuid, m_boxUuid));
-    else if (m_state == State::Requesting)
-        transmit(m_request);
-}
-
-void RelayClient::transmit(const QByteArray &plain)
+void RelayClient::transmit()
 {
     m_sinceTransmit.start();
-    m_socket.writeDatagram(cipher::encipher(plain, m_key, m_iv), m_box, m_port);
+    if (m_state == State::Clearing || m_state == State::Leaving)
+        m_path->send(datagram::link(DatagramKind::ConnectRequest, m_uuid, m_boxUuid));
+    else if (m_state == State::Flushing)
+        m_path->send(m_flush);
+    else if (m_state == State::Requesting)
+        m_path->send(m_request);
 }
 
 void RelayClient::tick()
 {
-    if (m_state == State::Leaving && m_sinceProgress.hasExpired(leaveLimit.count()))
-        return fail(QStringLiteral("the box does not answer any more"));
-    if (m_state == State::Connecting && m_sinceProgress.hasExpired(std::min<qint64>(m_timeout, connectLimit.count())))
-        return fail(
-            QStringLiteral("no answer from the box: is it there, do key and iv match, and does it list this peer?"));
-    if (m_sinceProgress.hasExpired(m_timeout))
-        return fail(m_state == State::Requesting ? QStringLiteral("no answer to the request")
-                                                 : QStringLiteral("the response is cut short, the rest does not come"));
-    const bool isHeld = m_state == State::Requesting && m_isConfirmed;
-    if (!isHeld || m_sinceTransmit.hasExpired(requestReminder.count()))
-        transmitForState();
+    const auto isStuck = [this](std::chrono::milliseconds time) { return m_sinceProgress.hasExpired(time.count()); };
+    if (m_state == State::Opening)
+        return; // the path has its own limit
+    if (m_state == State::Leaving && isStuck(leaveLimit)) {
+        enter(State::Idle);
+        emit left();
+        return;
+    }
+    if (isStuck(std::chrono::milliseconds(m_timeout)))
+        return m_state == State::Receiving
+                   ? fail(Failure::CutShort, QStringLiteral("the response is cut short, the rest does not come"))
+                   : fail(Failure::NoAnswer, QStringLiteral("no answer to the request"));
+
+    const bool isHeld = m_state == State::Requesting && m_sinceHeld.isValid();
+    const bool isLost = !isHeld && m_state != State::Receiving && m_state != State::Leaving && isStuck(pathPatience);
+    if (isLost)
+        enter(State::Opening);
+    else if (!isHeld || (m_mayRepeat && m_sinceTransmit.hasExpired(reminder.count())))
+        transmit();
 }
 
-void RelayClient::fail(const QString &reason)
+void RelayClient::fail(Failure failure, const QString &reason)
 {
-    enter(State::Idle);
-    emit failed(reason);
+    abandon();
+    emit failed(failure, reason);
 }
 
-void RelayClient::readDatagrams()
+void RelayClient::take(const QByteArray &data)
 {
-    do { // read first: a wake-up for a datagram with a bad checksum finds none, and only a read arms the next one
-        QByteArray data(static_cast<int>(std::max<qint64>(m_socket.pendingDatagramSize(), 0)), '\0');
-        m_socket.readDatagram(data.data(), data.size());
-        if (datagram::findUuids(data).constFirst().isEmpty())
-            data = cipher::decipher(data, m_key, m_iv);
-        if (datagram::findUuids(data) != QStringList{m_boxUuid, m_uuid})
-            continue;
+    const auto kind = static_cast<DatagramKind>(data.at(0));
+    if (kind == DatagramKind::ConnectRequest && m_state == State::Clearing) {
+        m_isClean = true;
+        proceed();
+    } else if (kind == DatagramKind::ConnectRequest && m_state == State::Leaving) {
+        enter(State::Idle);
+        emit left();
+    } else if (kind == DatagramKind::Confirmation) {
+        takeConfirmation(datagram::readInteger<quint16>(data, datagram::messageIdOffset));
+    } else if (kind == DatagramKind::DataPacket && data.size() >= datagram::responsePayloadOffset) {
+        takePacket(data);
+    }
+}
 
-        m_isHeard = true;
-        const auto kind = static_cast<DatagramKind>(data.at(0));
-        if (kind == DatagramKind::ConnectRequest && m_state == State::Connecting) {
-            enter(State::Requesting);
-        } else if (kind == DatagramKind::ConnectRequest && m_state == State::Leaving) {
-            enter(State::Idle);
-            emit left();
-        } else if (kind == DatagramKind::Confirmation && m_state == State::Requesting) {
-            m_isConfirmed |= datagram::readInteger<quint16>(data, datagram::messageIdOffset) == m_messageId;
-        } else if (kind == DatagramKind::DataPacket && data.size() >= datagram::responsePayloadOffset) {
-            takePacket(data);
-        }
-    } while (m_socket.hasPendingDatagrams());
+void RelayClient::takeConfirmation(quint16 messageId)
+{
+    if (m_state == State::Flushing && messageId == datagram::readInteger<quint16>(m_flush, datagram::messageIdOffset)) {
+        m_mayLinger = false;
+        m_flush.clear();
+        proceed();
+    } else if (m_state == State::Requesting && messageId == m_messageId && !m_sinceHeld.isValid()) {
+        m_sinceHeld.start();
+    }
 }
 
 void RelayClient::takePacket(const QByteArray &packet)
@@ -133,14 +180,20 @@ void RelayClient::takePacket(const QByteArray &packet)
     const datagram::ResponseHeader header = datagram::readResponseHeader(packet);
     const QByteArray slice = packet.mid(datagram::responsePayloadOffset);
     // Always: the relay sends nothing else to anybody before this packet is confirmed.
-    transmit(datagram::packetReceipt(header, m_uuid, m_boxUuid, slice));
+    m_path->send(datagram::packetReceipt(header, m_uuid, m_boxUuid, slice));
 
     const bool isExpected = m_state == State::Requesting || m_state == State::Receiving;
-    if (isExpected && header.messageId == m_messageId && !isRepeated(packet)) {
-        m_state = State::Receiving;
-        m_sinceProgress.start();
-        takeSlice(header, slice);
+    if (!isExpected || header.messageId != m_messageId)
+        return;
+    if (isRepeated(packet)) {
+        m_traffic.repeats++;
+        return;
     }
+    m_state = State::Receiving;
+    m_sinceProgress.start();
+    m_traffic.packets++;
+    m_traffic.bytes += slice.size();
+    takeSlice(header, slice);
 }
 
 bool RelayClient::isRepeated(const QByteArray &packet)
@@ -161,16 +214,17 @@ void RelayClient::takeSlice(const datagram::ResponseHeader &header, const QByteA
                                     : header.index == m_series.index + 1 && header.count == m_series.count &&
                                           header.totalLength == m_series.totalLength;
     if (!isNext)
-        return fail(QStringLiteral("the response is cut short, packet %1 of %2 came too early")
-                        .arg(header.index)
-                        .arg(header.count));
+        return fail(Failure::CutShort, QStringLiteral("the response is cut short, packet %1 of %2 came too early")
+                                           .arg(header.index)
+                                           .arg(header.count));
     m_taken = (isNewSeries ? 0 : m_taken) + static_cast<quint32>(slice.size());
     m_series = header;
     emit received(slice);
-    if (header.index + 1 != header.count)
+    if (m_state != State::Receiving || header.index + 1 != header.count)
         return;
     if (m_taken != header.totalLength)
         return fail(
+            Failure::CutShort,
             QStringLiteral("the response is cut short, %1 of %2 bytes came").arg(m_taken).arg(header.totalLength));
     emit seriesEnded();
 }

@@ -1,0 +1,314 @@
+// A response is held back until it is whole, so that a failure can still be answered with an error; only a long one is
+// passed on while it comes.
+
+#include "tools/httpproxy.h"
+
+#include <boost/asio/buffer.hpp>
+#include <boost/beast/http/empty_body.hpp>
+#include <boost/beast/http/write.hpp>
+
+#include <QUrl>
+
+#include <algorithm>
+#include <chrono>
+#include <sstream>
+#include <utility>
+
+namespace http = boost::beast::http;
+using namespace std::chrono_literals;
+
+namespace
+{
+constexpr unsigned http11 = 11;
+constexpr auto idleLimit = 60s;              // a client that does not finish its request
+constexpr auto drainLimit = 2s;              // one whose request was refused, and that still sends it
+constexpr int heldLimit = 8 * 1024 * 1024;   // bytes of a body
+constexpr int readAhead = 128 * 1024;        // bytes that a client may send before it is its turn
+constexpr std::uint32_t longestHead = 32768; // bytes; a request must fit one datagram anyway
+
+QByteArray text(boost::beast::string_view view)
+{
+    return QByteArray(view.data(), static_cast<int>(view.size()));
+}
+
+/// What concerns one connection only and is not passed on (RFC 9110, 7.6.1).
+void removeHopByHop(http::fields *fields)
+{
+    QByteArray named;
+    const auto connection = fields->equal_range(http::field::connection);
+    std::for_each(connection.first, connection.second,
+                  [&named](const auto &field) { named += text(field.value()) + ','; });
+    const QList<QByteArray> names = named.split(',');
+    for (const QByteArray &name : names)
+        fields->erase(name.trimmed().toStdString());
+    for (const char *name :
+         {"Connection", "Keep-Alive", "Proxy-Connection", "TE", "Trailer", "Transfer-Encoding", "Upgrade"})
+        fields->erase(name);
+}
+
+/// The web server does not know the port it is reached on: a redirect to itself becomes one to its path.
+void fixLocation(http::fields *fields, boost::beast::string_view host)
+{
+    const QUrl location(QString::fromLatin1(text((*fields)[http::field::location])));
+    const QUrl self(QStringLiteral("http://") + QString::fromLatin1(text(host)));
+    constexpr int webServerPort = 80;
+    if (location.scheme() != QLatin1String("http") || location.host() != self.host() ||
+        location.port(webServerPort) != webServerPort)
+        return;
+    const QByteArray path = location.toEncoded(QUrl::RemoveScheme | QUrl::RemoveAuthority);
+    fields->set(http::field::location, path.isEmpty() ? "/" : path.toStdString());
+}
+} // namespace
+
+ProxyConnection::ProxyConnection(QTcpSocket *socket, QObject *parent) : QObject(parent), m_socket(socket)
+{
+    socket->setParent(this);
+    socket->setReadBufferSize(readAhead);
+    m_idle.setSingleShot(true);
+    m_idle.setInterval(idleLimit);
+    connect(&m_idle, &QTimer::timeout, socket, &QTcpSocket::abort);
+    connect(socket, &QTcpSocket::readyRead, this, &ProxyConnection::read);
+    connect(socket, &QTcpSocket::disconnected, this, [this] {
+        emit closed();
+        deleteLater();
+    });
+    beginRequest();
+}
+
+void ProxyConnection::beginRequest()
+{
+    m_parser.emplace();
+    m_parser->eager(true);
+    m_parser->header_limit(longestHead);
+    m_parser->body_limit(RelayClient::longestRequest);
+    m_isReading = true;
+    m_isContinued = m_isHeadSent = m_isChunked = false;
+    m_idle.start();
+}
+
+void ProxyConnection::read()
+{
+    if (m_isDraining)
+        m_socket->readAll();
+    while (m_isReading && (m_socket->bytesAvailable() > 0 || !m_buffer.isEmpty())) {
+        m_buffer += m_socket->readAll();
+        boost::system::error_code error;
+        const auto used = static_cast<int>(
+            m_parser->put(boost::asio::buffer(m_buffer.constData(), static_cast<size_t>(m_buffer.size())), error));
+        m_buffer.remove(0, used);
+        if (error && error != http::error::need_more)
+            return refuse(error);
+        if (m_parser->is_done())
+            return takeRequest();
+        const bool mustAsk = m_parser->is_header_done() && !m_isContinued &&
+                             boost::beast::iequals(m_parser->get()[http::field::expect], "100-continue");
+        if (mustAsk) {
+            m_isContinued = true;
+            m_socket->write("HTTP/1.1 100 Continue\r\n\r\n");
+        }
+        if (used == 0)
+            return; // until more comes
+    }
+}
+
+void ProxyConnection::refuse(const boost::system::error_code &error)
+{
+    m_isKept = false; // what follows cannot be told apart
+    if (error == http::error::body_limit)
+        fail(413, QStringLiteral("a request must fit into %1 bytes").arg(RelayClient::longestRequest));
+    else if (error == http::error::header_limit)
+        fail(431, QStringLiteral("the fields of a request must fit into %1 bytes").arg(longestHead));
+    else
+        fail(400, QStringLiteral("this is no HTTP request: %1").arg(QString::fromStdString(error.message())));
+}
+
+void ProxyConnection::takeRequest()
+{
+    m_isReading = false;
+    m_idle.stop();
+    m_request = m_parser->release();
+    m_isKept = m_request.keep_alive();
+    m_version = m_request.version();
+    if (m_request.method() == http::verb::connect)
+        return fail(501, QStringLiteral("this is a way to one box, not to everywhere"));
+
+    const QByteArray target = text(m_request.target());
+    if (target.startsWith("http://")) { // as a client writes it that takes us for its proxy to everywhere
+        const QUrl url = QUrl::fromEncoded(target);
+        const QByteArray path = url.toEncoded(QUrl::RemoveScheme | QUrl::RemoveAuthority | QUrl::RemoveFragment);
+        m_request.target(path.startsWith('/') ? path.toStdString() : '/' + path.toStdString());
+        m_request.set(http::field::host, url.authority(QUrl::FullyEncoded).toStdString());
+    }
+    removeHopByHop(&m_request);
+    m_request.erase(http::field::expect);
+    const QByteArray via = text(m_request[http::field::via]);
+    m_request.set(http::field::via, (via.isEmpty() ? via : via + ", ").toStdString() + "1.1 nat-peer");
+    m_request.version(http11);
+    const auto method = m_request.method();
+    const bool hasBody = !m_request.body().empty() || method == http::verb::post || method == http::verb::put;
+    m_request.content_length(hasBody ? boost::optional<std::uint64_t>(m_request.body().size()) : boost::none);
+
+    std::ostringstream wire;
+    wire << m_request;
+    if (wire.str().size() > static_cast<size_t>(RelayClient::longestRequest))
+        return fail(413, QStringLiteral("a request must fit into %1 bytes").arg(RelayClient::longestRequest));
+    emit requested();
+}
+
+void ProxyConnection::sendHead(const HttpResponseHead &head, std::optional<quint64> length)
+{
+    http::response<http::empty_body> response(head);
+    removeHopByHop(&response);
+    fixLocation(&response, m_request[http::field::host]);
+    const auto status = head.result_int();
+    const bool hasBody = m_request.method() != http::verb::head && status != 204 && status != 304;
+    response.version(http11);
+    if (hasBody) {
+        m_isChunked = !length && m_version >= http11;
+        m_isKept &= length || m_isChunked;
+        response.chunked(m_isChunked);
+        if (length)
+            response.content_length(*length);
+    }
+    response.keep_alive(m_isKept);
+    std::ostringstream wire;
+    wire << response.base();
+    m_socket->write(QByteArray::fromStdString(wire.str()));
+    m_isHeadSent = true;
+}
+
+void ProxyConnection::sendBody(const QByteArray &bytes)
+{
+    if (m_isChunked && !bytes.isEmpty())
+        m_socket->write(QByteArray::number(bytes.size(), 16) + "\r\n" + bytes + "\r\n");
+    else
+        m_socket->write(bytes);
+}
+
+void ProxyConnection::finish()
+{
+    if (m_isChunked)
+        m_socket->write("0\r\n\r\n");
+    if (!m_isKept)
+        return drain();
+    beginRequest();
+    QMetaObject::invokeMethod(this, &ProxyConnection::read, Qt::QueuedConnection); // what came meanwhile
+}
+
+/// Closed at once, with bytes of the client unread, the connection would be reset before the client reads the response.
+void ProxyConnection::drain()
+{
+    m_isDraining = true;
+    m_idle.start(drainLimit);
+    connect(m_socket, &QTcpSocket::bytesWritten, this, [this] {
+        if (m_socket->bytesToWrite() == 0 && m_parser->is_done())
+            m_socket->disconnectFromHost();
+    });
+    read();
+}
+
+void ProxyConnection::fail(unsigned status, const QString &reason)
+{
+    if (m_isHeadSent)
+        return m_socket->abort();
+    m_isReading = false;
+    HttpResponseHead head;
+    head.result(status);
+    head.set(http::field::content_type, "text/plain; charset=utf-8");
+    head.set(http::field::cache_control, "no-store");
+    if (status == 503)
+        head.set(http::field::retry_after, "1");
+    const QByteArray body = reason.toUtf8() + '\n';
+    sendHead(head, static_cast<quint64>(body.size()));
+    if (m_request.method() != http::verb::head)
+        sendBody(body);
+    finish();
+}
+
+HttpProxy::HttpProxy(RelayClient *client, const Options &options, QObject *parent)
+    : QObject(parent), m_exchange(client), m_options(options)
+{
+    connect(&m_server, &QTcpServer::newConnection, this, &HttpProxy::accept);
+    connect(&m_exchange, &Exchange::progressed, this, [this] {
+        emit progressed(m_exchange.traffic());
+        forward();
+    });
+    connect(&m_exchange, &Exchange::finished, this, [this] {
+        forward();
+        ProxyConnection *connection = std::exchange(m_current, nullptr);
+        if (!connection->isHeadSent())
+            connection->sendHead(m_exchange.head(), static_cast<quint64>(m_held.size()));
+        connection->sendBody(m_held);
+        connection->finish();
+        end(QString::number(m_exchange.head().result_int()), m_options.isVerbose);
+    });
+    connect(&m_exchange, &Exchange::failed, this, [this](unsigned status, const QString &reason) {
+        std::exchange(m_current, nullptr)->fail(status, reason); // which may close it
+        end(QStringLiteral("%1, %2").arg(status).arg(reason), true);
+    });
+}
+
+void HttpProxy::accept()
+{
+    while (m_server.hasPendingConnections()) {
+        auto *connection = new ProxyConnection(m_server.nextPendingConnection(), this);
+        connect(connection, &ProxyConnection::requested, this, [this, connection] { enqueue(connection); });
+        connect(connection, &ProxyConnection::closed, this, [this, connection] {
+            m_waiting.removeAll(connection);
+            if (connection != m_current)
+                return;
+            m_current = nullptr;
+            m_exchange.cancel();
+            end(QStringLiteral("the client went away"), m_options.isVerbose);
+        });
+    }
+}
+
+void HttpProxy::enqueue(ProxyConnection *connection)
+{
+    if (m_waiting.size() >= m_options.queueLimit)
+        return connection->fail(503, QStringLiteral("%1 requests wait already").arg(m_waiting.size()));
+    m_waiting.append(connection);
+    next();
+}
+
+void HttpProxy::next()
+{
+    if (m_isBusy || m_waiting.isEmpty())
+        return;
+    m_current = m_waiting.takeFirst();
+    m_isBusy = true;
+    m_held.clear();
+    m_sinceStart.start();
+    m_exchange.start(m_current->request());
+}
+
+/// Passes a long body on while it comes.
+void HttpProxy::forward()
+{
+    m_held += m_exchange.takeBody();
+    if (m_held.size() <= heldLimit && !m_current->isHeadSent())
+        return;
+    if (!m_current->isHeadSent())
+        m_current->sendHead(m_exchange.head(), m_exchange.length());
+    m_current->sendBody(std::exchange(m_held, QByteArray()));
+}
+
+void HttpProxy::end(const QString &outcome, bool isTold)
+{
+    m_isBusy = false;
+    QMetaObject::invokeMethod(this, &HttpProxy::next, Qt::QueuedConnection);
+    if (!isTold)
+        return;
+    const HttpRequest &request = m_exchange.request();
+    const RelayClient::Traffic traffic = m_exchange.traffic();
+    const double seconds = static_cast<double>(m_sinceStart.elapsed()) / 1000;
+    emit logged(QStringLiteral("%1 %2: %3; %4 bytes in %5 packets, %6 came again, %7 s, %8 kB/s")
+                    .arg(QString::fromLatin1(text(request.method_string())),
+                         QString::fromLatin1(text(request.target())), outcome)
+                    .arg(traffic.bytes)
+                    .arg(traffic.packets)
+                    .arg(traffic.repeats)
+                    .arg(seconds, 0, 'f', 1)
+                    .arg(static_cast<double>(traffic.bytes) / 1000 / std::max(seconds, 0.001), 0, 'f', 0));
+}
