@@ -112,9 +112,9 @@ private slots:
     {
         Box box;
         box.start();
-        Peer peer(strangerUuid);
+        Peer peer(strangerUuid, "192.0.2.1"); // another address than the one it writes to
         const auto &clients = box.relay->remoteClients;
-        const QString line = "info Local client connected through UDP discover. Host: 127.0.0.1 UUID: " + strangerUuid;
+        const QString line = "info Local client connected through UDP discover. Host: 192.0.2.1 UUID: " + strangerUuid;
         for (const QByteArray &ignored : {QByteArray("\x02{dddddddd"), "\x02" + boxUuid + strangerUuid, QByteArray()}) {
             peer.sendPlain(ignored, 5001);
             box.turns(1);
@@ -127,7 +127,8 @@ private slots:
             QCOMPARE(box.client(strangerUuid).udpPort, 5000);
             QVERIFY(box.client(strangerUuid).lastAttempt.isNull());
             QCOMPARE(logged(line), 1); // a known peer is entered anew without a word
-            QCOMPARE(logged("info Set connection status for 127.0.0.1 to 1"), time);
+            QCOMPARE(logged("info Set connection status for 192.0.2.1 to 1"), time);
+            QVERIFY(box.client(strangerUuid).host == QHostAddress("192.0.2.1") && peer.senderPort == 5001);
             box.client(strangerUuid).lastAttempt = ago(0); // starts afresh with the repeated request
         }
         peer.sendPlain("\x03" + strangerUuid, 5001);
