@@ -5,12 +5,14 @@
 #include "core/hostcalls.h"
 #include "core/udphandler.h"
 
+#include <QElapsedTimer>
 #include <QSignalBlocker>
 #include <QTcpSocket>
 #include <QThread>
 
 #include <logger.h>
 
+#include <algorithm>
 #include <chrono>
 
 using namespace std::chrono_literals;
@@ -55,9 +57,11 @@ void UDPHandler::forwardNextRequest()
     Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Write to TCP port: ") + QString(request->data));
     while (tcpSocket->write(request->data.constData(), request->data.size()) == -1) {
         Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Failed to write to TCP port"));
-        QThread::msleep(retryPause.count());
+        QElapsedTimer pause;
+        pause.start();
         if (tcpSocket->state() != QAbstractSocket::ConnectedState)
             reopenQuietly(tcpSocket);
+        QThread::msleep(static_cast<unsigned long>(std::max<qint64>(retryPause.count() - pause.elapsed(), 0)));
     }
     currentRequestId = request->msgId;
     request->forwarded = true;

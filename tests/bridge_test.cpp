@@ -83,7 +83,7 @@ private slots:
         int count = 0;
         // The header counts wherever it stands, the end only in the last seven bytes of a read; short reads count whole.
         for (const QByteArray &bytes : {QByteArray("HTTP/1.1 200 OK\r\n\r\nTransfer-Encoding: chunked"), QByteArray(7000, 'c'),
-                                        QByteArray("0\r\n\r\n behind"), QByteArray("0\r\n\r"), QByteArray("0\r\n\r\n")}) {
+                                        QByteArray("0\r\n\r\nabc"), QByteArray("0\r\n\r"), QByteArray("c0\r\n\r\nab")}) {
             QVERIFY(!web.isClosed());
             QCOMPARE(box.relay->tcpQueue.size(), 1);
             web.answer(bytes);
@@ -130,6 +130,12 @@ private slots:
         QCOMPARE(box.relay->tcpQueue.size(), 2); // not sent again, and nothing passes it
         QVERIFY(box.relay->tcpQueue.first()->forwarded && !box.relay->tcpQueue.last()->forwarded);
         QCOMPARE(box.relay->currentRequestId, 5);
+
+        web = std::make_unique<WebServer>();
+        box.relay->tcpQueue.first()->forwarded = false;
+        QVERIFY(box.turnUntil([&] { return !web->takeRequest().isEmpty(); }));
+        box.relay->tcpError(QAbstractSocket::NetworkError); // any error ends the link
+        QVERIFY(box.turnUntil([&] { return web->isClosed(); }));
     }
 
     void contentLengthIsRead()

@@ -34,6 +34,8 @@ private slots:
         const WebServer web;
         const UDPHandler second;
         QCOMPARE(logLines().last(), "debug Connected to local TCP port 80");
+        QVERIFY(second.udpSocket->localPort() != 0 && second.udpSocket->localAddress() == QHostAddress(QHostAddress::Any));
+        QVERIFY(second.discoverSocket->localAddress() == QHostAddress(QHostAddress::AnyIPv4));
         for (const auto &[address, port] :
              {std::pair(QHostAddress::Any, second.udpSocket->localPort()), std::pair(QHostAddress::AnyIPv4, quint16(5001))})
             QVERIFY(QUdpSocket().bind(QHostAddress(address), port, QUdpSocket::ShareAddress)); // others may listen too
@@ -91,7 +93,8 @@ private slots:
         Box box;
         box.start();
         QUdpSocket server;
-        server.bind(QHostAddress(QHostAddress::Any), 7000); // "localhost" may be either family
+        QUdpSocket server6;
+        QVERIFY(server.bind(QHostAddress("127.0.0.1"), 7000) && server6.bind(QHostAddress("::1"), 7000));
         box.set({{"nat_tcpport", "80"}, {"nat_udpport", "5005"}, {"uuid", "abc"}, {"nat_server_update_interval", "10"}});
         box.relay->lastServerUpdate = ago(10100); // due only by the interval that the same turn's reload brings
         box.relay->lastSettingsLoad = ago(20100);
@@ -102,8 +105,13 @@ private slots:
         QCOMPARE(registration.toHex(), "010050138d616263"); // the new port, though the socket stays on the old one
         QCOMPARE(int(sender), 5000);
         box.turns(2);
-        QCOMPARE(logged("debug Sending UDP keep alive to server localhost:X. Result: 8"), 1);
+        QCOMPARE(logged("debug Sending UDP keep alive to server rendezvous.example:X. Result: 8"), 1);
         QCOMPARE(logged("debug Send UDP message to server"), 1);
+
+        box.set({{"server_hostname", "rendezvous6.example"}}); // read and looked up afresh; the first address counts
+        box.relay->lastServerUpdate = ago(10100);
+        box.turns(1);
+        QVERIFY(server6.hasPendingDatagrams() && !server.hasPendingDatagrams());
 
         box.set({{"server_hostname", "no such name"}}); // costs one line an interval, and nothing is sent
         box.relay->lastServerUpdate = QDateTime();      // as after the start: at once
@@ -111,11 +119,13 @@ private slots:
         QCOMPARE(logged("info Hostname lookup to no such name failed. Make sure there is available internet at IXO! Error: "), 1);
         QVERIFY(!server.hasPendingDatagrams());
 
-        box.relay->serverUpdateInterval = -1; // every turn; and the kernel refuses port 0
-        box.relay->serverUdpPort = 0;
-        box.set({{"server_hostname", "localhost"}});
-        box.turns(3);
-        QCOMPARE(logged(". Result: -1"), 3);
+        box.relay->serverUdpPort = 0; // which the kernel refuses
+        box.set({{"server_hostname", "rendezvous.example"}});
+        for (const int interval : {0, -1}) { // a pass in every turn; two turns may share a millisecond, not an interval
+            box.relay->serverUpdateInterval = interval;
+            box.turns(3);
+        }
+        QCOMPARE(logged(". Result: -1"), 6);
     }
 };
 

@@ -1,98 +1,18 @@
 // The programs as they are run: nginx, nat-relayd and nat-peer, each a process of its own.
 
-#include "tests/support/box.h"
+#include "tests/support/programs.h"
 
-#include <QDir>
-#include <QProcess>
 #include <QRegularExpression>
 
 #include <unistd.h>
 
-#include <tuple>
-
-namespace
-{
-struct Killer {
-    void operator()(QProcess *process) const
-    {
-        process->kill();
-        process->waitForFinished();
-        delete process;
-    }
-};
-} // namespace
-
-class EndToEndTest : public QObject
+class EndToEndTest : public QObject, Programs
 {
     Q_OBJECT
 
-    std::unique_ptr<Box> box; // its store; the relay is a process here
-    std::unique_ptr<QProcess, Killer> relay;
-    std::unique_ptr<QProcess, Killer> nginx;
-    QByteArray log; // of the relay
-
-    QString path(const QString &name) const { return box->folder.filePath(name); }
-    void write(const QString &name, const QByteArray &text) const
-    {
-        QFile file(path(name));
-        QVERIFY(file.open(QIODevice::WriteOnly) && file.write(text) == text.size());
-    }
-    bool awaitLog(const std::function<bool()> &condition)
-    {
-        return QTest::qWaitFor([&] { return log += relay->readAllStandardError(), condition(); }, 10000);
-    }
-    void startRelay()
-    {
-        log.clear();
-        relay.reset(new QProcess); // ends the one before
-        relay->start(BUILD_DIR "/nat-relayd", QStringList());
-        QVERIFY2(awaitLog([this] { return log.contains("NAT Traverse started"); }), log);
-    }
-    void startNginx()
-    {
-        nginx.reset(new QProcess);
-        nginx->start("nginx", {"-e", "stderr", "-p", box->folder.path(), "-c", QString(SOURCE_DIR "/scripts/nginx.conf")});
-        QVERIFY(QTest::qWaitFor(
-            [] {
-                QTcpSocket probe;
-                probe.connectToHost(QHostAddress(QHostAddress::LocalHost), 80);
-                return probe.waitForConnected(100);
-            },
-            10000));
-    }
-    void startPeer(QProcess *peer, const QStringList &words) const
-    {
-        peer->start(BUILD_DIR "/nat-peer", QStringList{"--config", path("peer.ini")} + words);
-    }
-    /// Exit status, standard output and standard error of nat-peer.
-    static std::tuple<int, QByteArray, QByteArray> finish(QProcess *peer)
-    {
-        const bool ended = QTest::qWaitFor([peer] { return peer->state() == QProcess::NotRunning; }, 300000);
-        return {ended ? peer->exitCode() : -1, peer->readAllStandardOutput(), peer->readAllStandardError()};
-    }
-    std::tuple<int, QByteArray, QByteArray> fetch(const QStringList &words) const
-    {
-        QProcess peer;
-        startPeer(&peer, words);
-        return finish(&peer);
-    }
-
 private slots:
-    void init()
-    {
-        box = std::make_unique<Box>();
-        qInstallMessageHandler(nullptr);
-        box->addPeer(peerUuid);
-        QVERIFY(QDir(box->folder.path()).mkdir("pages"));
-        write("peer.ini", "[peer]\nuuid=" + peerUuid + "\n[box]\nuuid=" + boxUuid + "\naddress=127.0.0.1:5000\nkey=" + testKey.toHex() +
-                              "\niv=" + testIv.toHex() + '\n');
-    }
-    void cleanup()
-    {
-        relay.reset();
-        nginx.reset();
-        box.reset();
-    }
+    void init() { begin(); }
+    void cleanup() { end(); }
 
     void logKeepsToItsLevelAndPattern()
     {
@@ -148,31 +68,67 @@ private slots:
         QVERIFY2(status == 0 && output.startsWith("HTTP/1.1 200 OK\r\n") && output.endsWith("\r\n\r\n<p>short</p>"), error);
         QCOMPARE(std::get<0>(fetch({"get", "/missing"})), 0); // a complete response, whatever it says
 
-        QProcess nft; // a fifth of the datagrams is lost on their way in, to the relay and to the peer
-        nft.start("nft", {"add table inet loss; add chain inet loss in { type filter hook input priority 0; };"
-                          "add rule inet loss in udp dport 5000 numgen random mod 100 < 20 counter drop;"
-                          "add rule inet loss in udp sport 5000 numgen random mod 100 < 20 counter drop"});
-        QVERIFY(nft.waitForFinished() && nft.exitCode() == 0);
+        // A fifth of the datagrams is lost on their way in, to the relay and to the peer.
+        QVERIFY(nft({"add table inet loss; add chain inet loss in { type filter hook input priority 0; };"
+                     "add rule inet loss in udp dport 5000 numgen random mod 100 < 20 counter drop;"
+                     "add rule inet loss in udp sport 5000 numgen random mod 100 < 20 counter drop"}));
         QVERIFY(fetch({"get", "/chunked"}) == std::tuple(0, page, QByteArray()));
         QVERIFY(fetch({"get", "/short.html"}) == std::tuple(0, QByteArray("<p>short</p>"), QByteArray()));
-        nft.start("nft", {"list table inet loss"});
-        QVERIFY(nft.waitForFinished());
-        const QByteArray rules = nft.readAll();
-        nft.start("nft", {"delete table inet loss"});
-        QVERIFY(nft.waitForFinished());
+        QByteArray rules;
+        QVERIFY(nft({"list table inet loss"}, &rules) && nft({"delete table inet loss"}));
         QVERIFY2(rules.count("counter packets") == 2 && !rules.contains("packets 0"), rules); // both ways did lose
+    }
+
+    void burstOpensWhatARouterKeepsClosed()
+    {
+        write("pages/page.html", "through");
+        startNginx();
+        startRelay();
+        QVERIFY(nft({"add table inet router; add chain inet router in { type filter hook input priority 0; };"
+                     "add rule inet router in udp dport 5000 ct state new counter drop"})); // but what the box began
+        const QStringList words{"--udp-port", "4001", "--timeout", "8", "get", "/page.html"};
+        QProcess peer;
+        startPeer(&peer, words);
+        QByteArray rules;
+        QVERIFY(QTest::qWaitFor([&] { return nft({"list table inet router"}, &rules), !rules.contains("packets 0"); }, 5000));
+        box->sql("UPDATE nat_traverse SET status = 2"); // as the rendezvous asks for
+        const bool isThrough = finish(&peer) == std::tuple(0, QByteArray("through"), QByteArray());
+        QVERIFY(nft({"delete table inet router"}));
+        QVERIFY(isThrough);
+        log += relay->readAllStandardError();
+        QVERIFY2(log.contains(" Try: 0") && log.contains("info NAT: Connection requested from ::ffff:127.0.0.1 on port 4001"), log);
+    }
+
+    void boxIsDiscovered()
+    {
+        write("pages/page.html", "found");
+        startNginx();
+        startRelay();
+        const QByteArray found = "192.0.2.1 UDP 5000 TCP 8088 " + boxUuid + '\n';
+        QVERIFY(fetch({"discover"}) == std::tuple(0, found, QByteArray())); // by broadcast
+        QVERIFY(fetch({"discover", "127.0.0.1:5001"}) == std::tuple(0, QByteArray(found).replace("192.0.2.1", "127.0.0.1"), QByteArray()));
+        QVERIFY(fetch({"discover", "127.0.0.1:5999"}) == std::tuple(1, QByteArray(), QByteArray("nat-peer: no box answered within 3 s\n")));
+        write("peer.ini", QByteArray(config).replace("address=127.0.0.1:5000\n", ""));
+        QVERIFY(fetch({"get", "/page.html"}) == std::tuple(0, QByteArray("found"), QByteArray()));
+        relay.reset();
+        const auto [status, output, error] = fetch({"--timeout", "1", "get", "/page.html"});
+        QVERIFY2(status == 1 && output.isEmpty() && error.contains("no answer from the box on the local network"), error);
     }
 
     void downWebServerOnlyDelays()
     {
         write("pages/page.html", "there at last");
+        box->set({{"nat_server_update_interval", "1"}});
         startRelay();
         QProcess peer;
         startPeer(&peer, {"get", "/page.html"});
+        QVERIFY(awaitLog([this] { return log.contains("debug NAT: Failed to write to TCP port"); }));
+        const int registrations = log.count("Send UDP message to server");
         QElapsedTimer timer;
         timer.start();
         QVERIFY(awaitLog([this] { return log.count("debug NAT: Failed to write to TCP port") == 11; }));
-        QVERIFY2(timer.elapsed() > 1000 && timer.elapsed() < 2500, QByteArray::number(timer.elapsed())); // one every 100 ms
+        QVERIFY2(timer.elapsed() > 900 && timer.elapsed() < 2500, QByteArray::number(timer.elapsed())); // one every 100 ms
+        QCOMPARE(log.count("Send UDP message to server"), registrations);                               // the duties behind it wait too
         startNginx();
         timer.start();
         QVERIFY(finish(&peer) == std::tuple(0, QByteArray("there at last"), QByteArray()));
@@ -200,12 +156,15 @@ private slots:
     {
         const QByteArray chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
         const QList<std::tuple<QByteArray, QByteArray, QByteArray>> rows{
-            {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nshort", "short", "cut short, 4 bytes are missing"},
+            {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nshort", "short", "no answer to the request"}, // for the rest
+            {"HTTP/1.1 200 OK\r\n\r\nshort", "short", "does not say how long it is: 5 bytes came"},
             {"HTTP/1.1 200 OK\r\nServer: x", "", "the response ends within its header"},
             {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n", "", "cut short, the rest does not come"}, // the relay waits too
+            {"HTTP/1.1 200 OK\r\ntransfer-encoding: chunked\r\n\r\n5\r\nshort\r\n", "short", "the relay follows chunks only under"},
             {chunked + "5\r\nshort\r\n", "short", "cut short, the rest does not come"},
-            {chunked + "five\r\nshort\r\n0\r\n\r\n", "", "a chunk of the response has no size"},
-            {"SSH-2.0-box\r\n\r\n", "", "the answer is no HTTP response"},
+            {chunked + "five\r\nshort\r\n0\r\n\r\n", "", "the answer is no HTTP response: bad chunk"},
+            {"SSH-2.0-box\r\n\r\n", "", "the answer is no HTTP response: bad version"},
+            {"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nwhole", "whole", ""},
             {chunked + "5;x=y\r\nwhole\r\n0\r\n\r\n", "whole", ""}};
         for (const auto &[response, body, complaint] : rows) {
             WebServer web;
@@ -224,10 +183,9 @@ private slots:
     {
         const QStringList get{"--timeout", "1", "get", "/"};
         const QByteArray key = testKey.toHex();
-        QFile file(path("peer.ini"));
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        const QByteArray config = file.readAll();
         startRelay();
+        QTcpServer taken;
+        QVERIFY(taken.listen(QHostAddress(QHostAddress::LocalHost), 4000));
         const QList<std::tuple<QByteArray, QByteArray, QStringList, QByteArray>> rows{
             {key, QByteArray(32, '1'), get, "no answer from the box"},
             {key, key.left(31), get, "key in [box] must be 32 hexadecimal digits"},
@@ -237,6 +195,12 @@ private slots:
             {peerUuid, boxUuid, get, "must be the peer's own"},
             {"\n", "\n", {"--config", "/no/such.ini", "get", "/"}, "/no/such.ini: No such file or directory"},
             {"\n", "\n", {"/"}, "use nat-peer --config peer.ini get /path"},
+            {"\n", "\n", {"serve", "/"}, "use nat-peer --config peer.ini get /path"},
+            {"\n", "\n", {"--listen", "8080", "serve"}, "--listen must be an address and a port, like 127.0.0.1:8080"},
+            {"\n", "\n", {"--listen", "127.0.0.1:4000", "serve"}, "cannot listen on 127.0.0.1:4000: The bound address is already in use"},
+            {"\n", "\n", {"--udp-port", "5000", "get", "/"}, "UDP port 5000 cannot be used"},
+            {"\n", "\n", {"--queue", "x", "get", "/"}, "--queue must be a number from 1 to 10000"},
+            {"\n", "\n", {"discover", "here"}, "here is no address; use discover"},
             {"\n", "\n", {"--key", "x", "get", "/"}, "Unknown option 'key'"},
             {"\n", "\n", {"get", "/\r\nHost: x"}, "the path must begin with /"},
             {"\n", "\n", {"get", "/" + QString(66000, 'x')}, "the path is too long"}};

@@ -101,20 +101,24 @@ private slots:
         QCOMPARE(box.storedStatus(strangerUuid), 0);
         QVERIFY(logLines().isEmpty());
         box.client().tries = 4;
-        for (const auto &[status, tries] : {std::pair(ConnectionStatus::Connecting, 4), std::pair(ConnectionStatus::Connected, 0)}) {
+        for (const auto &[status, tries] : {std::pair(ConnectionStatus::Connecting, 4), std::pair(ConnectionStatus::Disconnected, 4),
+                                            std::pair(ConnectionStatus::ConnectRequested, 4), std::pair(ConnectionStatus::Connected, 0)}) {
             box.relay->setConnectionStatus(status, peerUuid);
             QCOMPARE(box.client().tries, tries);
             QCOMPARE(box.storedStatus(peerUuid), int(status));
         }
+        box.sql("ALTER TABLE nat_traverse RENAME TO gone"); // a failed write changes nothing of that
+        box.relay->setConnectionStatus(ConnectionStatus::Connecting, peerUuid);
+        QVERIFY(box.client().status == 3 && logLines().last() == "info Set connection status for 127.0.0.1 to 3");
     }
 
     void discoveryEntersAndRemovesPeers()
     {
         Box box;
         box.start();
-        Peer peer(strangerUuid);
+        Peer peer(strangerUuid, "192.0.2.1"); // another address than the one it writes to
         const auto &clients = box.relay->remoteClients;
-        const QString line = "info Local client connected through UDP discover. Host: 127.0.0.1 UUID: " + strangerUuid;
+        const QString line = "info Local client connected through UDP discover. Host: 192.0.2.1 UUID: " + strangerUuid;
         for (const QByteArray &ignored : {QByteArray("\x02{dddddddd"), "\x02" + boxUuid + strangerUuid, QByteArray()}) {
             peer.sendPlain(ignored, 5001);
             box.turns(1);
@@ -125,9 +129,12 @@ private slots:
             QVERIFY(box.turnUntil([&] { return peer.socket.hasPendingDatagrams(); }));
             QCOMPARE(peer.receive(), "\x02\x1f\x98\x13\x88" + boxUuid + strangerUuid); // ports 8088 and 5000, in plain
             QCOMPARE(box.client(strangerUuid).udpPort, 5000);
-            QVERIFY(box.client(strangerUuid).lastAttempt.isNull());
+            QVERIFY(box.client(strangerUuid).lastAttempt.isNull() && box.client(strangerUuid).lastSeen.isNull());
+            QCOMPARE(box.client(strangerUuid).udpPortRemote, 0);
+            QCOMPARE(logged("debug Remote client was timeouted: 192.0.2.1"), time); // never heard on the main socket
             QCOMPARE(logged(line), 1); // a known peer is entered anew without a word
-            QCOMPARE(logged("info Set connection status for 127.0.0.1 to 1"), time);
+            QCOMPARE(logged("info Set connection status for 192.0.2.1 to 1"), time);
+            QVERIFY(box.client(strangerUuid).host == QHostAddress("192.0.2.1") && peer.senderPort == 5001);
             box.client(strangerUuid).lastAttempt = ago(0); // starts afresh with the repeated request
         }
         peer.sendPlain("\x03" + strangerUuid, 5001);
@@ -184,7 +191,16 @@ private slots:
         QCOMPARE(logLines().last(), "warning Could not connect to remote users. Tried: 2");
         QCOMPARE(box.storedStatus(peerUuid), 0);
         QCOMPARE(box.client().tries, 0);
-        box.relay->maxConnectTries = -1; // unsigned: without end
+        box.client().status = 3; // given up also in a pass without a burst
+        box.client().tries = 3;
+        box.client().lastAttempt = ago(0);
+        box.turns(1);
+        QVERIFY(logged(" Try: ") == 3 && logLines().last() == "warning Could not connect to remote users. Tried: 3");
+        box.relay->maxConnectTries = box.relay->connectionInterval = -1; // unsigned: without end, and hardly ever
+        box.client().lastAttempt = ago(1000000);
+        box.client().status = 3;
+        box.turns(1);
+        QCOMPARE(logged(" Try: "), 3);
         box.client().status = 3;
         box.client().lastAttempt = QDateTime();
         const Capture capture;
@@ -200,8 +216,9 @@ private slots:
         box.start({peerUuid, otherUuid, strangerUuid});
         for (const QByteArray &uuid : {peerUuid, otherUuid, strangerUuid})
             box.relay->setConnectionStatus(ConnectionStatus::Connected, uuid);
-        box.client().lastSeen = ago(59000);
+        box.client().lastSeen = ago(59800);
         box.client(otherUuid).lastSeen = ago(60001);
+        box.relay->lastRemoteClientsLoad = box.relay->lastSettingsLoad = ago(0);
         box.turns(1); // the third was never heard of, as a peer just discovered
         QCOMPARE(QList<int>({box.storedStatus(peerUuid), box.storedStatus(otherUuid), box.storedStatus(strangerUuid)}),
                  QList<int>({1, 0, 0}));

@@ -144,6 +144,8 @@ void ProxyConnection::takeRequest()
     const QByteArray via = text(m_request[http::field::via]);
     m_request.set(http::field::via, (via.isEmpty() ? via : via + ", ").toStdString() + "1.1 nat-peer");
     m_request.version(http11);
+    if (m_request.find(http::field::host) == m_request.end()) // of an HTTP/1.0 client
+        m_request.set(http::field::host, "localhost");
     const auto method = m_request.method();
     const bool hasBody = !m_request.body().empty() || method == http::verb::post || method == http::verb::put;
     m_request.content_length(hasBody ? boost::optional<std::uint64_t>(m_request.body().size()) : boost::none);

@@ -51,7 +51,7 @@ struct Box {
              {"nat_maxconnecttries", "2"},
              {"nat_connectioninterval", "60000"},
              {"nat_server_update_interval", "300"},
-             {"server_hostname", "localhost"},
+             {"server_hostname", "rendezvous.example"},
              {"aes_key", testKey.toHex()},
              {"aes_iv", testIv.toHex()}});
         sql("INSERT INTO settings VALUES ('uuid', '" + boxUuid + "', 'Hq4TbWn8LpRe2KsV')");

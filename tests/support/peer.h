@@ -21,7 +21,10 @@ inline QByteArray wire(quint32 value, int bytes)
 
 /// A peer that computes every byte by itself, with another crypto library than the relay's.
 struct Peer {
-    explicit Peer(const QByteArray &own = peerUuid) : uuid(own) { socket.bind(local, 0); }
+    explicit Peer(const QByteArray &own = peerUuid, const char *address = "127.0.0.1") : uuid(own)
+    {
+        socket.bind(QHostAddress(address), 0);
+    }
 
     static QByteArray crypt(QByteArray text, bool encrypt)
     {

@@ -1,0 +1,207 @@
+// nat-peer as a proxy: what clients get, whatever the relay and the web server do.
+
+#include "tests/support/programs.h"
+
+#include <QCryptographicHash>
+#include <QRegularExpression>
+
+class ProxyTest : public QObject, Programs
+{
+    Q_OBJECT
+
+    Process proxy;
+
+    void startProxy(const QStringList &words = {})
+    {
+        proxy.reset(new QProcess);
+        startPeer(proxy.get(), words + QStringList{"serve"});
+        QVERIFY(isListening(8080));
+    }
+    /// A client that has sent these bytes.
+    static std::unique_ptr<QTcpSocket> ask(const QByteArray &bytes)
+    {
+        auto client = std::make_unique<QTcpSocket>();
+        client->connectToHost(QHostAddress(QHostAddress::LocalHost), 8080);
+        client->waitForConnected();
+        client->write(bytes);
+        client->flush();
+        return client;
+    }
+    static std::unique_ptr<QTcpSocket> get(const QByteArray &target)
+    {
+        return ask("GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1:8080\r\nConnection: close\r\n\r\n");
+    }
+    /// All it gets until the proxy closes the connection.
+    static QByteArray answer(const std::unique_ptr<QTcpSocket> &client)
+    {
+        const bool isClosed = QTest::qWaitFor([&] { return client->state() == QAbstractSocket::UnconnectedState; }, 120000);
+        return isClosed ? client->readAll() : QByteArray("(does not end)");
+    }
+    static QByteArray body(const QByteArray &response) { return response.mid(response.indexOf("\r\n\r\n") + 4); }
+    /// What the web server is asked next.
+    static QByteArray request(WebServer &web)
+    {
+        QByteArray bytes;
+        const bool isWhole = QTest::qWaitFor([&] { return (bytes += web.takeRequest()).contains("\r\n\r\n"); }, 15000);
+        return isWhole ? bytes : QByteArray();
+    }
+
+private slots:
+    void init() { begin(); }
+    void cleanup()
+    {
+        proxy.reset();
+        end();
+    }
+
+    void longPagesArriveWhole()
+    {
+        QByteArray page;
+        for (int line = 0; page.size() < 1000000; line++)
+            page += "line " + QByteArray::number(line) + '\n';
+        write("pages/page.txt", page);
+        write("pages/chunked", page);
+        startNginx();
+        startRelay();
+        startProxy();
+        for (const QByteArray target : {"/page.txt", "/chunked"}) {
+            const QByteArray response = answer(get(target));
+            QVERIFY2(response.startsWith("HTTP/1.1 200 OK\r\n") && response.contains("Content-Length: " + QByteArray::number(page.size())),
+                     response.left(500));
+            QVERIFY(body(response) == page);
+        }
+        const QByteArray part = answer(ask("GET /page.txt HTTP/1.1\r\nHost: x\r\nRange: bytes=5-300004\r\nConnection: close\r\n\r\n"));
+        QVERIFY2(part.startsWith("HTTP/1.1 206 ") && body(part) == page.mid(5, 300000), part.left(500));
+        QVERIFY(answer(ask("HEAD /page.txt HTTP/1.0\r\n\r\n")).contains("Content-Length: " + QByteArray::number(page.size())));
+    }
+
+    void fieldsOfOneConnectionStayThere()
+    {
+        WebServer web;
+        startRelay();
+        startProxy();
+        const auto client = ask("POST http://box.example/form?a=b HTTP/1.1\r\nHost: x\r\nConnection: close, X-Mine\r\nX-Mine: 1\r\n"
+                                "TE: trailers\r\nX-Other: 2\r\nTransfer-Encoding: chunked\r\n\r\n"
+                                "4\r\nbody\r\n0\r\n\r\n");
+        const QByteArray asked = request(web);
+        QVERIFY2(asked.startsWith("POST /form?a=b HTTP/1.1\r\n") && asked.endsWith("\r\n\r\nbody"), asked);
+        for (const char *field : {"Host: box.example\r\n", "X-Other: 2\r\n", "Via: 1.1 nat-peer\r\n", "Content-Length: 4\r\n"})
+            QVERIFY2(asked.contains(field), asked);
+        for (const char *field : {"Connection", "X-Mine", "TE:", "Transfer-Encoding"})
+            QVERIFY2(!asked.contains(field), asked);
+        web.answer("HTTP/1.1 302 Found\r\nLocation: http://box.example/there?c\r\nConnection: X-Its\r\nX-Its: 3\r\nX-Other: 4\r\n"
+                   "Transfer-Encoding: chunked\r\n\r\n3\r\nyes\r\n0\r\n\r\n");
+        const QByteArray got = answer(client);
+        QVERIFY2(got.startsWith("HTTP/1.1 302 Found\r\n") && body(got) == "yes", got);
+        for (const char *field : {"Location: /there?c\r\n", "X-Other: 4\r\n", "Content-Length: 3\r\n", "Connection: close\r\n"})
+            QVERIFY2(got.contains(field), got);
+        QVERIFY2(!got.contains("X-Its") && !got.contains("chunked"), got);
+    }
+
+    void whatCannotBeDoneIsSaid()
+    {
+        const QByteArray ok = "HTTP/1.1 200 OK\r\nContent-Length: 9\r\nETag: \"1\"\r\n\r\nshort";
+        const QList<std::tuple<QByteArray, QByteArrayList, QByteArray, QByteArray>> rows{
+            // asked, answers of the web server, status, reason
+            {"GARBAGE\r\n\r\n", {}, "400", "this is no HTTP request"},
+            {"CONNECT box:443 HTTP/1.1\r\nConnection: close\r\n\r\n", {}, "501", "this is a way to one box"},
+            {"POST / HTTP/1.1\r\nContent-Length: 65427\r\n\r\n" + QByteArray(65427, 'x'), {}, "413", "must fit into 65426 bytes"},
+            {"POST / HTTP/1.1\r\nConnection: close\r\nContent-Length: 65400\r\n\r\n" + QByteArray(65400, 'x'),
+             {},
+             "413",
+             "must fit into 65426"},
+            {"GET / HTTP/1.1\r\nX: " + QByteArray(40000, 'x') + "\r\n\r\n", {}, "431", "must fit into 32768 bytes"},
+            {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n",
+             {"HTTP/1.1 200 OK\r\n\r\nunsized"},
+             "502",
+             "does not say how long it is: 7 bytes"},
+            {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n", {ok, ok}, "502", "delivered 5 of 9 bytes, and its web server gives no ranges"},
+            {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n",
+             {ok, "HTTP/1.1 206 Partial\r\nContent-Range: bytes 5-8/9\r\nContent-Length: 4\r\nETag: \"2\"\r\n\r\nrest"},
+             "502",
+             "delivered 5 of 9 bytes"},
+            {"POST / HTTP/1.1\r\nConnection: close\r\nContent-Length: 0\r\n\r\n",
+             {ok},
+             "502",
+             "delivered 5 of 9 bytes, and there is no way"},
+            {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n", {"SSH-2.0-box\r\n"}, "502", "the answer is no HTTP response"},
+            {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n", {""}, "504", "no answer to the request"}};
+        WebServer web;
+        startRelay();
+        for (const auto &[asked, answers, status, reason] : rows) {
+            startProxy({"--timeout", "2"});
+            const auto client = ask(asked);
+            for (const QByteArray &bytes : answers) {
+                QVERIFY2(!request(web).isEmpty(), asked.left(100));
+                web.answer(bytes);
+            }
+            const QByteArray got = answer(client);
+            QVERIFY2(got.startsWith("HTTP/1.1 " + status + ' ') && body(got).contains(reason) && body(got).count('\n') == 1, got);
+        }
+    }
+
+    void requestsWaitInOrder()
+    {
+        WebServer web;
+        startRelay();
+        startProxy({"--queue", "3"});
+        const auto first = get("/0");
+        QVERIFY(request(web).startsWith("GET /0 "));
+        const auto second = ask( // two in one go
+            "GET /1 HTTP/1.1\r\nHost: x\r\n\r\nGET /3 HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
+        const auto gone = get("/gone");
+        const auto third = get("/2");
+        QVERIFY(answer(get("/too-many")).startsWith("HTTP/1.1 503 Service Unavailable\r\n"));
+        gone->abort();
+        for (const QByteArray target : {"/0", "/1", "/2", "/3"}) {
+            if (target != "/0")
+                QVERIFY2(request(web).startsWith("GET " + target + ' '), target);
+            web.answer("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n" + target);
+        }
+        QCOMPARE(body(answer(first)), "/0");
+        QCOMPARE(body(answer(third)), "/2");
+        QVERIFY(answer(second).count("200 OK") == 2);
+    }
+
+    void lateAnswerIsNotTakenForTheNext()
+    {
+        WebServer web;
+        startRelay();
+        startProxy({"--timeout", "1"});
+        QVERIFY(body(answer(get("/first"))).startsWith("no answer"));
+        QVERIFY(request(web).startsWith("GET /first "));
+        const auto client = get("/second");
+        QVERIFY(request(web).startsWith("HEAD / ")); // takes whatever still comes for the first
+        web.answer("HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nold");
+        QVERIFY(request(web).startsWith("GET /second "));
+        web.answer("HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nnew");
+        QCOMPARE(body(answer(client)), "new");
+    }
+
+    void restartsAreSurvived()
+    {
+        write("pages/page.html", "there");
+        startNginx();
+        startRelay();
+        startProxy({"--timeout", "5"});
+        QCOMPARE(body(answer(get("/page.html"))), "there");
+        startRelay();
+        QCOMPARE(body(answer(get("/page.html"))), "there");
+        relay.reset();
+        QVERIFY(body(answer(get("/page.html"))).startsWith("no answer from the box"));
+        startRelay();
+        QCOMPARE(body(answer(get("/page.html"))), "there");
+        nginx.reset();
+        const auto waiting = get("/page.html"); // the relay waits for the web server
+        QVERIFY(awaitLog([this] { return log.contains("Failed to write to TCP port"); }));
+        startNginx();
+        QCOMPARE(body(answer(waiting)), "there");
+        proxy->terminate(); // tells the relay good-bye
+        QVERIFY(QTest::qWaitFor([this] { return proxy->state() == QProcess::NotRunning; }, 10000) && proxy->exitCode() == 0);
+        const int connects = log.count("Connection requested");
+        QVERIFY2(awaitLog([&] { return log.count("Connection requested") > connects; }) || connects > 1, log);
+    }
+};
+
+QTEST_GUILESS_MAIN(ProxyTest)
+#include "proxy_test.moc"
