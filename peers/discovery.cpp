@@ -4,12 +4,12 @@
 #include "core/hostcalls.h"
 #include "core/udphandler.h"
 #include "protocol/datagram.h"
+#include "protocol/takedatagram.h"
 
 #include <QUdpSocket>
 
 #include <logger.h>
 
-#include <algorithm>
 #include <chrono>
 
 using namespace std::chrono_literals;
@@ -22,10 +22,9 @@ constexpr std::chrono::milliseconds replyWait = 30s;
 
 void UDPHandler::readyReadDiscover()
 {
-    QByteArray data(static_cast<int>(std::max<qint64>(discoverSocket->pendingDatagramSize(), 0)), '\0');
     QHostAddress address;
     quint16 port = 0;
-    discoverSocket->readDatagram(data.data(), data.size(), &address, &port);
+    const QByteArray data = datagram::take(discoverSocket, &address, &port);
 
     const QString peer = wrapUUID(data).constFirst();
     if (peer.isEmpty() || peer == uuid)

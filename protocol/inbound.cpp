@@ -5,6 +5,7 @@
 #include "core/udphandler.h"
 #include "protocol/cipher.h"
 #include "protocol/datagram.h"
+#include "protocol/takedatagram.h"
 #include "protocol/uuidscan.h"
 
 #include <QUdpSocket>
@@ -16,16 +17,11 @@
 
 void UDPHandler::readyRead()
 {
-    if (!udpSocket->hasPendingDatagrams()) {
-        // The kernel drops a datagram with a bad checksum after it has woken us. Unless a read is tried all the same,
-        // the socket keeps its read notification off and never wakes us again.
-        udpSocket->readDatagram(nullptr, 0);
-        return;
-    }
-    QByteArray data(static_cast<int>(std::max<qint64>(udpSocket->pendingDatagramSize(), 0)), '\0');
     QHostAddress address;
     quint16 port = 0;
-    udpSocket->readDatagram(data.data(), data.size(), &address, &port);
+    QByteArray data = datagram::take(udpSocket, &address, &port);
+    if (data.isNull())
+        return;
 
     const bool enciphered = wrapUUID(data).constFirst().isEmpty();
     if (enciphered)

@@ -62,7 +62,7 @@ void UDPHandler::sendUntilAccepted(const QByteArray &packet)
 {
     for (int attempt = 1; attempt <= maxAttempts; attempt++) {
         const auto message = findPacket(packet);
-        if (message == udpQueue.end())
+        if (message == udpQueue.end() || message->confirmed) // while the attempt before waited
             return;
         const QHostAddress host = message->client.host;
         const auto port = static_cast<quint16>(message->client.udpPortRemote);

@@ -61,6 +61,7 @@ private slots:
                                      boxUuid + peerUuid + response.mid(i * 7000, slices.at(i)));
                 box.take(peer, peer.confirmation(0x1234, 0, quint32(i), packet.mid(89)));
                 QVERIFY(box.relay->udpQueue.at(i).confirmed);
+                QCOMPARE(box.relay->udpQueue.at(i).checksum, Peer::checksum(packet.mid(89)));
             }
             QCOMPARE(box.relay->udpQueue.size(), slices.size());
             QVERIFY(box.turnUntil([&] { return web.isClosed() || web.takeRequest() == "waits"; }));

@@ -132,7 +132,7 @@ private slots:
             QVERIFY(box.client(strangerUuid).lastAttempt.isNull() && box.client(strangerUuid).lastSeen.isNull());
             QCOMPARE(box.client(strangerUuid).udpPortRemote, 0);
             QCOMPARE(logged("debug Remote client was timeouted: 192.0.2.1"), time); // never heard on the main socket
-            QCOMPARE(logged(line), 1); // a known peer is entered anew without a word
+            QCOMPARE(logged(line), 1);                                              // a known peer is entered anew without a word
             QCOMPARE(logged("info Set connection status for 192.0.2.1 to 1"), time);
             QVERIFY(box.client(strangerUuid).host == QHostAddress("192.0.2.1") && peer.senderPort == 5001);
             box.client(strangerUuid).lastAttempt = ago(0); // starts afresh with the repeated request

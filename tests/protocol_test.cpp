@@ -119,6 +119,7 @@ private slots:
             QCOMPARE(box.client().host.toString(), known ? "::ffff:127.0.0.1" : "127.0.0.1");
             QVERIFY2(logged("info Set connection status for 127.0.0.1 to 1") == int(known), name);
             QVERIFY2(answer.isNull() || peer.senderPort == 5000, name);
+            QVERIFY2(box.client(boxUuid).lastSeen.isNull(), name);
             // A connect request sets the state of the box's own row, so that the peer stays connected.
             QVERIFY2(box.storedStatus(boxUuid) == (answer == connect ? 3 : 0), name);
             QVERIFY2(logged("Set connection status") == int(known) + int(answer == connect) && (known || logLines().isEmpty()), name);
@@ -154,6 +155,12 @@ private slots:
         QCOMPARE(requests.size(), 4);
         QCOMPARE(logged("Msgid: 9"), 1);
         QCOMPARE(logged("debug UDP request recv id: 9 socket: 5"), 1);
+        box.take(peer, peer.request(10, 5, "while another is answered"));
+        box.take(other, other.request(9, 5, "another peer's"));
+        QCOMPARE(requests.size(), 6);
+        QVERIFY(requests.last()->client.lastSeen.isValid() && requests.last()->client.status == 1);
+        box.take(peer, peer.link(3));
+        box.take(peer, peer.confirmation(1, 1, 0, ""));
         QCOMPARE(logged("Set connection status"), 2); // one for each peer: who is connected is not connected again
     }
 
@@ -198,7 +205,8 @@ private slots:
         box.take(peer, peer.confirmation(5, 2, 1, "slice"));
         QCOMPARE(confirmed(), QList<int>{1});
         QCOMPARE(logged("debug Remote Confirmation of msgID: 5. Package 1 of 9"), 1);
-        box.take(other, other.confirmation(5, 2, 1, "x").left(85) + " anywhere " + Peer::checksum("slice"));
+        const QByteArray whole = other.confirmation(5, 2, 1, "slice");
+        box.take(other, whole.left(9) + whole.right(5) + " anywhere " + whole.mid(9, 76));
         QCOMPARE(confirmed(), QList<int>({0, 1}));
     }
 
@@ -270,11 +278,14 @@ private slots:
         Box box;
         box.start();
         box.queue(Peer(), 1, 0, "x", true).lastSent = ago(59000);
-        box.queue(Peer(), 1, 1, "x").lastSent = ago(3600000);
-        box.queue(Peer(), 1, 2, "x", true).lastSent = ago(60001);
-        box.turns(1);
+        box.queue(Peer(), 1, 1, "x", true).lastSent = ago(60001);
+        box.turns(1); // also when all are confirmed
+        QCOMPARE(box.relay->udpQueue.size(), 1);
+        box.queue(Peer(), 1, 2, "x").lastSent = ago(3600000);
+        box.queue(Peer(), 1, 3, "x", true).lastSent = ago(60001);
+        box.relay->dropExpiredPackets();
         QCOMPARE(box.relay->udpQueue.size(), 2);
-        QCOMPARE(box.relay->udpQueue.at(1).package, 1);
+        QCOMPARE(box.relay->udpQueue.at(1).package, 2);
     }
 
     void refusedSendsAreTriedAgain()
@@ -293,13 +304,20 @@ private slots:
         QVERIFY(logLines().last().startsWith("error UDP message failed to be sent.") && logLines().last().endsWith(" MsgID: A"));
         QCOMPARE(box.relay->udpQueue.first().tries, 1);
 
+        peer.send(peer.link(3));
+        peer.send(peer.confirmation(1, 1, 0, "x")); // taken in while the relay waits: no need to try on
+        box.relay->udpQueue[0].lastSent = ago(600);
+        box.turns(1);
+        QCOMPARE(logged("warning UDP error "), 7);
+        box.relay->udpQueue[0].confirmed = false;
+
         // Its peer connects anew while the relay waits: the packet is gone, and the next one is not taken for it.
         box.relay->udpQueue[0].lastSent = ago(600);
         box.queue(Peer(otherUuid), 1, 0, "next");
         peer.send(peer.link(3));
         peer.send(peer.link(1));
         box.turns(1);
-        QCOMPARE(logged("warning UDP error "), 7);
+        QCOMPARE(logged("warning UDP error "), 8);
         QCOMPARE(box.relay->udpQueue.size(), 1);
         QCOMPARE(box.relay->udpQueue.first().tries, 0);
     }

@@ -5,6 +5,7 @@
 
 #include "protocol/cipher.h"
 #include "protocol/datagram.h"
+#include "protocol/takedatagram.h"
 #include "protocol/uuidscan.h"
 
 #include <QHostInfo>
@@ -206,11 +207,11 @@ void BoxPath::knock(QUdpSocket *socket, const QHostAddress &address, quint16 por
 
 void BoxPath::readDatagrams(QUdpSocket *socket)
 {
-    do { // read first: a wake-up for a datagram with a bad checksum finds none, and only a read arms the next one
-        QByteArray data(static_cast<int>(std::max<qint64>(socket->pendingDatagramSize(), 0)), '\0');
+    do {
         QHostAddress address;
         quint16 port = 0;
-        if (socket->readDatagram(data.data(), data.size(), &address, &port) <= 0)
+        const QByteArray data = datagram::take(socket, &address, &port);
+        if (data.isEmpty())
             continue;
         const QByteArray plain = cipher::decipher(data, m_config.key, m_config.iv);
         if (datagram::findUuids(plain) != QStringList{m_config.boxUuid, m_config.uuid}) {

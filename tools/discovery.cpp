@@ -3,11 +3,11 @@
 #include "tools/discovery.h"
 
 #include "protocol/datagram.h"
+#include "protocol/takedatagram.h"
 #include "protocol/uuidscan.h"
 
 #include <QNetworkInterface>
 
-#include <algorithm>
 #include <chrono>
 
 using namespace std::chrono_literals;
@@ -61,10 +61,9 @@ void Discovery::ask()
 
 void Discovery::readReplies()
 {
-    do { // read first: only a read makes the socket wake us again after a datagram with a bad checksum
-        QByteArray reply(static_cast<int>(std::max<qint64>(m_socket.pendingDatagramSize(), 0)), '\0');
+    do {
         FoundBox box;
-        m_socket.readDatagram(reply.data(), reply.size(), &box.address);
+        const QByteArray reply = datagram::take(&m_socket, &box.address, nullptr);
         const QStringList uuids = datagram::findUuids(reply);
         box.uuid = uuids.at(0);
         box.tcpPort = datagram::readInteger<quint16>(reply, tcpPortOffset);

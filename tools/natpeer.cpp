@@ -189,7 +189,8 @@ int discover(const PeerConfig &peer, const Options &options)
 {
     const QString where = options.words().value(1);
     const Endpoint target(where);
-    if (!where.isEmpty() && target.address.isNull())
+    const bool isBroadcast = where.isEmpty() || where.startsWith(QLatin1Char(':')); // on another port
+    if (!isBroadcast && target.address.isNull())
         return complain(
             QStringLiteral("%1 is no address; use discover, or discover 192.0.2.1 or 192.0.2.1:5001").arg(where));
     const quint16 port = target.port > 0 ? static_cast<quint16>(target.port) : Discovery::defaultPort;

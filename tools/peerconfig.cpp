@@ -2,36 +2,14 @@
 
 #include "tools/peerconfig.h"
 
-#include "protocol/cipher.h"
-#include "protocol/uuidscan.h"
+#include "tools/valuecheck.h"
 
 #include <QFile>
-#include <QRegularExpression>
 #include <QSettings>
 #include <QUrl>
 
 namespace
 {
-bool isUuid(const QString &text)
-{
-    return datagram::findUuids(text.toUtf8()).constFirst() == text && !text.isEmpty();
-}
-
-QString checkUuid(const QString &text, const QString &name)
-{
-    return isUuid(text)
-               ? QString()
-               : QStringLiteral("%1 must be a UUID in braces like {01234567-89ab-cdef-0123-456789abcdef}").arg(name);
-}
-
-QString checkHex(const QString &text, const QString &name)
-{
-    static const QRegularExpression hex(QStringLiteral("\\A[0-9a-fA-F]{%1}\\z").arg(2 * cipher::blockLength));
-    return hex.match(text).hasMatch()
-               ? QString()
-               : QStringLiteral("%1 must be %2 hexadecimal digits").arg(name).arg(2 * cipher::blockLength);
-}
-
 QString checkAddress(const QUrl &address)
 {
     const bool isLeftOut = address.toString() == QLatin1String("udp://");
@@ -69,14 +47,12 @@ PeerConfig PeerConfig::read(const QString &path)
     config.key = QByteArray::fromHex(text("box/key").toLatin1());
     config.iv = QByteArray::fromHex(text("box/iv").toLatin1());
 
-    QString error = firstOf({checkUuid(config.uuid, QStringLiteral("uuid in [peer]")),
-                             checkUuid(config.boxUuid, QStringLiteral("uuid in [box]")), checkAddress(address),
-                             checkHex(text("box/key"), QStringLiteral("key in [box]")),
-                             checkHex(text("box/iv"), QStringLiteral("iv in [box]"))});
+    QString error = firstOf({valuecheck::uuid(config.uuid, QStringLiteral("uuid in [peer]")),
+                             valuecheck::uuid(config.boxUuid, QStringLiteral("uuid in [box]")), checkAddress(address),
+                             valuecheck::key(text("box/key"), QStringLiteral("key in [box]")),
+                             valuecheck::iv(text("box/iv"), QStringLiteral("iv in [box]"))});
     if (error.isEmpty() && config.uuid == config.boxUuid)
         error = QStringLiteral("uuid in [peer] must be the peer's own, not the box's");
-    if (error.isEmpty() && config.iv.contains('\0'))
-        error = QStringLiteral("iv in [box] must hold no byte 00: the box cuts it there and would not encipher");
     if (!error.isEmpty())
         config.error = QStringLiteral("%1: %2").arg(path, error);
     return config;

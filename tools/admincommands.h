@@ -1,0 +1,25 @@
+#pragma once
+
+#include <QHash>
+#include <QString>
+#include <QStringList>
+
+/// The commands of nat-relay-admin. Each prints its result and gives empty text, or prints nothing and gives one line
+/// that says what went wrong.
+namespace admin
+{
+struct Request {
+    QStringList words;              // behind the command's name
+    QHash<QString, QString> values; // of the options that are given
+    bool asJson = false;
+};
+
+QString init(const Request &request);
+QString get(const Request &request);
+QString set(const Request &request);
+
+QString peers(const Request &request);
+QString addPeer(const Request &request);
+QString connectPeer(const Request &request);
+QString removePeer(const Request &request);
+} // namespace admin

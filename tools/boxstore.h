@@ -1,0 +1,42 @@
+#pragma once
+
+#include <QList>
+#include <QMap>
+#include <QString>
+
+/// A row of the table of peers.
+struct StoredPeer {
+    static constexpr int noPort = -1; // the relay sends nothing there
+    static constexpr int connectRequested = 2;
+
+    QString uuid;
+    QString address = QLatin1String(""); // empty: none, the relay sends nothing
+    int status = 0;                      // as in the schema
+    int udpPort = noPort;                // the relay sends a run of requests to the port behind this one
+    int udpPortRemote = noPort;          // and one to each port around this one
+
+    /// Whether a burst of the relay would go anywhere.
+    bool isReachable() const;
+};
+
+/// The store that BOX_DATABASE names, for one command: what is wrong with it is kept instead of logged.
+class BoxStore
+{
+public:
+    BoxStore();
+
+    /// Not empty: the first use that failed, in one line. Results are worth nothing then.
+    QString error() const;
+
+    QMap<QString, QString> settings() const;
+    void changeSetting(const QString &name, const QString &value) const;
+    void addSetting(const QString &name, const QString &value) const;
+
+    QList<StoredPeer> peers() const;
+    void addPeer(const StoredPeer &peer) const;
+    void changePeer(const StoredPeer &peer) const;
+    void removePeer(const QString &uuid) const;
+
+    /// Of a setting: which programs on the box may read it.
+    static QString accessKeyOf(const QString &setting);
+};

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <QString>
+
+/// What the values must look like that a box and its peers share. Each check gives empty text for a good value, and
+/// else one line that calls the value `name` and says what would be right; the value itself never shows in it.
+namespace valuecheck
+{
+/// 36 characters in braces, as they stand in every datagram.
+QString uuid(const QString &text, const QString &name);
+
+/// 32 hexadecimal digits.
+QString key(const QString &text, const QString &name);
+
+/// Like a key, and none of its bytes is zero.
+QString iv(const QString &text, const QString &name);
+
+/// Whether this is a name to look up (RFC 1123, 2.1), and no address.
+bool isHostName(const QString &text);
+} // namespace valuecheck
