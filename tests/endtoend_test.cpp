@@ -93,10 +93,16 @@ private slots:
         QVERIFY(QTest::qWaitFor([&] { return nft({"list table inet router"}, &rules), !rules.contains("packets 0"); }, 5000));
         box->sql("UPDATE nat_traverse SET status = 2"); // as the rendezvous asks for
         const bool isThrough = finish(&peer) == std::tuple(0, QByteArray("through"), QByteArray());
+        log += relay->readAllStandardError();
+        const QByteArray firstLog = log;
+        box->sql("UPDATE nat_traverse SET status = 2");
+        startRelay(); // which bursts again at once; a peer with another key can tell why it understands nothing
+        write("peer.ini", QByteArray(config).replace(testKey.toHex(), QByteArray(32, '1')));
+        const auto [status, output, error] = fetch({"--udp-port", "4001", "--timeout", "5", "get", "/page.html"});
         QVERIFY(nft({"delete table inet router"}));
         QVERIFY(isThrough);
-        log += relay->readAllStandardError();
-        QVERIFY2(log.contains(" Try: 0") && log.contains("info NAT: Connection requested from ::ffff:127.0.0.1 on port 4001"), log);
+        QVERIFY2(status == 1 && error.contains("what comes back cannot be deciphered: key and iv must be those of the box"), error);
+        QVERIFY2(firstLog.contains(" Try: 0") && firstLog.contains("Connection requested from ::ffff:127.0.0.1 on port 4001"), firstLog);
     }
 
     void boxIsDiscovered()
