@@ -238,7 +238,8 @@ int main(int argc, char **argv)
     how.udpPort = static_cast<quint16>(options.number("udp-port"));
     how.keepAlive = std::chrono::seconds(options.number("keep-alive"));
     how.punch = options.isSet("punch");
-    how.openLimit = how.punch ? punchLimit : std::min(how.openLimit, std::chrono::seconds(options.number("timeout")));
+    const std::chrono::seconds timeout(options.number("timeout"));
+    how.openLimit = how.punch ? std::max(punchLimit, timeout) : std::min(how.openLimit, timeout);
     how.datagramsPerMinute = options.number("punch-rate");
     BoxPath path(peer, how);
     if (!path.error().isEmpty())
