@@ -170,7 +170,7 @@ private slots:
             {chunked + "5\r\nshort\r\n", "short", "cut short, the rest does not come"},
             {chunked + "five\r\nshort\r\n0\r\n\r\n", "", "the answer is no HTTP response: bad chunk"},
             {"SSH-2.0-box\r\n\r\n", "", "the answer is no HTTP response: bad version"},
-            {"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nwhole", "whole", ""},
+            {"HTTP/1.1 103 Early Hints\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nwhole", "whole", ""},
             {chunked + "5;x=y\r\nwhole\r\n0\r\n\r\n", "whole", ""}};
         for (const auto &[response, body, complaint] : rows) {
             WebServer web;

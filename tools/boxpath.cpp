@@ -10,7 +10,10 @@
 
 #include <QHostInfo>
 
+#include <sys/resource.h>
+
 #include <algorithm>
+#include <functional>
 
 using namespace std::chrono_literals;
 
@@ -38,6 +41,7 @@ constexpr int lastingStep = 3; // goes on with this one and those behind it
 
 constexpr auto tickSpacing = 20ms;
 constexpr std::chrono::milliseconds answerSpacing = 100ms; // a burst brings up to 800 datagrams at once
+constexpr qintptr spareDescriptors = 300;                  // for connections of browsers
 constexpr std::chrono::milliseconds echoTime = 1s;
 constexpr double longestVolley = 50; // datagrams: what a socket's buffer surely takes
 
@@ -105,8 +109,7 @@ void BoxPath::lookUp()
         return aimAt({literal}, m_config.boxPort);
     QHostInfo::lookupHost(m_config.boxHost, this, [this](const QHostInfo &host) {
         if (m_isOpening && host.addresses().isEmpty()) {
-            m_isOpening = false;
-            m_ticks.stop();
+            stopOpening();
             emit failed(QStringLiteral("no address found for %1, the box's host").arg(m_config.boxHost));
         } else {
             aimAt(host.addresses(), m_config.boxPort);
@@ -138,6 +141,13 @@ void BoxPath::aimAt(const QList<QHostAddress> &addresses, quint16 port)
     m_sinceRound.invalidate(); // at once
 }
 
+bool BoxPath::isTarget(const QHostAddress &address) const
+{
+    return std::any_of(m_targets.cbegin(), m_targets.cend(), [&address](const QHostAddress &target) {
+        return target.isEqual(address, QHostAddress::TolerantConversion);
+    });
+}
+
 void BoxPath::tick()
 {
     if (isOver(m_sinceOpening, m_options.openLimit))
@@ -160,7 +170,10 @@ void BoxPath::beginStep(int step)
     m_plan.clear();
     m_sinceStep.start();
     m_sinceRound.invalidate();
-    while (m_sockets.size() < steps[step].sockets && addSocket(0)) {
+    rlimit descriptors = {};
+    getrlimit(RLIMIT_NOFILE, &descriptors);
+    const auto most = static_cast<qintptr>(descriptors.rlim_cur) - spareDescriptors;
+    while (m_sockets.size() < steps[step].sockets && m_sockets.constLast()->socketDescriptor() < most && addSocket(0)) {
     }
     if (step > 0) {
         const int sockets = std::min(m_sockets.size(), steps[step].sockets);
@@ -216,7 +229,7 @@ void BoxPath::readDatagrams(QUdpSocket *socket)
             continue;
         const QByteArray plain = cipher::decipher(data, m_config.key, m_config.iv);
         if (datagram::findUuids(plain) != QStringList{m_config.boxUuid, m_config.uuid}) {
-            m_undeciphered++;
+            m_undeciphered += isTarget(address) ? 1 : 0;
             continue;
         }
         if (!m_isOpening && socket != m_socket)
@@ -240,30 +253,32 @@ void BoxPath::take(const QByteArray &plain)
     emit received(plain);
 }
 
-/// Keeps the socket on which the box was heard, and the first one for its local port.
 void BoxPath::settle()
 {
-    m_isOpening = false;
-    m_ticks.stop();
-    m_plan.clear();
+    stopOpening();
     m_undeciphered = 0;
-    for (QUdpSocket *socket : qAsConst(m_sockets)) {
-        if (socket != m_socket && socket != m_sockets.constFirst())
-            socket->deleteLater();
-    }
-    m_sockets = m_socket == m_sockets.constFirst() ? QList<QUdpSocket *>{m_socket}
-                                                   : QList<QUdpSocket *>{m_sockets.constFirst(), m_socket};
     m_keepAlive.start();
     emit opened();
 }
 
-void BoxPath::giveUp()
+/// Keeps the first socket, for its local port, and the one on which the box was heard.
+void BoxPath::stopOpening()
 {
     m_isOpening = false;
     m_ticks.stop();
+    m_plan.clear();
+    const auto isSpare = [this](QUdpSocket *socket) { return socket != m_socket && socket != m_sockets.constFirst(); };
+    const auto firstSpare = std::stable_partition(m_sockets.begin() + 1, m_sockets.end(), std::not_fn(isSpare));
+    std::for_each(firstSpare, m_sockets.end(), [](QUdpSocket *socket) { socket->deleteLater(); });
+    m_sockets.erase(firstSpare, m_sockets.end());
+}
+
+void BoxPath::giveUp()
+{
+    stopOpening();
     if (m_undeciphered > 0)
         emit failed(QStringLiteral("what comes back cannot be deciphered: key and iv must be those of the box"));
-    else if (m_targets.isEmpty())
+    else if (m_config.boxHost.isEmpty() && m_targets.isEmpty())
         emit failed(QStringLiteral("no answer from the box on the local network: is it there? If it is elsewhere, the "
                                    "configuration must have its address"));
     else

@@ -69,7 +69,9 @@ private:
     void knock(QUdpSocket *socket, const QHostAddress &address, quint16 port);
     void readDatagrams(QUdpSocket *socket);
     void take(const QByteArray &plain);
+    bool isTarget(const QHostAddress &address) const;
     void settle();
+    void stopOpening();
     void giveUp();
     void keepAlive();
 
@@ -90,7 +92,7 @@ private:
     QElapsedTimer m_sinceOpening;
     QElapsedTimer m_sinceHeard;
     QElapsedTimer m_sinceSend;
-    QElapsedTimer m_sinceKnock; // where the box was heard
+    QElapsedTimer m_sinceKnock; // of ours, where the box was heard
     int m_step = 0;
     QElapsedTimer m_sinceStep;
     QElapsedTimer m_sinceRound;

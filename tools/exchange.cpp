@@ -9,6 +9,7 @@
 
 #include <QRegularExpression>
 
+#include <limits>
 #include <sstream>
 #include <utility>
 
@@ -17,28 +18,25 @@ namespace http = boost::beast::http;
 namespace
 {
 constexpr std::uint32_t longestHead = 64 * 1024;
+constexpr int longestLine = 128 * 1024; // or head; what is not understood before it
 constexpr int mostBarrenParts = 3; // a read may bring the header alone; so many in a row bring no more the next time
 constexpr char chunkedField[] = "Transfer-Encoding: chunked"; // what the relay looks for, in these letters
 constexpr char chunkedEnd[] = "0\r\n\r\n";                    // and where it stops
 constexpr int endReach = 7;
 
-QByteArray text(boost::beast::string_view view)
-{
-    return QByteArray(view.data(), static_cast<int>(view.size()));
-}
-
 struct ContentRange {
     quint64 first = 0;
     quint64 last = 0;
+    QString total; // may be unknown: *
 };
 
 std::optional<ContentRange> contentRange(const HttpResponseHead &head)
 {
-    static const QRegularExpression pattern(QStringLiteral("\\Abytes (\\d+)-(\\d+)/(?:\\d+|\\*)\\z"));
-    const auto match = pattern.match(QString::fromLatin1(text(head[http::field::content_range])));
+    static const QRegularExpression pattern(QStringLiteral("\\Abytes (\\d+)-(\\d+)/(\\d+|\\*)\\z"));
+    const auto match = pattern.match(QString::fromLatin1(toByteArray(head[http::field::content_range])));
     if (!match.hasMatch())
         return std::nullopt;
-    return ContentRange{match.captured(1).toULongLong(), match.captured(2).toULongLong()};
+    return ContentRange{match.captured(1).toULongLong(), match.captured(2).toULongLong(), match.captured(3)};
 }
 
 bool mayRepeat(http::verb method) // RFC 9110, 9.2.2
@@ -85,10 +83,9 @@ void Exchange::beginPart()
     m_parser.emplace();
     m_parser->eager(true);
     m_parser->header_limit(longestHead);
-    m_parser->body_limit(boost::none);
+    m_parser->body_limit(std::numeric_limits<std::uint64_t>::max()); // none at all, as "none" is the strictest
     m_parser->skip(m_request.method() == http::verb::head);
     m_isHeadTaken = false;
-    m_isRelayWaiting = false;
     m_buffer.clear();
     m_tail.clear();
 }
@@ -96,6 +93,7 @@ void Exchange::beginPart()
 void Exchange::cancel()
 {
     m_isRunning = false;
+    m_isRelayWaiting = false; // what it waits for is no longer ours
     m_client->abandon();
 }
 
@@ -116,8 +114,7 @@ void Exchange::take(const QByteArray &bytes)
     if (!m_isRunning)
         return;
     m_buffer.append(bytes);
-    m_tail = (m_tail + bytes).right(endReach);
-    m_isRelayWaiting |= !m_isHeadTaken && m_buffer.contains(chunkedField);
+    watchRelay(bytes);
     bool isMoving = true;
     while (isMoving && !m_buffer.isEmpty()) {
         boost::system::error_code error;
@@ -137,13 +134,32 @@ void Exchange::take(const QByteArray &bytes)
         }
         isMoving = used > 0 && !m_parser->is_done();
     }
+    if (m_buffer.size() > longestLine)
+        return fail(502, QStringLiteral("the answer is no HTTP response: a line has no end"));
     if (!m_parser->is_header_done() || (!m_isHeadTaken && !takeHead()))
         return;
     takePartsBody();
+    if (m_length && m_taken > *m_length)
+        return fail(502, QStringLiteral("the web server gives more than the range that was asked for"));
     if (m_parser->is_done())
         endPart();
     else
         emit progressed();
+}
+
+/// What the relay makes of its read: it looks for the beginning of chunks anywhere in it, and for their end in its last
+/// seven bytes, whatever the response really is.
+void Exchange::watchRelay(const QByteArray &bytes)
+{
+    const QByteArray seen = m_tail + bytes;
+    m_isRelayWaiting |= seen.contains(chunkedField);
+    m_tail = seen.right(static_cast<int>(sizeof chunkedField) - 2);
+}
+
+/// Whether a read that ends here ends the response for the relay too.
+bool Exchange::isRelayDone() const
+{
+    return !m_isRelayWaiting || m_tail.right(endReach).contains(chunkedEnd);
 }
 
 bool Exchange::takeHead()
@@ -172,9 +188,12 @@ bool Exchange::takeHead()
 bool Exchange::isContinued(const HttpResponseHead &part) const
 {
     const auto range = contentRange(part);
-    return part.result() == http::status::partial_content && range && range->first == m_start + m_taken &&
-           range->last < m_start + *m_length && part[http::field::etag] == m_head[http::field::etag] &&
-           part[http::field::last_modified] == m_head[http::field::last_modified];
+    const auto before = contentRange(m_head);
+    const QString total = before ? before->total : QString::number(*m_length);
+    const auto isSame = [&](http::field field) { return part[field] == m_head[field]; };
+    return part.result() == http::status::partial_content && range && range->total == total &&
+           range->first == m_start + m_taken && range->last < m_start + *m_length && isSame(http::field::etag) &&
+           isSame(http::field::last_modified) && isSame(http::field::content_encoding);
 }
 
 void Exchange::takePartsBody()
@@ -187,6 +206,8 @@ void Exchange::takePartsBody()
 
 void Exchange::endSeries()
 {
+    m_isRelayWaiting = !isRelayDone();
+    m_tail.clear();
     if (!m_isRunning || m_isRelayWaiting)
         return;
     if (!m_parser->is_header_done())
@@ -206,10 +227,8 @@ void Exchange::endPart()
     if (!m_isFirst && m_taken < *m_length)
         return fetchRest(); // the web server gave less than the range that was asked for
     m_isRunning = false;
-    if (m_parser->chunked() && !m_tail.contains(chunkedEnd))
-        m_client->abandon(); // the relay has not seen the end, and waits for it
-    else
-        m_client->finish();
+    m_isRelayWaiting = !isRelayDone();
+    m_client->finish(!m_isRelayWaiting);
     emit finished();
 }
 
@@ -239,7 +258,7 @@ void Exchange::fetchRest()
         rest.set(http::field::if_range, m_head[http::field::last_modified]);
     m_isFirst = false;
     m_trafficBefore = traffic();
-    m_client->finish();
+    m_client->finish(isRelayDone());
     send(rest);
 }
 

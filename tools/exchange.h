@@ -13,6 +13,11 @@
 
 #include <optional>
 
+inline QByteArray toByteArray(boost::beast::string_view text)
+{
+    return QByteArray(text.data(), static_cast<int>(text.size()));
+}
+
 using HttpRequest = boost::beast::http::request<boost::beast::http::string_body>;
 using HttpResponseHead = boost::beast::http::response_header<>;
 
@@ -52,6 +57,8 @@ private:
     void send(const HttpRequest &request);
     void beginPart();
     void take(const QByteArray &bytes);
+    void watchRelay(const QByteArray &bytes);
+    bool isRelayDone() const;
     bool takeHead();
     bool isContinued(const HttpResponseHead &part) const;
     void takePartsBody();
@@ -64,10 +71,10 @@ private:
     HttpRequest m_request;
     std::optional<Parser> m_parser; // of the present part
     QByteArray m_buffer;            // not yet understood
-    QByteArray m_tail;              // the last bytes that came
     bool m_isHeadTaken = false;     // of the present part
     bool m_isFirst = true;          // part
-    bool m_isRelayWaiting = false;  // it has seen a chunked response, and goes on reading
+    QByteArray m_tail;              // the last bytes of the relay's present read
+    bool m_isRelayWaiting = false;  // it has seen a chunked response begin, and not its end
     HttpResponseHead m_head;
     std::optional<quint64> m_length;
     quint64 m_start = 0;       // of the body within what it is a part of

@@ -36,6 +36,12 @@ void Fetch::get(const QString &target)
     m_exchange.start(request);
 }
 
+void Fetch::interrupt()
+{
+    m_exchange.cancel();
+    end(QStringLiteral("interrupted"));
+}
+
 void Fetch::write()
 {
     QByteArray output = m_exchange.takeBody();

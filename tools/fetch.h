@@ -16,6 +16,8 @@ public:
 
     /// `target` in origin form.
     void get(const QString &target);
+    /// Ends early.
+    void interrupt();
 
 signals:
     void progressed(const RelayClient::Traffic &traffic);

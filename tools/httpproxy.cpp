@@ -9,6 +9,8 @@
 
 #include <QUrl>
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <chrono>
 #include <sstream>
@@ -20,16 +22,13 @@ using namespace std::chrono_literals;
 namespace
 {
 constexpr unsigned http11 = 11;
-constexpr auto idleLimit = 60s;              // a client that does not finish its request
-constexpr auto drainLimit = 2s;              // one whose request was refused, and that still sends it
-constexpr int heldLimit = 8 * 1024 * 1024;   // bytes of a body
-constexpr int readAhead = 128 * 1024;        // bytes that a client may send before it is its turn
-constexpr std::uint32_t longestHead = 32768; // bytes; a request must fit one datagram anyway
-
-QByteArray text(boost::beast::string_view view)
-{
-    return QByteArray(view.data(), static_cast<int>(view.size()));
-}
+constexpr auto idleLimit = 60s;               // a client that does not finish its request
+constexpr auto drainLimit = 2s;               // one whose request was refused, and that still sends it
+constexpr int heldLimit = 8 * 1024 * 1024;    // bytes of a body
+constexpr int unreadLimit = 64 * 1024 * 1024; // bytes that a client does not read
+constexpr int connectionLimit = 256;          // the others wait to be accepted
+constexpr int readAhead = 128 * 1024;         // bytes that a client may send before it is its turn
+constexpr std::uint32_t longestHead = 32768;  // bytes; a request must fit one datagram anyway
 
 /// What concerns one connection only and is not passed on (RFC 9110, 7.6.1).
 void removeHopByHop(http::fields *fields)
@@ -37,7 +36,7 @@ void removeHopByHop(http::fields *fields)
     QByteArray named;
     const auto connection = fields->equal_range(http::field::connection);
     std::for_each(connection.first, connection.second,
-                  [&named](const auto &field) { named += text(field.value()) + ','; });
+                  [&named](const auto &field) { named += toByteArray(field.value()) + ','; });
     const QList<QByteArray> names = named.split(',');
     for (const QByteArray &name : names)
         fields->erase(name.trimmed().toStdString());
@@ -49,8 +48,8 @@ void removeHopByHop(http::fields *fields)
 /// The web server does not know the port it is reached on: a redirect to itself becomes one to its path.
 void fixLocation(http::fields *fields, boost::beast::string_view host)
 {
-    const QUrl location(QString::fromLatin1(text((*fields)[http::field::location])));
-    const QUrl self(QStringLiteral("http://") + QString::fromLatin1(text(host)));
+    const QUrl location(QString::fromLatin1(toByteArray((*fields)[http::field::location])));
+    const QUrl self(QStringLiteral("http://") + QString::fromLatin1(toByteArray(host)));
     constexpr int webServerPort = 80;
     if (location.scheme() != QLatin1String("http") || location.host() != self.host() ||
         location.port(webServerPort) != webServerPort)
@@ -68,7 +67,9 @@ ProxyConnection::ProxyConnection(QTcpSocket *socket, QObject *parent) : QObject(
     m_idle.setInterval(idleLimit);
     connect(&m_idle, &QTimer::timeout, socket, &QTcpSocket::abort);
     connect(socket, &QTcpSocket::readyRead, this, &ProxyConnection::read);
+    connect(socket, &QTcpSocket::bytesWritten, this, &ProxyConnection::written);
     connect(socket, &QTcpSocket::disconnected, this, [this] {
+        m_isReading = false; // also what is in the buffer
         emit closed();
         deleteLater();
     });
@@ -92,10 +93,14 @@ void ProxyConnection::read()
         m_socket->readAll();
     while (m_isReading && (m_socket->bytesAvailable() > 0 || !m_buffer.isEmpty())) {
         m_buffer += m_socket->readAll();
+        while (!m_parser->got_some() && (m_buffer.startsWith('\r') || m_buffer.startsWith('\n')))
+            m_buffer.remove(0, 1); // RFC 9112, 2.2
         boost::system::error_code error;
         const auto used = static_cast<int>(
             m_parser->put(boost::asio::buffer(m_buffer.constData(), static_cast<size_t>(m_buffer.size())), error));
         m_buffer.remove(0, used);
+        if (m_buffer.size() > readAhead) // of one line or head
+            error = http::error::header_limit;
         if (error && error != http::error::need_more)
             return refuse(error);
         if (m_parser->is_done())
@@ -127,26 +132,29 @@ void ProxyConnection::takeRequest()
     m_isReading = false;
     m_idle.stop();
     m_request = m_parser->release();
-    m_isKept = m_request.keep_alive();
     m_version = m_request.version();
+    m_isKept = m_request.keep_alive() && m_version >= http11;
     if (m_request.method() == http::verb::connect)
         return fail(501, QStringLiteral("this is a way to one box, not to everywhere"));
 
-    const QByteArray target = text(m_request.target());
-    if (target.startsWith("http://")) { // as a client writes it that takes us for its proxy to everywhere
-        const QUrl url = QUrl::fromEncoded(target);
-        const QByteArray path = url.toEncoded(QUrl::RemoveScheme | QUrl::RemoveAuthority | QUrl::RemoveFragment);
-        m_request.target(path.startsWith('/') ? path.toStdString() : '/' + path.toStdString());
-        m_request.set(http::field::host, url.authority(QUrl::FullyEncoded).toStdString());
+    const QByteArray target = toByteArray(m_request.target());
+    static const QByteArray scheme("http://");
+    if (target.left(scheme.size()).toLower() ==
+        scheme) { // as a client writes it that takes us for its proxy to everywhere
+        const int path = target.indexOf('/', scheme.size());
+        const QByteArray authority = target.mid(scheme.size(), path < 0 ? -1 : path - scheme.size());
+        m_request.target(path < 0 ? "/" : target.mid(path).toStdString());
+        m_request.set(http::field::host, authority.toStdString());
     }
     removeHopByHop(&m_request);
     m_request.erase(http::field::expect);
-    const QByteArray via = text(m_request[http::field::via]);
-    m_request.set(http::field::via, (via.isEmpty() ? via : via + ", ").toStdString() + "1.1 nat-peer");
-    m_request.version(http11);
+    m_request.insert(http::field::via, "1.1 nat-peer");
     if (m_request.find(http::field::host) == m_request.end()) // of an HTTP/1.0 client
         m_request.set(http::field::host, "localhost");
     const auto method = m_request.method();
+    // A field that announces chunks would have the relay wait for them, also behind a HEAD; to HTTP/1.0 none is sent.
+    constexpr unsigned http10 = 10;
+    m_request.version(method == http::verb::head ? http10 : http11);
     const bool hasBody = !m_request.body().empty() || method == http::verb::post || method == http::verb::put;
     m_request.content_length(hasBody ? boost::optional<std::uint64_t>(m_request.body().size()) : boost::none);
 
@@ -172,6 +180,9 @@ void ProxyConnection::sendHead(const HttpResponseHead &head, std::optional<quint
         if (length)
             response.content_length(*length);
     }
+    constexpr unsigned noContent = 204;
+    if (status == noContent)
+        response.erase(http::field::content_length);
     response.keep_alive(m_isKept);
     std::ostringstream wire;
     wire << response.base();
@@ -191,28 +202,40 @@ void ProxyConnection::finish()
 {
     if (m_isChunked)
         m_socket->write("0\r\n\r\n");
-    if (!m_isKept)
-        return drain();
-    beginRequest();
+    m_isDraining = !m_isKept;
+    if (m_isKept)
+        beginRequest();
+    written();
     QMetaObject::invokeMethod(this, &ProxyConnection::read, Qt::QueuedConnection); // what came meanwhile
 }
 
-/// Closed at once, with bytes of the client unread, the connection would be reset before the client reads the response.
-void ProxyConnection::drain()
+/// A client has time as long as it reads. Closed at once, with bytes of the client unread, the connection would be
+/// reset before the client has read the response; so what it still sends is read for a moment.
+void ProxyConnection::written()
 {
-    m_isDraining = true;
-    m_idle.start(drainLimit);
-    connect(m_socket, &QTcpSocket::bytesWritten, this, [this] {
-        if (m_socket->bytesToWrite() == 0 && m_parser->is_done())
-            m_socket->disconnectFromHost();
-    });
-    read();
+    if (m_socket->bytesToWrite() > 0)
+        m_idle.start(idleLimit);
+    else if (m_isDraining && m_parser->is_done())
+        m_socket->disconnectFromHost();
+    else if (m_isDraining)
+        m_idle.start(drainLimit);
+    else if (!m_isReading)
+        m_idle.stop(); // it is ours to go on
+}
+
+bool ProxyConnection::isStuffed() const
+{
+    return m_socket->bytesToWrite() > unreadLimit;
 }
 
 void ProxyConnection::fail(unsigned status, const QString &reason)
 {
-    if (m_isHeadSent)
+    if (m_isHeadSent) {
+        // With a reset: for a client of HTTP/1.0 an ordinary end would be that of a whole body.
+        const linger reset{1, 0};
+        setsockopt(static_cast<int>(m_socket->socketDescriptor()), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
         return m_socket->abort();
+    }
     m_isReading = false;
     HttpResponseHead head;
     head.result(status);
@@ -238,6 +261,8 @@ HttpProxy::HttpProxy(RelayClient *client, const Options &options, QObject *paren
     connect(&m_exchange, &Exchange::finished, this, [this] {
         forward();
         ProxyConnection *connection = std::exchange(m_current, nullptr);
+        if (connection == nullptr)
+            return; // forward() has given it up
         if (!connection->isHeadSent())
             connection->sendHead(m_exchange.head(), static_cast<quint64>(m_held.size()));
         connection->sendBody(m_held);
@@ -254,16 +279,23 @@ void HttpProxy::accept()
 {
     while (m_server.hasPendingConnections()) {
         auto *connection = new ProxyConnection(m_server.nextPendingConnection(), this);
+        if (++m_connections == connectionLimit)
+            m_server.pauseAccepting();
         connect(connection, &ProxyConnection::requested, this, [this, connection] { enqueue(connection); });
-        connect(connection, &ProxyConnection::closed, this, [this, connection] {
-            m_waiting.removeAll(connection);
-            if (connection != m_current)
-                return;
-            m_current = nullptr;
-            m_exchange.cancel();
-            end(QStringLiteral("the client went away"), m_options.isVerbose);
-        });
+        connect(connection, &ProxyConnection::closed, this, [this, connection] { leave(connection); });
     }
+}
+
+void HttpProxy::leave(ProxyConnection *connection)
+{
+    if (m_connections-- == connectionLimit)
+        m_server.resumeAccepting();
+    m_waiting.removeAll(connection);
+    if (connection != m_current)
+        return;
+    m_current = nullptr;
+    m_exchange.cancel();
+    end(QStringLiteral("the client went away"), m_options.isVerbose);
 }
 
 void HttpProxy::enqueue(ProxyConnection *connection)
@@ -294,6 +326,8 @@ void HttpProxy::forward()
     if (!m_current->isHeadSent())
         m_current->sendHead(m_exchange.head(), m_exchange.length());
     m_current->sendBody(std::exchange(m_held, QByteArray()));
+    if (m_current->isStuffed())
+        m_current->fail(504, QString()); // breaks the connection, and so ends the exchange
 }
 
 void HttpProxy::end(const QString &outcome, bool isTold)
@@ -305,12 +339,11 @@ void HttpProxy::end(const QString &outcome, bool isTold)
     const HttpRequest &request = m_exchange.request();
     const RelayClient::Traffic traffic = m_exchange.traffic();
     const double seconds = static_cast<double>(m_sinceStart.elapsed()) / 1000;
+    const QString rate = QString::number(static_cast<double>(traffic.bytes) / 1000 / std::max(seconds, 0.001), 'f', 0);
+    // All at once: a target may hold %1 too.
     emit logged(QStringLiteral("%1 %2: %3; %4 bytes in %5 packets, %6 came again, %7 s, %8 kB/s")
-                    .arg(QString::fromLatin1(text(request.method_string())),
-                         QString::fromLatin1(text(request.target())), outcome)
-                    .arg(traffic.bytes)
-                    .arg(traffic.packets)
-                    .arg(traffic.repeats)
-                    .arg(seconds, 0, 'f', 1)
-                    .arg(static_cast<double>(traffic.bytes) / 1000 / std::max(seconds, 0.001), 0, 'f', 0));
+                    .arg(QString::fromLatin1(toByteArray(request.method_string())),
+                         QString::fromLatin1(toByteArray(request.target())), outcome, QString::number(traffic.bytes),
+                         QString::number(traffic.packets), QString::number(traffic.repeats),
+                         QString::number(seconds, 'f', 1), rate));
 }

@@ -34,6 +34,8 @@ public:
     /// that the client takes no short body for a whole one.
     void fail(unsigned status, const QString &reason);
     bool isHeadSent() const { return m_isHeadSent; }
+    /// Whether the client has stopped reading long ago.
+    bool isStuffed() const;
 
 signals:
     void requested();
@@ -44,7 +46,7 @@ private:
 
     void beginRequest();
     void read();
-    void drain();
+    void written();
     void refuse(const boost::system::error_code &error);
     void takeRequest();
 
@@ -55,7 +57,7 @@ private:
     HttpRequest m_request;
     unsigned m_version = 11; // of the client's HTTP
     bool m_isReading = true;
-    bool m_isDraining = false;
+    bool m_isDraining = false;  // nothing more is answered
     bool m_isContinued = false; // the client has been told to send its body
     bool m_isHeadSent = false;
     bool m_isChunked = false; // the response
@@ -79,6 +81,7 @@ public:
     /// False when the address cannot be used; errorString() says why.
     bool listen(const QHostAddress &address, quint16 port) { return m_server.listen(address, port); }
     QString errorString() const { return m_server.errorString(); }
+    bool isBusy() const { return m_isBusy; }
 
 signals:
     /// One line for a person.
@@ -88,6 +91,7 @@ signals:
 
 private:
     void accept();
+    void leave(ProxyConnection *connection);
     void enqueue(ProxyConnection *connection);
     void next();
     void forward();
@@ -96,6 +100,7 @@ private:
     QTcpServer m_server;
     Exchange m_exchange;
     const Options m_options;
+    int m_connections = 0;
     QList<ProxyConnection *> m_waiting;
     ProxyConnection *m_current = nullptr;
     bool m_isBusy = false;

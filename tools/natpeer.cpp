@@ -14,9 +14,11 @@
 #include <QUrl>
 
 #include <sys/signalfd.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
+#include <functional>
 
 namespace
 {
@@ -124,6 +126,41 @@ struct Endpoint {
     }
 };
 
+/// Calls `leave` once when the process is to end: a relay that is not told good-bye would go on sending.
+class EndSignals
+{
+public:
+    explicit EndSignals(const std::function<void()> &leave) : m_notifier(open(), QSocketNotifier::Read)
+    {
+        QObject::connect(&m_notifier, &QSocketNotifier::activated, [this, leave] {
+            m_notifier.setEnabled(false);
+            signalfd_siginfo info;
+            const bool isRead = read(static_cast<int>(m_notifier.socket()), &info, sizeof info) == sizeof info;
+            sigset_t ends = endSignals();
+            if (isRead) // the next one ends the process at once
+                sigprocmask(SIG_UNBLOCK, &ends, nullptr);
+            leave();
+        });
+    }
+
+private:
+    static sigset_t endSignals()
+    {
+        sigset_t ends;
+        sigemptyset(&ends);
+        sigaddset(&ends, SIGINT);
+        sigaddset(&ends, SIGTERM);
+        return ends;
+    }
+    static int open()
+    {
+        sigset_t ends = endSignals();
+        sigprocmask(SIG_BLOCK, &ends, nullptr);
+        return signalfd(-1, &ends, SFD_CLOEXEC);
+    }
+    QSocketNotifier m_notifier;
+};
+
 int get(RelayClient *client, const Options &options)
 {
     const QString target = options.words().value(1);
@@ -142,6 +179,7 @@ int get(RelayClient *client, const Options &options)
         line.clear();
         QCoreApplication::exit(error.isEmpty() ? 0 : complain(error));
     });
+    const EndSignals signals_([&fetch] { fetch.interrupt(); });
     fetch.get(target);
     return QCoreApplication::exec();
 }
@@ -165,21 +203,14 @@ int serve(RelayClient *client, BoxPath *path, const Options &options)
         tell(text);
     });
 
-    // A relay that is not told good-bye would go on sending.
-    sigset_t signals_;
-    sigemptyset(&signals_);
-    sigaddset(&signals_, SIGINT);
-    sigaddset(&signals_, SIGTERM);
-    sigprocmask(SIG_BLOCK, &signals_, nullptr);
-    QSocketNotifier ended(signalfd(-1, &signals_, SFD_CLOEXEC), QSocketNotifier::Read);
-    QObject::connect(&ended, &QSocketNotifier::activated, [client, &ended] {
-        ended.setEnabled(false);
-        client->leave();
-    });
+    const EndSignals signals_([client] { client->leave(); });
     QObject::connect(client, &RelayClient::left, [] { QCoreApplication::exit(0); });
 
     QObject::connect(path, &BoxPath::opened, [] { tell(QStringLiteral("the box answers")); });
-    QObject::connect(path, &BoxPath::failed, [](const QString &reason) { tell(reason); });
+    QObject::connect(path, &BoxPath::failed, [&proxy](const QString &reason) {
+        if (!proxy.isBusy()) // or the request that fails tells
+            tell(reason);
+    });
     tell(QStringLiteral("open http://%1/ in a browser; Ctrl-C ends").arg(options.text("listen")));
     path->open(); // what is wrong is told now, not at the first request
     return QCoreApplication::exec();

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iterator>
 
 using namespace std::chrono_literals;
 
@@ -20,6 +21,7 @@ constexpr std::chrono::milliseconds reminder = 5s;     // a relay that was resta
 constexpr std::chrono::milliseconds pathPatience = 4s; // unconfirmed so long, the request has no path any more
 constexpr std::chrono::milliseconds leaveLimit = 3s;
 constexpr std::chrono::milliseconds packetMemory = 60s; // as long as the relay itself tells a packet from its like
+constexpr int mostSeen = 10000;                         // more than the relay sends in that time
 constexpr quint16 socketId = 1;                         // one request at a time needs no more
 } // namespace
 
@@ -50,7 +52,8 @@ void RelayClient::send(const QByteArray &httpRequest, bool mayRepeat)
 {
     // While the web server works on an abandoned request, its answer would be taken for that to the next one. So a
     // harmless one goes first: whatever comes, the relay closes its link to the web server behind it.
-    m_flush = m_mayLinger ? request("HEAD / HTTP/1.1\r\nHost: localhost\r\n\r\n") : QByteArray();
+    m_isFlushed = m_mayLinger && !m_mustClear;
+    m_flush = m_isFlushed ? request("HEAD / HTTP/1.0\r\nHost: localhost\r\n\r\n") : QByteArray();
     m_request = request(httpRequest);
     m_mayRepeat = mayRepeat;
     m_series = {};
@@ -58,6 +61,7 @@ void RelayClient::send(const QByteArray &httpRequest, bool mayRepeat)
     m_traffic = {};
     m_seen.clear();
     m_sinceHeld.invalidate();
+    m_hasReopened = false;
     if (m_path->isFresh())
         proceed();
     else
@@ -73,8 +77,9 @@ void RelayClient::proceed()
         enter(m_flush.isEmpty() ? State::Requesting : State::Flushing);
 }
 
-void RelayClient::finish()
+void RelayClient::finish(bool isRelayDone)
 {
+    m_isClean = isRelayDone && !m_mustClear;
     enter(State::Idle);
 }
 
@@ -95,6 +100,8 @@ void RelayClient::leave()
 
 void RelayClient::enter(State state)
 {
+    if (m_state == State::Leaving)
+        return;
     m_state = state;
     m_sinceProgress.start();
     if (state == State::Idle)
@@ -124,26 +131,27 @@ void RelayClient::tick()
     const auto isStuck = [this](std::chrono::milliseconds time) { return m_sinceProgress.hasExpired(time.count()); };
     if (m_state == State::Opening)
         return; // the path has its own limit
-    if (m_state == State::Leaving && isStuck(leaveLimit)) {
-        enter(State::Idle);
-        emit left();
-        return;
-    }
+    if (m_state == State::Leaving)
+        return isStuck(leaveLimit) ? emit left() : transmit();
     if (isStuck(std::chrono::milliseconds(m_timeout)))
         return m_state == State::Receiving
                    ? fail(Failure::CutShort, QStringLiteral("the response is cut short, the rest does not come"))
                    : fail(Failure::NoAnswer, QStringLiteral("no answer to the request"));
 
     const bool isHeld = m_state == State::Requesting && m_sinceHeld.isValid();
-    const bool isLost = !isHeld && m_state != State::Receiving && m_state != State::Leaving && isStuck(pathPatience);
-    if (isLost)
+    if (!isHeld && m_state != State::Receiving && !m_hasReopened && isStuck(pathPatience)) {
+        m_hasReopened = true;
         enter(State::Opening);
-    else if (!isHeld || (m_mayRepeat && m_sinceTransmit.hasExpired(reminder.count())))
+    } else if (!isHeld || (m_mayRepeat && m_sinceTransmit.hasExpired(reminder.count()))) {
         transmit();
+    }
 }
 
 void RelayClient::fail(Failure failure, const QString &reason)
 {
+    // Behind a request that only closes a link, this one should have been answered: the relay must be one that takes
+    // the response for an endless one, as it does after a page that looks like the beginning of chunks.
+    m_mustClear |= m_isFlushed && failure == Failure::NoAnswer && m_sinceHeld.isValid();
     abandon();
     emit failed(failure, reason);
 }
@@ -155,7 +163,6 @@ void RelayClient::take(const QByteArray &data)
         m_isClean = true;
         proceed();
     } else if (kind == DatagramKind::ConnectRequest && m_state == State::Leaving) {
-        enter(State::Idle);
         emit left();
     } else if (kind == DatagramKind::Confirmation) {
         takeConfirmation(datagram::readInteger<quint16>(data, datagram::messageIdOffset));
@@ -201,8 +208,14 @@ bool RelayClient::isRepeated(const QByteArray &packet)
     // Without kind and ids, of which the socket id may change between two sends.
     const QByteArray key = QCryptographicHash::hash(packet.mid(datagram::socketIdOffset + 2), QCryptographicHash::Sha1);
     const auto seen = m_seen.constFind(key);
-    const bool isKnown = seen != m_seen.constEnd() && m_clock.elapsed() - *seen < packetMemory.count();
-    m_seen.insert(key, m_clock.elapsed());
+    const qint64 now = m_clock.elapsed();
+    const auto isOld = [now](qint64 time) { return now - time >= packetMemory.count(); };
+    const bool isKnown = seen != m_seen.constEnd() && !isOld(*seen);
+    m_seen.insert(key, now);
+    if (m_seen.size() > mostSeen) { // a response without end
+        for (auto entry = m_seen.begin(); entry != m_seen.end();)
+            entry = isOld(*entry) ? m_seen.erase(entry) : std::next(entry);
+    }
     return isKnown;
 }
 

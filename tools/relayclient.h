@@ -40,13 +40,13 @@ public:
     /// such methods idempotent), as it does when the relay is restarted meanwhile.
     void send(const QByteArray &httpRequest, bool mayRepeat);
 
-    /// Tells that the response is whole.
-    void finish();
+    /// Tells that the response is whole. `isRelayDone`: the relay knows that too, and goes on to the next request.
+    void finish(bool isRelayDone);
     /// Gives the present request up: the next one begins by having the relay forget this one.
     void abandon();
 
     /// Has the relay forget what it holds for this peer, so that it resends nothing to a peer that has gone; left()
-    /// follows, also when the relay does not answer.
+    /// follows, also when the relay does not answer, and nothing else does.
     void leave();
 
     const Traffic &traffic() const { return m_traffic; }
@@ -85,7 +85,10 @@ private:
     State m_state = State::Idle;
     bool m_isClean = false;   // the relay holds nothing of this peer's but the present request
     bool m_mayLinger = false; // the web server may still be at work on an abandoned request
+    bool m_mustClear = false; // the relay does not know the end of a response: clear before every request
     bool m_mayRepeat = false;
+    bool m_isFlushed = false;   // the present request
+    bool m_hasReopened = false; // the path, for the present request
     quint16 m_messageId;
     QByteArray m_flush; // datagrams
     QByteArray m_request;
