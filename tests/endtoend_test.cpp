@@ -180,7 +180,7 @@ private slots:
             QVERIFY(QTest::qWaitFor([&] { return !web.takeRequest().isEmpty(); }, 10000));
             web.answer(response);
             const auto [status, output, error] = finish(&peer);
-            QCOMPARE(output, body);
+            QVERIFY2(output == body, response + error + output);
             QVERIFY2(status == int(!complaint.isEmpty()) && error.contains(complaint) && error.count('\n') == status, error);
         }
     }
@@ -196,7 +196,7 @@ private slots:
             {key, QByteArray(32, '1'), get, "no answer from the box"},
             {key, key.left(31), get, "key in [box] must be 32 hexadecimal digits"},
             {testIv.toHex(), QByteArray(32, '0'), get, "iv in [box] must hold no byte 00"},
-            {"127.0.0.1:5000", "127.0.0.1", get, "address in [box] must be host:port"},
+            {"127.0.0.1:5000", "127.0.0.1", get, "the box's address must be HOST:PORT like box.example.net:5000"},
             {peerUuid, "me", get, "uuid in [peer] must be a UUID in braces"},
             {peerUuid, boxUuid, get, "must be the peer's own"},
             {"\n", "\n", {"--config", "/no/such.ini", "get", "/"}, "/no/such.ini: No such file or directory"},
@@ -206,7 +206,7 @@ private slots:
             {"\n", "\n", {"--listen", "127.0.0.1:4000", "serve"}, "cannot listen on 127.0.0.1:4000: The bound address is already in use"},
             {"\n", "\n", {"--udp-port", "5000", "get", "/"}, "UDP port 5000 cannot be used"},
             {"\n", "\n", {"--queue", "x", "get", "/"}, "--queue must be a number from 1 to 10000"},
-            {"\n", "\n", {"discover", "here"}, "here is no address; use discover"},
+            {"\n", "\n", {"discover", "here"}, "the address must be IP or IP:PORT like 192.0.2.7:5000"},
             {"\n", "\n", {"--key", "x", "get", "/"}, "Unknown option 'key'"},
             {"\n", "\n", {"get", "/\r\nHost: x"}, "the path must begin with /"},
             {"\n", "\n", {"get", "/" + QString(66000, 'x')}, "the path is too long"}};

@@ -44,13 +44,19 @@ bool isOfOneMachine(const QHostAddress &address)
 }
 } // namespace
 
-Endpoint Endpoint::ofPeer(const QString &text)
+Endpoint Endpoint::ofAddress(const QString &text)
 {
     Endpoint endpoint = split(text);
     if (!isAddress(endpoint.host))
-        endpoint.error = QStringLiteral("the peer's address must be IP or IP:PORT like 192.0.2.7:5000 or "
-                                        "[2001:db8::7]:5000, with a port from 1 to 65535");
-    else if (!isOfOneMachine(QHostAddress(endpoint.host)))
+        endpoint.error = QStringLiteral("the address must be IP or IP:PORT like 192.0.2.7:5000 or [2001:db8::7]:5000, "
+                                        "with a port from 1 to 65535");
+    return endpoint;
+}
+
+Endpoint Endpoint::ofPeer(const QString &text)
+{
+    Endpoint endpoint = ofAddress(text);
+    if (endpoint.error.isEmpty() && !isOfOneMachine(QHostAddress(endpoint.host)))
         endpoint.error = QStringLiteral("the peer's address must be that of one machine, like 192.0.2.7");
     return endpoint;
 }

@@ -10,7 +10,10 @@ struct Endpoint {
     QString host;
     int port = noPort;
 
-    /// Reads IP or IP:PORT, an IPv6 address with a port in brackets. The address is that of one machine.
+    /// Reads IP or IP:PORT, an IPv6 address with a port in brackets.
+    static Endpoint ofAddress(const QString &text);
+
+    /// The same, and the address is that of one machine.
     static Endpoint ofPeer(const QString &text);
 
     /// Reads HOST:PORT, where HOST is a name or an address.

@@ -124,12 +124,12 @@ void Exchange::take(const QByteArray &bytes)
         if (error && error != http::error::need_more)
             return fail(502,
                         QStringLiteral("the answer is no HTTP response: ") + QString::fromStdString(error.message()));
-        if (m_parser->is_done() &&
-            http::to_status_class(m_parser->get().result()) == http::status_class::informational) {
+        if (m_parser->is_done() && m_parser->get().result_int() / 100 == 1) {
             const QByteArray rest = m_buffer; // an interim response: the real one follows
+            const QByteArray tail = m_tail;
             beginPart();
             m_buffer = rest;
-            m_isRelayWaiting = rest.contains(chunkedField);
+            m_tail = tail;
             continue;
         }
         isMoving = used > 0 && !m_parser->is_done();

@@ -2,16 +2,17 @@
 
 #include "tools/boxpath.h"
 #include "tools/discovery.h"
+#include "tools/endpoint.h"
 #include "tools/fetch.h"
 #include "tools/httpproxy.h"
 #include "tools/peerconfig.h"
 #include "tools/progressline.h"
+#include "tools/valuecheck.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QRegularExpression>
 #include <QSocketNotifier>
-#include <QUrl>
 
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -78,9 +79,9 @@ public:
             return QStringLiteral("%1; %2").arg(m_parser.errorText(), usage);
         if (m_parser.isSet(QStringLiteral("help")))
             m_parser.showHelp(0);
-        return firstError({checkNumber("timeout", 1, 86400), checkNumber("queue", 1, 10000),
-                           checkNumber("udp-port", 0, 65535), checkNumber("keep-alive", 1, 3600),
-                           checkNumber("punch-rate", 100, 1000000)});
+        return valuecheck::firstError({checkNumber("timeout", 1, 86400), checkNumber("queue", 1, 10000),
+                                       checkNumber("udp-port", 0, 65535), checkNumber("keep-alive", 1, 3600),
+                                       checkNumber("punch-rate", 100, 1000000)});
     }
 
     QStringList words() const { return m_parser.positionalArguments(); }
@@ -105,25 +106,8 @@ private:
                                                                  .arg(least)
                                                                  .arg(most);
     }
-    static QString firstError(const QStringList &errors)
-    {
-        return errors.join(QString()).isEmpty() ? QString()
-                                                : errors.filter(QRegularExpression(QStringLiteral("."))).constFirst();
-    }
 
     QCommandLineParser m_parser;
-};
-
-/// An address with or without a port; an IPv6 address in brackets.
-struct Endpoint {
-    QHostAddress address;
-    int port = -1;
-    explicit Endpoint(const QString &text)
-    {
-        const QUrl url(QStringLiteral("udp://") + text, QUrl::StrictMode);
-        address = QHostAddress(url.host());
-        port = url.port();
-    }
 };
 
 /// Calls `leave` once when the process is to end: a relay that is not told good-bye would go on sending.
@@ -186,11 +170,11 @@ int get(RelayClient *client, const Options &options)
 
 int serve(RelayClient *client, BoxPath *path, const Options &options)
 {
-    const Endpoint listen(options.text("listen"));
-    if (listen.address.isNull() || listen.port < 1)
+    const Endpoint listen = Endpoint::ofAddress(options.text("listen"));
+    if (!listen.error.isEmpty() || listen.port == Endpoint::noPort)
         return complain(QStringLiteral("--listen must be an address and a port, like 127.0.0.1:8080"));
     HttpProxy proxy(client, {options.number("queue"), options.isSet("verbose")});
-    if (!proxy.listen(listen.address, static_cast<quint16>(listen.port)))
+    if (!proxy.listen(QHostAddress(listen.host), static_cast<quint16>(listen.port)))
         return complain(QStringLiteral("cannot listen on %1: %2; choose another one with --listen")
                             .arg(options.text("listen"), proxy.errorString()));
     ProgressLine line;
@@ -219,13 +203,13 @@ int serve(RelayClient *client, BoxPath *path, const Options &options)
 int discover(const PeerConfig &peer, const Options &options)
 {
     const QString where = options.words().value(1);
-    const Endpoint target(where);
-    const bool isBroadcast = where.isEmpty() || where.startsWith(QLatin1Char(':')); // on another port
-    if (!isBroadcast && target.address.isNull())
-        return complain(
-            QStringLiteral("%1 is no address; use discover, or discover 192.0.2.1 or 192.0.2.1:5001").arg(where));
-    const quint16 port = target.port > 0 ? static_cast<quint16>(target.port) : Discovery::defaultPort;
-    Discovery discovery(peer.uuid, target.address, port);
+    Endpoint target;
+    if (!where.isEmpty())
+        target = Endpoint::ofAddress(where);
+    if (!target.error.isEmpty())
+        return complain(target.error);
+    const quint16 port = target.port == Endpoint::noPort ? Discovery::defaultPort : static_cast<quint16>(target.port);
+    Discovery discovery(peer.uuid, QHostAddress(target.host), port);
     bool isFound = false;
     QObject::connect(&discovery, &Discovery::found, [&](const FoundBox &box) {
         isFound = true;

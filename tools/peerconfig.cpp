@@ -2,32 +2,11 @@
 
 #include "tools/peerconfig.h"
 
+#include "tools/endpoint.h"
 #include "tools/valuecheck.h"
 
 #include <QFile>
 #include <QSettings>
-#include <QUrl>
-
-namespace
-{
-QString checkAddress(const QUrl &address)
-{
-    const bool isLeftOut = address.toString() == QLatin1String("udp://");
-    return isLeftOut || (!address.host().isEmpty() && address.port() > 0)
-               ? QString()
-               : QStringLiteral("address in [box] must be host:port, an IPv6 address in brackets; without it the box "
-                                "is looked for on the local network");
-}
-
-QString firstOf(const QStringList &errors)
-{
-    for (const QString &error : errors) {
-        if (!error.isEmpty())
-            return error;
-    }
-    return QString();
-}
-} // namespace
 
 PeerConfig PeerConfig::read(const QString &path)
 {
@@ -41,16 +20,20 @@ PeerConfig PeerConfig::read(const QString &path)
     const auto text = [&ini](const char *name) { return ini.value(QString::fromLatin1(name)).toString().trimmed(); };
     config.uuid = text("peer/uuid");
     config.boxUuid = text("box/uuid");
-    const QUrl address(QStringLiteral("udp://") + text("box/address"), QUrl::StrictMode);
-    config.boxHost = address.host();
-    config.boxPort = static_cast<quint16>(address.port(0));
+    const QString address = text("box/address");
+    Endpoint box;
+    if (!address.isEmpty()) {
+        box = Endpoint::ofBox(address);
+        config.boxHost = box.host;
+        config.boxPort = static_cast<quint16>(box.port);
+    }
     config.key = QByteArray::fromHex(text("box/key").toLatin1());
     config.iv = QByteArray::fromHex(text("box/iv").toLatin1());
 
-    QString error = firstOf({valuecheck::uuid(config.uuid, QStringLiteral("uuid in [peer]")),
-                             valuecheck::uuid(config.boxUuid, QStringLiteral("uuid in [box]")), checkAddress(address),
-                             valuecheck::key(text("box/key"), QStringLiteral("key in [box]")),
-                             valuecheck::iv(text("box/iv"), QStringLiteral("iv in [box]"))});
+    QString error = valuecheck::firstError({valuecheck::uuid(config.uuid, QStringLiteral("uuid in [peer]")),
+                                            valuecheck::uuid(config.boxUuid, QStringLiteral("uuid in [box]")),
+                                            box.error, valuecheck::key(text("box/key"), QStringLiteral("key in [box]")),
+                                            valuecheck::iv(text("box/iv"), QStringLiteral("iv in [box]"))});
     if (error.isEmpty() && config.uuid == config.boxUuid)
         error = QStringLiteral("uuid in [peer] must be the peer's own, not the box's");
     if (!error.isEmpty())

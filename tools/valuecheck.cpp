@@ -8,6 +8,8 @@
 #include <QByteArray>
 #include <QRegularExpression>
 
+#include <algorithm>
+
 namespace
 {
 constexpr int longestHostName = 253; // characters, RFC 1035
@@ -34,6 +36,13 @@ QString valuecheck::iv(const QString &text, const QString &name)
     if (error.isEmpty() && QByteArray::fromHex(text.toLatin1()).contains('\0'))
         return QStringLiteral("%1 must hold no byte 00: the box cuts it there and would not encipher").arg(name);
     return error;
+}
+
+QString valuecheck::firstError(const QStringList &errors)
+{
+    const auto isError = [](const QString &text) { return !text.isEmpty(); };
+    const auto first = std::find_if(errors.cbegin(), errors.cend(), isError);
+    return first == errors.cend() ? QString() : *first;
 }
 
 bool valuecheck::isHostName(const QString &text)

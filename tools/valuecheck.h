@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 
 /// What the values must look like that a box and its peers share. Each check gives empty text for a good value, and
 /// else one line that calls the value `name` and says what would be right; the value itself never shows in it.
@@ -14,6 +15,9 @@ QString key(const QString &text, const QString &name);
 
 /// Like a key, and none of its bytes is zero.
 QString iv(const QString &text, const QString &name);
+
+/// The first text that is not empty; empty when there is none.
+QString firstError(const QStringList &errors);
 
 /// Whether this is a name to look up (RFC 1123, 2.1), and no address.
 bool isHostName(const QString &text);
