@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <utility>
 
 using namespace std::chrono_literals;
 
@@ -51,8 +52,8 @@ bool isOver(const QElapsedTimer &timer, std::chrono::milliseconds time)
 }
 } // namespace
 
-BoxPath::BoxPath(const PeerConfig &config, const Options &options, QObject *parent)
-    : QObject(parent), m_config(config), m_options(options)
+BoxPath::BoxPath(PeerConfig config, const Options &options, QObject *parent)
+    : QObject(parent), m_config(std::move(config)), m_options(options)
 {
     if (!addSocket(options.udpPort))
         m_error = QStringLiteral("UDP port %1 cannot be used: another program may have it; choose another one")

@@ -32,7 +32,7 @@ public:
     };
 
     /// Opens nothing yet. A local port that cannot be used is told by error().
-    BoxPath(const PeerConfig &config, const Options &options, QObject *parent = nullptr);
+    BoxPath(PeerConfig config, const Options &options, QObject *parent = nullptr);
 
     /// Not empty: the local UDP port cannot be used; one line that says why.
     const QString &error() const { return m_error; }

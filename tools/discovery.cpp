@@ -9,6 +9,7 @@
 #include <QNetworkInterface>
 
 #include <chrono>
+#include <utility>
 
 using namespace std::chrono_literals;
 
@@ -35,8 +36,8 @@ QList<QHostAddress> broadcastAddresses()
 }
 } // namespace
 
-Discovery::Discovery(const QString &uuid, const QHostAddress &target, quint16 port, QObject *parent)
-    : QObject(parent), m_uuid(uuid), m_target(target), m_port(port)
+Discovery::Discovery(QString uuid, const QHostAddress &target, quint16 port, QObject *parent)
+    : QObject(parent), m_uuid(std::move(uuid)), m_target(target), m_port(port)
 {
     m_socket.bind(QHostAddress(QHostAddress::AnyIPv4), 0);
     m_clock.start();

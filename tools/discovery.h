@@ -27,7 +27,7 @@ public:
     static constexpr quint16 defaultPort = 5001;
 
     /// `uuid` is the asker's; a null `target` means every IPv4 broadcast address of this machine.
-    Discovery(const QString &uuid, const QHostAddress &target, quint16 port, QObject *parent = nullptr);
+    Discovery(QString uuid, const QHostAddress &target, quint16 port, QObject *parent = nullptr);
 
 signals:
     /// One for each box and address.

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <chrono>
 #include <iterator>
+#include <utility>
 
 using namespace std::chrono_literals;
 
@@ -25,8 +26,8 @@ constexpr int mostSeen = 10000;                         // more than the relay s
 constexpr quint16 socketId = 1;                         // one request at a time needs no more
 } // namespace
 
-RelayClient::RelayClient(BoxPath *path, const QString &uuid, const QString &boxUuid, int timeout, QObject *parent)
-    : QObject(parent), m_path(path), m_uuid(uuid), m_boxUuid(boxUuid), m_timeout(timeout),
+RelayClient::RelayClient(BoxPath *path, QString uuid, QString boxUuid, int timeout, QObject *parent)
+    : QObject(parent), m_path(path), m_uuid(std::move(uuid)), m_boxUuid(std::move(boxUuid)), m_timeout(timeout),
       m_messageId(static_cast<quint16>(QRandomGenerator::global()->generate()))
 {
     m_clock.start();

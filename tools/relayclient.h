@@ -31,7 +31,7 @@ public:
 
     /// `path` and its names of peer and box must outlive the client. `timeout`: how long, in ms, a request may wait for
     /// an answer, and a response make no progress.
-    RelayClient(BoxPath *path, const QString &uuid, const QString &boxUuid, int timeout, QObject *parent = nullptr);
+    RelayClient(BoxPath *path, QString uuid, QString boxUuid, int timeout, QObject *parent = nullptr);
 
     /// Bytes of a request: it must fit one datagram, of at most 65,507 bytes over IPv4, behind the header.
     static constexpr int longestRequest = 65507 - datagram::requestPayloadOffset;
