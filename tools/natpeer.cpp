@@ -116,7 +116,7 @@ class EndSignals
 public:
     explicit EndSignals(const std::function<void()> &leave) : m_notifier(open(), QSocketNotifier::Read)
     {
-        QObject::connect(&m_notifier, &QSocketNotifier::activated, [this, leave] {
+        QObject::connect(&m_notifier, &QSocketNotifier::activated, &m_notifier, [this, leave] {
             m_notifier.setEnabled(false);
             signalfd_siginfo info;
             const bool isRead = read(static_cast<int>(m_notifier.socket()), &info, sizeof info) == sizeof info;
@@ -191,7 +191,7 @@ int serve(RelayClient *client, BoxPath *path, const Options &options)
     QObject::connect(client, &RelayClient::left, [] { QCoreApplication::exit(0); });
 
     QObject::connect(path, &BoxPath::opened, [] { tell(QStringLiteral("the box answers")); });
-    QObject::connect(path, &BoxPath::failed, [&proxy](const QString &reason) {
+    QObject::connect(path, &BoxPath::failed, &proxy, [&proxy](const QString &reason) {
         if (!proxy.isBusy()) // or the request that fails tells
             tell(reason);
     });
