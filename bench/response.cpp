@@ -1,0 +1,80 @@
+// A response on its way out: cut into packets, and sent to a peer that confirms at once.
+
+#include "bench/relaybox.h"
+
+#include <QCryptographicHash>
+
+#include <malloc.h>
+
+#include <cstring>
+
+namespace
+{
+constexpr int responseSize = 10'000'000;
+
+void cutting(benchmark::State &state)
+{
+    const RelayBox box(1);
+    const QByteArray response(responseSize, 'x');
+    const auto cut = [&] {
+        const double seconds = figures::timed([&] { box.relay->queueResponse(response, box.client(uuidOfPeer(0))); });
+        box.relay->udpQueue.clear();
+        return seconds;
+    };
+    const auto copyAndDigest = [&] {
+        QByteArray copy;
+        return figures::timed([&] {
+            copy = QByteArray(response.constData(), response.size());
+            QCryptographicHash::hash(copy, QCryptographicHash::Md5);
+        });
+    };
+    figures::within(1.5, QStringLiteral("cutting a response of 10 MB"), QStringLiteral("one `memcpy` and its MD5"),
+                    figures::milliseconds, figures::compare(state, cut, copyAndDigest));
+}
+FIGURE(cutting, 30);
+
+void forgetPeak()
+{
+    QFile references(QStringLiteral("/proc/self/clear_refs"));
+    if (!references.open(QIODevice::WriteOnly) || references.write("5") != 1)
+        qFatal("no peak of memory to be had");
+}
+
+void cuttingMemory(benchmark::State &state)
+{
+    const RelayBox box(1);
+    const auto peak = [&] {
+        malloc_trim(0);
+        forgetPeak();
+        const double before = figures::memory("VmRSS");
+        const QByteArray response(responseSize, 'x');
+        box.relay->queueResponse(response, box.client(uuidOfPeer(0)));
+        const double after = figures::memory("VmHWM");
+        box.relay->udpQueue.clear();
+        return after - before;
+    };
+    figures::within(2.5, QStringLiteral("peak memory while cutting, the response among it"),
+                    QStringLiteral("the response"), figures::megabytes,
+                    figures::compare(state, peak, [] { return double(responseSize); }));
+}
+FIGURE(cuttingMemory, 5);
+
+void sending(benchmark::State &state)
+{
+    constexpr int packets = 100; // a sample
+    RelayBox box(1);
+    const PromptPeer peer;
+    const Repeating confirming([&peer] { peer.takePacket(); });
+    const auto isConfirmed = [&] { return box.relay->udpQueue.isEmpty() || box.relay->udpQueue.last().confirmed; };
+    int id = 0;
+    const auto send = [&] {
+        box.relay->udpQueue.clear();
+        box.queueResponse(packets, ++id, peer.port());
+        return packets / figures::timed([&] { box.turnUntil(isConfirmed); });
+    };
+    figures::atLeast(0.98, QStringLiteral("packets of a long response, confirmed at once"),
+                     QStringLiteral("turns of the bare loop"), figures::perSecond,
+                     figures::compare(state, send, [] { return 1 / figures::timed(bareTurn, packets); }));
+}
+FIGURE(sending, 9);
+} // namespace
