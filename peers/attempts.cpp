@@ -30,15 +30,18 @@ quint16 shifted(int port, int offset)
 
 void UDPHandler::attendPeers(const QMap<QString, RemoteClient> &snapshot)
 {
+    ElapsedTest isSilent(silenceLimit);
     for (const RemoteClient &peer : snapshot) {
         if (peer.status == static_cast<quint8>(ConnectionStatus::Connecting)) {
             attemptConnection(peer);
-        } else if (peer.status == static_cast<quint8>(ConnectionStatus::Connected) &&
-                   hasElapsed(peer.lastSeen, silenceLimit)) {
+        } else if (peer.status == static_cast<quint8>(ConnectionStatus::Connected) && isSilent(peer.lastSeen)) {
             Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Remote client was timeouted: ") +
                                                            remoteClients.value(peer.remoteUuid).host.toString());
             setConnectionStatus(ConnectionStatus::Disconnected, peer.remoteUuid);
+        } else {
+            continue;
         }
+        isSilent = ElapsedTest(silenceLimit); // a burst or the store may have taken long
     }
 }
 
@@ -46,21 +49,24 @@ void UDPHandler::attemptConnection(const RemoteClient &peer)
 {
     // Interval and limit count as unsigned: below zero means "hardly ever" and "without end".
     const std::chrono::milliseconds interval(static_cast<quint32>(connectionInterval));
-    const auto live = remoteClients.find(peer.remoteUuid);
-    if (live == remoteClients.end())
+    // Written to only when a burst is due: the first write in a pass copies the whole table, which the snapshot shares.
+    const auto live = remoteClients.constFind(peer.remoteUuid);
+    if (live == remoteClients.cend())
         return;
+    int tries = live->tries;
     if (hasElapsed(peer.lastAttempt, interval)) {
         sendBurst(peer);
-        live->lastAttempt = QDateTime::currentDateTime();
-        live->tries++;
+        RemoteClient &client = remoteClients[peer.remoteUuid];
+        client.lastAttempt = QDateTime::currentDateTime();
+        tries = ++client.tries;
         Logger::logDebug(hostcalls::logCategory(),
                          QStringLiteral("Trying to connect to remote ") + peer.host.toString() + QLatin1Char(':') +
                              QString::number(peer.udpPortRemote, 10) + QLatin1Char('/') +
                              QString::number(peer.udpPort, 10) + QStringLiteral(" UUID: ") + peer.remoteUuid +
                              QStringLiteral(" Try: ") + QString::number(peer.tries, 10));
     }
-    if (static_cast<quint32>(live->tries) > static_cast<quint32>(maxConnectTries)) {
-        live->tries = 0;
+    if (static_cast<quint32>(tries) > static_cast<quint32>(maxConnectTries)) {
+        remoteClients[peer.remoteUuid].tries = 0;
         setConnectionStatus(ConnectionStatus::Disconnected, peer.remoteUuid);
         Logger::logWarning(hostcalls::logCategory(), QStringLiteral("Could not connect to remote users. Tried: ") +
                                                          QString::number(peer.tries, 10));
