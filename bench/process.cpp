@@ -74,8 +74,8 @@ FIGURE(idleShare, 1);
 
 void sendingShare(benchmark::State &state)
 {
-    constexpr int size = 20'000'000; // more than is sent in the time
-    const PromptWebServer web("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + QByteArray(size, 'x'));
+    constexpr int size = 8'000'000; // more than is sent in the time
+    const PromptWebServer web("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + randomBytes(size));
     const PromptPeer peer;
     int packets = 0;
     const double busy = share(state, [&] {
@@ -166,7 +166,7 @@ void memoryAfterRequests(benchmark::State &state)
 {
     constexpr int round = 300;
     constexpr int rounds = 10;
-    const PromptWebServer web("HTTP/1.1 200 OK\r\n\r\n" + QByteArray(20000, 'x'));
+    const PromptWebServer web("HTTP/1.1 200 OK\r\n\r\n" + randomBytes(20000));
     const RelayBox box(1);
     const PromptPeer peer;
     const auto afterOne = [&] {

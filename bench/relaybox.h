@@ -14,12 +14,22 @@
 
 #include <array>
 #include <atomic>
+#include <random>
 #include <thread>
 
 inline QByteArray uuidOfPeer(int number)
 {
     // In no order that the store or the table could follow.
     return QUuid::createUuidV5(QUuid(), QByteArray::number(number)).toByteArray();
+}
+
+/// The same bytes every time.
+inline QByteArray randomBytes(int size)
+{
+    std::mt19937 random(1); // NOLINT(cert-msc51-cpp,cert-msc32-c)
+    QByteArray data(size, '\0');
+    std::generate(data.begin(), data.end(), [&random] { return static_cast<char>(random()); });
+    return data;
 }
 
 /// A box whose relay, in this process, knows so many peers of one state; what it logs goes nowhere.
@@ -38,8 +48,11 @@ struct RelayBox : Box {
     void addPeers(int first, int end, ConnectionStatus status = ConnectionStatus::Disconnected)
     {
         sql("BEGIN");
-        for (int i = first; i < end; i++)
-            addPeer(uuidOfPeer(i), static_cast<int>(status));
+        for (int i = first; i < end; i++) // all on loopback, each with an address and a port of its own
+            sql("INSERT INTO nat_traverse(remote_uuid, status, remote_ip, udp_port, udp_port_remote) VALUES ('" +
+                uuidOfPeer(i) + "', " + QByteArray::number(static_cast<int>(status)) + ", '127.0." +
+                QByteArray::number(i / 250) + '.' + QByteArray::number(i % 250 + 1) + "', 4000, " +
+                QByteArray::number(4001 + i) + ')');
         sql("COMMIT");
     }
     /// Queues a response of so many packets to a peer that listens on this port.
@@ -122,11 +135,12 @@ public:
     {
         send("\x09" + wire(static_cast<quint32>(id), 2) + wire(0, 2) + uuid + boxUuid + "GET / HTTP/1.1\r\n\r\n");
     }
-    /// The next packet of a response, confirmed; empty when none came within 100 ms, or something else.
-    QByteArray takePacket() const
+    /// The next packet of a response, confirmed; empty when none came within 100 ms, or something else. With the flag
+    /// MSG_DONTWAIT it waits for none.
+    QByteArray takePacket(int flags = 0) const
     {
         QByteArray data(65536, Qt::Uninitialized);
-        const auto length = recv(m_socket.descriptor, data.data(), static_cast<size_t>(data.size()), 0);
+        const auto length = recv(m_socket.descriptor, data.data(), static_cast<size_t>(data.size()), flags);
         if (length < 89)
             return {};
         data.resize(static_cast<int>(length));

@@ -59,22 +59,41 @@ void cuttingMemory(benchmark::State &state)
 }
 FIGURE(cuttingMemory, 5);
 
-void sending(benchmark::State &state)
+/// Sends long responses, `between` two turns doing what the peer does.
+template <typename Between> figures::Pair sending(benchmark::State &state, quint16 port, Between between)
 {
     constexpr int packets = 100; // a sample
     RelayBox box(1);
-    const PromptPeer peer;
-    const Repeating confirming([&peer] { peer.takePacket(); });
-    const auto isConfirmed = [&] { return box.relay->udpQueue.isEmpty() || box.relay->udpQueue.last().confirmed; };
+    const auto isConfirmed = [&] {
+        between();
+        return box.relay->udpQueue.last().confirmed;
+    };
     int id = 0;
     const auto send = [&] {
         box.relay->udpQueue.clear();
-        box.queueResponse(packets, ++id, peer.port());
-        return packets / figures::timed([&] { box.turnUntil(isConfirmed); });
+        box.queueResponse(packets, ++id, port);
+        return packets / figures::timed([&] { box.turnUntil(isConfirmed, 10000); });
     };
-    figures::atLeast(0.98, QStringLiteral("packets of a long response, confirmed at once"),
-                     QStringLiteral("turns of the bare loop"), figures::perSecond,
-                     figures::compare(state, send, [] { return 1 / figures::timed(bareTurn, packets); }));
+    return figures::compare(state, send, [] { return 1 / figures::timed(bareTurn, packets); });
 }
-FIGURE(sending, 9);
+
+const QString bareTurns = QStringLiteral("turns of the bare loop");
+
+void sendingToPromptPeer(benchmark::State &state)
+{
+    const PromptPeer peer;
+    figures::atLeast(0.98, QStringLiteral("packets of a long response, each confirmed before the relay's next turn"),
+                     bareTurns, figures::perSecond,
+                     sending(state, peer.port(), [&peer] { peer.takePacket(MSG_DONTWAIT); }));
+}
+FIGURE(sendingToPromptPeer, 7);
+
+void sendingToThread(benchmark::State &state)
+{
+    const PromptPeer peer;
+    const Repeating confirming([&peer] { peer.takePacket(); });
+    figures::atLeast(0.98, QStringLiteral("packets of a long response, confirmed at once by another thread"), bareTurns,
+                     figures::perSecond, sending(state, peer.port(), [] {}));
+}
+FIGURE(sendingToThread, 5);
 } // namespace

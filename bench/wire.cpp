@@ -10,20 +10,11 @@
 #include <cryptopp/modes.h>
 
 #include <cstring>
-#include <random>
 
 namespace
 {
 constexpr int longest = 7089; // bytes of a full response packet
 constexpr int repeats = 300;  // a sample
-
-QByteArray randomBytes()
-{
-    std::mt19937 random(1); // NOLINT(cert-msc51-cpp): the same bytes every time
-    QByteArray data(longest, '\0');
-    std::generate(data.begin(), data.end(), [&random] { return static_cast<char>(random()); });
-    return data;
-}
 
 QByteArray plainRequest()
 {
@@ -62,7 +53,7 @@ double expressionOver(const QByteArray &data)
 
 void scanRandom(benchmark::State &state)
 {
-    const QByteArray data = randomBytes();
+    const QByteArray data = randomBytes(longest);
     const auto figure = [&] { return scan(data); };
     figures::within(3, QStringLiteral("UUID scan of 7,089 random bytes"),
                     QStringLiteral("`memchr` from brace to brace"), figures::microseconds,
@@ -82,7 +73,7 @@ FIGURE(scanRequest, 200);
 
 void scanByExpression(benchmark::State &state)
 {
-    const QByteArray data = randomBytes();
+    const QByteArray data = randomBytes(longest);
     const auto figure = [&] { return scan(data); };
     figures::shown(QStringLiteral("the same scan of random bytes"), QStringLiteral("the expression at each offset"),
                    figures::microseconds, figures::compare(state, figure, [&] { return expressionOver(data); }));
@@ -91,7 +82,7 @@ FIGURE(scanByExpression, 20);
 
 void enciphering(benchmark::State &state)
 {
-    const QByteArray plain = randomBytes();
+    const QByteArray plain = randomBytes(longest);
     QByteArray text = plain;
     auto *bytes = reinterpret_cast<CryptoPP::byte *>(text.data());
     CryptoPP::CFB_Mode<CryptoPP::AES>::Encryption keyed;
