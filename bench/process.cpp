@@ -162,7 +162,7 @@ void serve(const RelayBox &box, const PromptPeer &peer, int requests)
         qFatal("not served");
 }
 
-void memoryAfterRequests(benchmark::State &state)
+void ownMemoryAfterRequests(benchmark::State &state)
 {
     constexpr int round = 300;
     constexpr int rounds = 10;
@@ -181,5 +181,5 @@ void memoryAfterRequests(benchmark::State &state)
     figures::within(1.02, QStringLiteral("resident memory after 3,000 requests served, confirmed and expired"),
                     QStringLiteral("after 300"), figures::megabytes, figures::compare(state, afterAll, afterOne));
 }
-FIGURE(memoryAfterRequests, 1);
+FIGURE(ownMemoryAfterRequests, 1);
 } // namespace
