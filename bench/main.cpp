@@ -103,6 +103,8 @@ void figures::grows(const QString &duty, const QString &what, qint64 count, doub
 
 int main(int argc, char **argv)
 {
+    if (!qEnvironmentVariableIsSet("TZ")) // as nat-relayd does
+        qputenv("TZ", ":/etc/localtime");
     const QCoreApplication application(argc, argv);
     if (argc < 3) {
         std::cerr << "Usage: relay-bench ROWS GROWTH [--benchmark_filter=...]\n";
