@@ -66,25 +66,27 @@ double busySeconds()
     return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
 }
 
-/// The work of a turn in which the store is not read.
-void turnWork(benchmark::State &state, const RelayBox &box, const QString &duty, const QString &what, qint64 count)
+/// The work of a turn in which the store is not read, after `prepare`.
+template <typename Prepare>
+void turnWork(benchmark::State &state, const RelayBox &box, const QString &duty, const QString &what, Prepare prepare)
 {
     std::vector<double> samples;
     for (auto iteration : state) {
         static_cast<void>(iteration);
+        prepare();
         box.relay->lastRemoteClientsLoad = QDateTime::currentDateTime();
         const double before = busySeconds();
         box.relay->turn();
         samples.push_back(busySeconds() - before);
         state.SetIterationTime(samples.back());
     }
-    figures::grows(duty, what, count, figures::median(samples));
+    figures::grows(duty, what, state.range(0), figures::median(samples));
 }
 
 void turnWorkByPeers(benchmark::State &state, ConnectionStatus status, const QString &duty)
 {
     const RelayBox box(static_cast<int>(state.range(0)), status);
-    turnWork(state, box, duty, QStringLiteral("peers"), state.range(0));
+    turnWork(state, box, duty, QStringLiteral("peers"), [] {});
 }
 
 void workPeersDisconnected(benchmark::State &state)
@@ -105,15 +107,26 @@ void workOnePeerConnecting(benchmark::State &state)
     auto &peer = box.client(uuidOfPeer(0));
     peer.status = static_cast<quint8>(ConnectionStatus::Connecting);
     peer.lastAttempt = QDateTime::currentDateTime(); // the next burst is a minute away
-    turnWork(state, box, QStringLiteral("turn, one connecting"), QStringLiteral("peers"), state.range(0));
+    turnWork(state, box, QStringLiteral("turn, one connecting"), QStringLiteral("peers"), [] {});
 }
 FIGURE(workOnePeerConnecting, 40)->RangeMultiplier(10)->Range(10, 10000);
+
+void workOnePeerSilent(benchmark::State &state)
+{
+    const RelayBox box(static_cast<int>(state.range(0)));
+    turnWork(state, box, QStringLiteral("turn, one times out"), QStringLiteral("peers"), [&box] {
+        auto &peer = box.client(uuidOfPeer(0));
+        peer.status = static_cast<quint8>(ConnectionStatus::Connected);
+        peer.lastSeen = ago(61000);
+    });
+}
+FIGURE(workOnePeerSilent, 40)->RangeMultiplier(10)->Range(10, 10000);
 
 void workPacketsConfirmed(benchmark::State &state)
 {
     RelayBox box(1);
     box.queueConfirmed(static_cast<int>(state.range(0)));
-    turnWork(state, box, QStringLiteral("turn, all confirmed"), QStringLiteral("packets"), state.range(0));
+    turnWork(state, box, QStringLiteral("turn, all confirmed"), QStringLiteral("packets"), [] {});
 }
 FIGURE(workPacketsConfirmed, 40)->Arg(0)->Arg(600)->Arg(6000);
 } // namespace
