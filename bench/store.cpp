@@ -86,7 +86,7 @@ void writing(benchmark::State &state)
             peer.status = static_cast<quint8>(ConnectionStatus::Connected);
             peer.lastSeen = ago(61000);
         }
-        return figures::timed([&] { box.relay->attendPeers(box.relay->remoteClients); });
+        return figures::timed([&] { box.relay->attendPeers(); });
     };
     const auto limit = [&] {
         return figures::timed([&] {

@@ -1,5 +1,5 @@
 // The way to the peers: bursts that open a path through both routers, and the end of peers that fell silent. Runs once
-// a turn over a snapshot of the table; blocks for as long as a burst takes to be written.
+// a turn over the table; blocks for as long as a burst takes to be written.
 
 #include "core/clock.h"
 #include "core/hostcalls.h"
@@ -7,6 +7,7 @@
 #include "protocol/datagram.h"
 
 #include <QUdpSocket>
+#include <QVector>
 
 #include <logger.h>
 
@@ -28,20 +29,25 @@ quint16 shifted(int port, int offset)
 }
 } // namespace
 
-void UDPHandler::attendPeers(const QMap<QString, RemoteClient> &snapshot)
+void UDPHandler::attendPeers()
 {
+    // Copies, as the pass works on the state of its start; only of those that have to be attended to, as a copy of the
+    // whole table would be made in every turn that writes a status.
+    QVector<RemoteClient> due;
     ElapsedTest isSilent(silenceLimit);
-    for (const RemoteClient &peer : snapshot) {
+    for (const RemoteClient &peer : qAsConst(remoteClients)) {
+        if (peer.status == static_cast<quint8>(ConnectionStatus::Connecting) ||
+            (peer.status == static_cast<quint8>(ConnectionStatus::Connected) && isSilent(peer.lastSeen)))
+            due.append(peer);
+    }
+    for (const RemoteClient &peer : qAsConst(due)) {
         if (peer.status == static_cast<quint8>(ConnectionStatus::Connecting)) {
             attemptConnection(peer);
-        } else if (peer.status == static_cast<quint8>(ConnectionStatus::Connected) && isSilent(peer.lastSeen)) {
+        } else {
             Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Remote client was timeouted: ") +
                                                            remoteClients.value(peer.remoteUuid).host.toString());
             setConnectionStatus(ConnectionStatus::Disconnected, peer.remoteUuid);
-        } else {
-            continue;
         }
-        isSilent = ElapsedTest(silenceLimit); // a burst or the store may have taken long
     }
 }
 
@@ -49,24 +55,21 @@ void UDPHandler::attemptConnection(const RemoteClient &peer)
 {
     // Interval and limit count as unsigned: below zero means "hardly ever" and "without end".
     const std::chrono::milliseconds interval(static_cast<quint32>(connectionInterval));
-    // Written to only when a burst is due: the first write in a pass copies the whole table, which the snapshot shares.
-    const auto live = remoteClients.constFind(peer.remoteUuid);
-    if (live == remoteClients.cend())
+    const auto live = remoteClients.find(peer.remoteUuid);
+    if (live == remoteClients.end())
         return;
-    int tries = live->tries;
     if (hasElapsed(peer.lastAttempt, interval)) {
         sendBurst(peer);
-        RemoteClient &client = remoteClients[peer.remoteUuid];
-        client.lastAttempt = QDateTime::currentDateTime();
-        tries = ++client.tries;
+        live->lastAttempt = QDateTime::currentDateTime();
+        live->tries++;
         Logger::logDebug(hostcalls::logCategory(),
                          QStringLiteral("Trying to connect to remote ") + peer.host.toString() + QLatin1Char(':') +
                              QString::number(peer.udpPortRemote, 10) + QLatin1Char('/') +
                              QString::number(peer.udpPort, 10) + QStringLiteral(" UUID: ") + peer.remoteUuid +
                              QStringLiteral(" Try: ") + QString::number(peer.tries, 10));
     }
-    if (static_cast<quint32>(tries) > static_cast<quint32>(maxConnectTries)) {
-        remoteClients[peer.remoteUuid].tries = 0;
+    if (static_cast<quint32>(live->tries) > static_cast<quint32>(maxConnectTries)) {
+        live->tries = 0;
         setConnectionStatus(ConnectionStatus::Disconnected, peer.remoteUuid);
         Logger::logWarning(hostcalls::logCategory(), QStringLiteral("Could not connect to remote users. Tried: ") +
                                                          QString::number(peer.tries, 10));
