@@ -12,3 +12,20 @@ inline bool hasElapsed(const QDateTime &since, std::chrono::milliseconds period)
     // tests in every turn took more time than all the rest of an idle daemon.
     return since.isNull() || since.toMSecsSinceEpoch() + period.count() < QDateTime::currentMSecsSinceEpoch();
 }
+
+/// The same test for a walk over many time stamps: asks for the time and its zone at the first of them, not at each.
+class ElapsedTest
+{
+public:
+    explicit ElapsedTest(std::chrono::milliseconds period) : m_period(period) {}
+    bool operator()(const QDateTime &since)
+    {
+        if (m_latest.isNull())
+            m_latest = QDateTime::fromMSecsSinceEpoch(QDateTime::currentMSecsSinceEpoch() - m_period.count());
+        return since.isNull() || since < m_latest;
+    }
+
+private:
+    std::chrono::milliseconds m_period;
+    QDateTime m_latest; // in local time like the stamps: these compare as numbers
+};

@@ -101,7 +101,7 @@ private:
     // peers/: who they are and the way to them
     void getRemoteClients();
     void setConnectionStatus(ConnectionStatus status, const QString &peer);
-    void attendPeers(const QMap<QString, RemoteClient> &snapshot);
+    void attendPeers();
     void attemptConnection(const RemoteClient &peer);
     void sendBurst(const RemoteClient &peer);
 

@@ -29,7 +29,7 @@ void UDPHandler::turn()
     QCoreApplication::processEvents();
     QThread::msleep(idlePause.count());
     getRemoteClients();
-    attendPeers(QMap<QString, RemoteClient>(remoteClients)); // a copy: the pass works on the state of its start
+    attendPeers();
     forwardNextRequest();
     sendNextPacket();
     dropExpiredPackets();

@@ -247,11 +247,14 @@ bool Connection::execute(const QString &sql, const QList<QString> &params, Rows 
     if (!query.exec())
         return failStatement(query.lastError());
 
-    const int columns = query.record().count();
+    // Rows share the texts in which they do not differ from the row before: of a long table that is most of them.
+    QVector<QString> row(query.record().count());
     while (rows != nullptr && query.next()) {
-        QVector<QString> row;
-        for (int column = 0; column < columns; column++)
-            row.append(query.value(column).toString());
+        for (int column = 0; column < row.size(); column++) {
+            const QString text = query.value(column).toString();
+            if (text != row.at(column))
+                row[column] = text;
+        }
         rows->append(row);
     }
     const QSqlError cutShort = query.lastError();

@@ -1,5 +1,5 @@
 // The way to the peers: bursts that open a path through both routers, and the end of peers that fell silent. Runs once
-// a turn over a snapshot of the table; blocks for as long as a burst takes to be written.
+// a turn over the table; blocks for as long as a burst takes to be written.
 
 #include "core/clock.h"
 #include "core/hostcalls.h"
@@ -7,6 +7,7 @@
 #include "protocol/datagram.h"
 
 #include <QUdpSocket>
+#include <QVector>
 
 #include <logger.h>
 
@@ -28,13 +29,21 @@ quint16 shifted(int port, int offset)
 }
 } // namespace
 
-void UDPHandler::attendPeers(const QMap<QString, RemoteClient> &snapshot)
+void UDPHandler::attendPeers()
 {
-    for (const RemoteClient &peer : snapshot) {
+    // Copies, as the pass works on the state of its start; only of those that have to be attended to, as a copy of the
+    // whole table would be made in every turn that writes a status.
+    QVector<RemoteClient> due;
+    ElapsedTest isSilent(silenceLimit);
+    for (const RemoteClient &peer : qAsConst(remoteClients)) {
+        if (peer.status == static_cast<quint8>(ConnectionStatus::Connecting) ||
+            (peer.status == static_cast<quint8>(ConnectionStatus::Connected) && isSilent(peer.lastSeen)))
+            due.append(peer);
+    }
+    for (const RemoteClient &peer : qAsConst(due)) {
         if (peer.status == static_cast<quint8>(ConnectionStatus::Connecting)) {
             attemptConnection(peer);
-        } else if (peer.status == static_cast<quint8>(ConnectionStatus::Connected) &&
-                   hasElapsed(peer.lastSeen, silenceLimit)) {
+        } else {
             Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Remote client was timeouted: ") +
                                                            remoteClients.value(peer.remoteUuid).host.toString());
             setConnectionStatus(ConnectionStatus::Disconnected, peer.remoteUuid);

@@ -29,6 +29,7 @@ void UDPHandler::getRemoteClients()
                                "FROM `box`.`nat_traverse`"),
                 {}, hostcalls::accessKey());
 
+    bool isGrown = false;
     for (const QVector<QString> &row : rows) {
         const QString key = row.value(RemoteUuid);
         const QHostAddress host(row.value(RemoteIp));
@@ -59,7 +60,15 @@ void UDPHandler::getRemoteClients()
                                     host.toString() + QStringLiteral(" UUID: ") + key);
             }
             remoteClients.insert(key, client);
+            isGrown = true;
         }
+    }
+    // Every turn walks the table, and walks it several times faster when the entries lie in memory in their order.
+    if (isGrown) {
+        QMap<QString, RemoteClient> inOrder;
+        for (auto client = remoteClients.cbegin(); client != remoteClients.cend(); ++client)
+            inOrder.insert(inOrder.cend(), client.key(), client.value());
+        remoteClients = inOrder;
     }
     lastRemoteClientsLoad = QDateTime::currentDateTime();
 }

@@ -90,8 +90,9 @@ void UDPHandler::sendUntilAccepted(const QByteArray &packet)
 /// Confirmed packets stay for a minute, so that a request repeated by its peer is not served twice.
 void UDPHandler::dropExpiredPackets()
 {
-    const auto isExpired = [](const UdpMessage &message) {
-        return message.confirmed && hasElapsed(message.lastSent, confirmedLifetime);
+    ElapsedTest isOver(confirmedLifetime);
+    const auto isExpired = [&isOver](const UdpMessage &message) {
+        return message.confirmed && isOver(message.lastSent);
     };
     udpQueue.erase(std::remove_if(udpQueue.begin(), udpQueue.end(), isExpired), udpQueue.end());
 }

@@ -5,6 +5,7 @@
 #include "protocol/datagram.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace
 {
@@ -15,36 +16,49 @@ bool isHexDigit(char c)
     return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
 }
 
-bool startsUuid(const QByteArray &data, int brace)
+bool startsUuid(const char *brace, const char *end)
 {
-    const auto *digits = data.cbegin() + brace + 1;
-    return data.cend() - digits >= firstGroup && std::all_of(digits, digits + firstGroup, isHexDigit);
+    return end - brace > firstGroup && std::all_of(brace + 1, brace + 1 + firstGroup, isHexDigit);
 }
 
-bool isUuid(const QByteArray &data, int brace)
+bool isUuid(const char *brace, const char *end)
 {
     static constexpr char shape[] = "{hhhhhhhh-hhhh-hhhh-hhhh-hhhhhhhhhhhh}";
     static_assert(sizeof shape - 1 == datagram::uuidLength);
-    return data.size() - brace >= datagram::uuidLength &&
-           std::equal(shape, shape + datagram::uuidLength, data.cbegin() + brace,
+    return end - brace >= datagram::uuidLength &&
+           std::equal(shape, shape + datagram::uuidLength, brace,
                       [](char expected, char c) { return expected == 'h' ? isHexDigit(c) : expected == c; });
+}
+
+/// Where `c` first stands, or `end`. The system's search is many times faster than the array's own.
+const char *find(const char *begin, const char *end, char c)
+{
+    const void *at = std::memchr(begin, c, static_cast<size_t>(end - begin));
+    return at != nullptr ? static_cast<const char *>(at) : end;
 }
 } // namespace
 
 QStringList datagram::findUuids(const QByteArray &data)
 {
-    QString found[2] = {QLatin1String(""), QLatin1String("")};
-    int brace = data.indexOf('{');
-    while (brace >= 0 && !startsUuid(data, brace))
-        brace = data.indexOf('{', brace + 1);
+    const char *end = data.cend();
+    const char *brace = find(data.cbegin(), end, '{');
+    while (brace != end && !startsUuid(brace, end))
+        brace = find(brace + 1, end, '{');
 
-    // A zero byte hides what stands behind it, also a second UUID.
-    const int end = brace < 0 ? -1 : data.indexOf('\0', brace);
-    for (int count = 0; count < 2 && brace >= 0 && (end < 0 || brace < end);) {
-        const bool complete = isUuid(data, brace);
+    QStringList found;
+    found.reserve(2);
+    while (brace != end) {
+        const bool complete = isUuid(brace, end);
         if (complete)
-            found[count++] = QString::fromLatin1(data.constData() + brace, uuidLength);
-        brace = data.indexOf('{', brace + (complete ? uuidLength : 1));
+            found.append(QString::fromLatin1(brace, uuidLength));
+        if (found.size() == 2)
+            return found;
+        const char *behind = brace + (complete ? uuidLength : 1);
+        brace = find(behind, end, '{');
+        if (find(behind, brace, '\0') != brace) // a zero byte hides what stands behind it, also a second UUID
+            break;
     }
-    return {found[0], found[1]};
+    while (found.size() < 2)
+        found.append(QLatin1String(""));
+    return found;
 }
