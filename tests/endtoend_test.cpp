@@ -197,6 +197,7 @@ private slots:
             {key, key.left(31), get, "key in [box] must be 32 hexadecimal digits"},
             {testIv.toHex(), QByteArray(32, '0'), get, "iv in [box] must hold no byte 00"},
             {"127.0.0.1:5000", "127.0.0.1", get, "the box's address must be HOST:PORT like box.example.net:5000"},
+            {"127.0.0.1:5000", "nosuch.invalid:5000", get, "no address found for nosuch.invalid, the box's host"},
             {peerUuid, "me", get, "uuid in [peer] must be a UUID in braces"},
             {peerUuid, boxUuid, get, "must be the peer's own"},
             {"\n", "\n", {"--config", "/no/such.ini", "get", "/"}, "/no/such.ini: No such file or directory"},

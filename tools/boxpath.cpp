@@ -108,14 +108,13 @@ void BoxPath::lookUp()
     const QHostAddress literal(m_config.boxHost); // needs no look-up, which would ask for its name
     if (!literal.isNull())
         return aimAt({literal}, m_config.boxPort);
-    QHostInfo::lookupHost(m_config.boxHost, this, [this](const QHostInfo &host) {
-        if (m_isOpening && host.addresses().isEmpty()) {
-            stopOpening();
-            emit failed(QStringLiteral("no address found for %1, the box's host").arg(m_config.boxHost));
-        } else {
-            aimAt(host.addresses(), m_config.boxPort);
-        }
-    });
+    // At once, for nothing can be done without it; and not from the cache of Qt's own look-ups: an address that has
+    // changed may be why the path is opened anew.
+    const QHostInfo host = QHostInfo::fromName(m_config.boxHost);
+    if (!host.addresses().isEmpty())
+        return aimAt(host.addresses(), m_config.boxPort);
+    stopOpening();
+    emit failed(QStringLiteral("no address found for %1, the box's host").arg(m_config.boxHost));
 }
 
 void BoxPath::discover()

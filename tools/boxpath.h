@@ -17,7 +17,7 @@
 
 /// The way of the datagrams between a peer and its box: finds the box, enciphers, keeps the path open, follows a box
 /// whose address changes and, if asked to, opens a path through routers that change ports (address- and port-dependent
-/// mapping, RFC 4787). Lives in the event loop of its thread and never blocks.
+/// mapping, RFC 4787). Lives in the event loop of its thread; blocks only while the box's name is looked up.
 class BoxPath : public QObject
 {
     Q_OBJECT

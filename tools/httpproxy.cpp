@@ -332,8 +332,11 @@ void HttpProxy::forward()
 
 void HttpProxy::end(const QString &outcome, bool isTold)
 {
-    m_isBusy = false;
-    QMetaObject::invokeMethod(this, &HttpProxy::next, Qt::QueuedConnection);
+    const auto goOn = [this] {
+        m_isBusy = false;
+        next();
+    };
+    QMetaObject::invokeMethod(this, goOn, Qt::QueuedConnection);
     if (!isTold)
         return;
     const HttpRequest &request = m_exchange.request();

@@ -164,7 +164,8 @@ int get(RelayClient *client, const Options &options)
         QCoreApplication::exit(error.isEmpty() ? 0 : complain(error));
     });
     const EndSignals signals_([&fetch] { fetch.interrupt(); });
-    fetch.get(target);
+    const auto begin = [&] { fetch.get(target); };
+    QMetaObject::invokeMethod(&fetch, begin, Qt::QueuedConnection); // it may end at once, which the event loop must see
     return QCoreApplication::exec();
 }
 
