@@ -157,7 +157,7 @@ private slots:
             QVERIFY(content(name) == before && files() == QStringList(name) && QFile::remove(path(name)));
         }
         QProcess limited; // as on a full disk
-        limited.start("bash", {"-c", "trap '' XFSZ; ulimit -f 8; exec " BUILD_DIR "/nat-relay-admin init"});
+        limited.start("bash", {"-c", "trap '' XFSZ; ulimit -f 8; exec '" BUILD_DIR "/nat-relay-admin' init"});
         QVERIFY(finish(&limited).refuses("cannot make "));
         QCOMPARE(files(), QStringList());
         QCOMPARE(run({"init"}).status, 0);
