@@ -1,8 +1,8 @@
 // nat-relay-admin as it is run, over a store in SQLite and one in a MariaDB server that the test starts.
 
 #include "core/hostcalls.h"
+#include "handover/peerconfig.h"
 #include "tests/support/mariadb.h"
-#include "tools/peerconfig.h"
 
 #include <QDir>
 #include <QJsonArray>

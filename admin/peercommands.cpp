@@ -1,0 +1,220 @@
+// The commands that list, add, connect and remove peers.
+
+#include "admin/commands.h"
+#include "admin/output.h"
+#include "handover/endpoint.h"
+#include "handover/valuecheck.h"
+#include "store/boxstore.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QUuid>
+
+#include <algorithm>
+
+namespace
+{
+QString statusInWords(int status)
+{
+    static const QStringList words{QStringLiteral("disconnected"), QStringLiteral("connected"),
+                                   QStringLiteral("connect requested"), QStringLiteral("connecting")};
+    return words.value(status, QStringLiteral("unknown (%1)").arg(status));
+}
+
+QString portInWords(int port)
+{
+    return port == StoredPeer::noPort ? QStringLiteral("-") : QString::number(port);
+}
+
+/// The row of this peer, or an error.
+StoredPeer findPeer(const BoxStore &store, const QString &uuid, QString *error)
+{
+    *error = valuecheck::uuid(uuid, QStringLiteral("the peer"));
+    if (!error->isEmpty())
+        return StoredPeer();
+    const auto peers = store.peers();
+    const auto peer =
+        std::find_if(peers.cbegin(), peers.cend(), [&uuid](const StoredPeer &row) { return row.uuid == uuid; });
+    *error = store.error();
+    if (peer != peers.cend())
+        return *peer;
+    if (error->isEmpty())
+        *error = QStringLiteral("there is no peer %1; nat-relay-admin peers lists those there are").arg(uuid);
+    return StoredPeer();
+}
+
+/// The relay sends one run to the port behind udpPort and one to the ports around udpPortRemote: both reach this one.
+void setRoute(StoredPeer *peer, const Endpoint &endpoint)
+{
+    peer->address = endpoint.host;
+    peer->udpPort = endpoint.port == Endpoint::noPort ? StoredPeer::noPort : endpoint.port - 1;
+    peer->udpPortRemote = endpoint.port == Endpoint::noPort ? StoredPeer::noPort : endpoint.port;
+}
+
+/// What a peer is handed: sections and keys of its INI file.
+struct PeerFile {
+    QString error;
+    QString peerUuid;
+    QString boxUuid;
+    QString address; // empty: the peer finds the box by itself
+    QString key;
+    QString iv;
+
+    QByteArray toIni() const
+    {
+        QString text = QStringLiteral("[peer]\nuuid=%1\n[box]\nuuid=%2\n").arg(peerUuid, boxUuid);
+        if (!address.isEmpty())
+            text += QStringLiteral("address=%1\n").arg(address);
+        return (text + QStringLiteral("key=%1\niv=%2\n").arg(key, iv)).toUtf8();
+    }
+    QByteArray toJson() const
+    {
+        QJsonObject box{{QStringLiteral("uuid"), boxUuid}, {QStringLiteral("key"), key}, {QStringLiteral("iv"), iv}};
+        if (!address.isEmpty())
+            box.insert(QStringLiteral("address"), address);
+        const QJsonObject peer{{QStringLiteral("uuid"), peerUuid}};
+        return QJsonDocument(QJsonObject{{QStringLiteral("peer"), peer}, {QStringLiteral("box"), box}}).toJson();
+    }
+};
+
+PeerFile newPeerFile(const BoxStore &store, const QString &boxAddress)
+{
+    const auto settings = store.settings();
+    PeerFile file{store.error(),
+                  QUuid::createUuid().toString(),
+                  settings.value(QStringLiteral("uuid")),
+                  boxAddress,
+                  settings.value(QStringLiteral("aes_key")),
+                  settings.value(QStringLiteral("aes_iv"))};
+    for (const QString &error : {valuecheck::uuid(file.boxUuid, QStringLiteral("uuid in the store")),
+                                 valuecheck::key(file.key, QStringLiteral("aes_key in the store")),
+                                 valuecheck::iv(file.iv, QStringLiteral("aes_iv in the store"))}) {
+        if (file.error.isEmpty())
+            file.error = error;
+    }
+    return file;
+}
+
+/// Where a new peer is, from the options given; without them nowhere.
+Endpoint endpointOf(const admin::Request &request)
+{
+    const QString address = request.values.value(QStringLiteral("address"));
+    const QString port = request.values.value(QStringLiteral("port"));
+    Endpoint endpoint;
+    if (!address.isNull())
+        endpoint = Endpoint::ofPeer(address);
+    if (port.isNull() || !endpoint.error.isEmpty())
+        return endpoint;
+    if (address.isNull() || endpoint.port != Endpoint::noPort)
+        endpoint.error = QStringLiteral("--port belongs to an --address without a port");
+    endpoint.port = Endpoint::portOf(port);
+    if (endpoint.error.isEmpty() && endpoint.port == Endpoint::noPort)
+        endpoint.error = QStringLiteral("--port must be a port from 1 to 65535");
+    return endpoint;
+}
+} // namespace
+
+QString admin::peers(const Request &request)
+{
+    const BoxStore store;
+    const auto stored = store.peers();
+    if (!store.error().isEmpty())
+        return store.error();
+    QJsonArray array;
+    QList<QStringList> rows{{QStringLiteral("uuid"), QStringLiteral("address"), QStringLiteral("udp_port"),
+                             QStringLiteral("udp_port_remote"), QStringLiteral("status")}};
+    for (const StoredPeer &peer : stored) {
+        const QString status = statusInWords(peer.status);
+        array.append(QJsonObject{{QStringLiteral("uuid"), peer.uuid},
+                                 {QStringLiteral("address"), peer.address},
+                                 {QStringLiteral("udp_port"), peer.udpPort},
+                                 {QStringLiteral("udp_port_remote"), peer.udpPortRemote},
+                                 {QStringLiteral("status"), status}});
+        rows.append({peer.uuid, peer.address.isEmpty() ? QStringLiteral("-") : peer.address, portInWords(peer.udpPort),
+                     portInWords(peer.udpPortRemote), status});
+    }
+    return print(request.asJson ? QJsonDocument(array).toJson() : toTable(rows));
+}
+
+QString admin::addPeer(const Request &request)
+{
+    const Endpoint endpoint = endpointOf(request);
+    const QString boxAddress = request.values.value(QStringLiteral("box-address"));
+    const QString boxError = boxAddress.isNull() ? QString() : Endpoint::ofBox(boxAddress).error;
+    for (const QString &error : {endpoint.error, boxError}) {
+        if (!error.isEmpty())
+            return error;
+    }
+    const BoxStore store;
+    const PeerFile file = newPeerFile(store, boxAddress);
+    if (!file.error.isEmpty())
+        return file.error;
+    const QString path = request.values.value(QStringLiteral("out"));
+    if (!path.isNull() && path.isEmpty()) // an empty variable of a script must not put the key on its terminal
+        return QStringLiteral("--out must name a new file");
+    Output handover(path);
+    if (!handover.error().isEmpty())
+        return handover.error();
+
+    StoredPeer peer;
+    peer.uuid = file.peerUuid;
+    if (!endpoint.host.isEmpty())
+        setRoute(&peer, endpoint);
+    store.addPeer(peer);
+    if (!store.error().isEmpty())
+        return store.error();
+    if (!handover.write(request.asJson && path.isEmpty() ? file.toJson() : file.toIni())) {
+        store.removePeer(peer.uuid); // nobody could use it
+        return store.error().isEmpty() ? handover.error()
+                                       : QStringLiteral("%1; and peer %2 stays in the store: %3")
+                                             .arg(handover.error(), peer.uuid, store.error());
+    }
+    if (path.isEmpty())
+        return QString();
+    if (request.asJson)
+        return print(
+            QJsonDocument(QJsonObject{{QStringLiteral("peer"), peer.uuid}, {QStringLiteral("file"), path}}).toJson());
+    return print(QStringLiteral("Added peer %1. Hand over %2, which holds the key of all peers.\n")
+                     .arg(peer.uuid, path)
+                     .toLocal8Bit());
+}
+
+QString admin::connectPeer(const Request &request)
+{
+    const QString address = request.values.value(QStringLiteral("address"));
+    const Endpoint endpoint = address.isNull() ? Endpoint() : Endpoint::ofPeer(address);
+    if (!endpoint.error.isEmpty())
+        return endpoint.error;
+    if (!address.isNull() && endpoint.port == Endpoint::noPort)
+        return QStringLiteral("--address must be IP:PORT here: the relay calls the peer there");
+    const BoxStore store;
+    QString error;
+    StoredPeer peer = findPeer(store, request.words.at(0), &error);
+    if (!error.isEmpty())
+        return error;
+    if (!address.isNull())
+        setRoute(&peer, endpoint);
+    if (!peer.isReachable())
+        return QStringLiteral("the store has no way to peer %1; add --address IP:PORT").arg(peer.uuid);
+    peer.status = StoredPeer::connectRequested;
+    store.changePeer(peer);
+    if (!store.error().isEmpty())
+        return store.error();
+    return print("The relay is asked to connect to peer " + peer.uuid.toUtf8() +
+                 "; nat-relay-admin peers shows how it goes.\n");
+}
+
+QString admin::removePeer(const Request &request)
+{
+    const BoxStore store;
+    QString error;
+    const StoredPeer peer = findPeer(store, request.words.at(0), &error);
+    if (!error.isEmpty())
+        return error;
+    store.removePeer(peer.uuid);
+    if (!store.error().isEmpty())
+        return store.error();
+    return print("Removed peer " + peer.uuid.toUtf8() +
+                 ". A running relay keeps it in memory until its restart, and the peer keeps the key.\n");
+}

@@ -1,0 +1,269 @@
+// The parser is Boost.Beast's: it takes bytes as they come from anywhere, needs no socket of its own, checks lengths
+// and chunks strictly, and is maintained, unlike http_parser.
+
+#include "client/http/exchange.h"
+
+#include <boost/asio/buffer.hpp>
+#include <boost/beast/core/buffers_to_string.hpp>
+#include <boost/beast/http/write.hpp>
+
+#include <QRegularExpression>
+
+#include <limits>
+#include <sstream>
+#include <utility>
+
+namespace http = boost::beast::http;
+
+namespace
+{
+constexpr std::uint32_t longestHead = 64 * 1024;
+constexpr int longestLine = 128 * 1024; // or head; what is not understood before it
+constexpr int mostBarrenParts = 3; // a read may bring the header alone; so many in a row bring no more the next time
+constexpr char chunkedField[] = "Transfer-Encoding: chunked"; // what the relay looks for, in these letters
+constexpr char chunkedEnd[] = "0\r\n\r\n";                    // and where it stops
+constexpr int endReach = 7;
+
+struct ContentRange {
+    quint64 first = 0;
+    quint64 last = 0;
+    QString total; // may be unknown: *
+};
+
+std::optional<ContentRange> contentRange(const HttpResponseHead &head)
+{
+    static const QRegularExpression pattern(QStringLiteral("\\Abytes (\\d+)-(\\d+)/(\\d+|\\*)\\z"));
+    const auto match = pattern.match(QString::fromLatin1(toByteArray(head[http::field::content_range])));
+    if (!match.hasMatch())
+        return std::nullopt;
+    return ContentRange{match.captured(1).toULongLong(), match.captured(2).toULongLong(), match.captured(3)};
+}
+
+bool mayRepeat(http::verb method) // RFC 9110, 9.2.2
+{
+    return method != http::verb::post && method != http::verb::patch && method != http::verb::unknown;
+}
+} // namespace
+
+Exchange::Exchange(RelayClient *client) : QObject(client), m_client(client)
+{
+    connect(client, &RelayClient::received, this, &Exchange::take);
+    connect(client, &RelayClient::seriesEnded, this, &Exchange::endSeries);
+    connect(client, &RelayClient::failed, this, [this](RelayClient::Failure failure, const QString &reason) {
+        constexpr unsigned badGateway = 502;
+        constexpr unsigned gatewayTimeout = 504;
+        if (m_isRunning)
+            fail(failure == RelayClient::Failure::CutShort ? badGateway : gatewayTimeout, reason);
+    });
+}
+
+void Exchange::start(const HttpRequest &request)
+{
+    m_request = request;
+    m_isRunning = true;
+    m_isFirst = true;
+    m_length.reset();
+    m_start = m_taken = m_takenBefore = 0;
+    m_barrenParts = 0;
+    m_body.clear();
+    m_trafficBefore = {};
+    send(request);
+}
+
+void Exchange::send(const HttpRequest &request)
+{
+    beginPart();
+    std::ostringstream wire;
+    wire << request;
+    m_client->send(QByteArray::fromStdString(wire.str()), mayRepeat(request.method()));
+}
+
+void Exchange::beginPart()
+{
+    m_parser.emplace();
+    m_parser->eager(true);
+    m_parser->header_limit(longestHead);
+    m_parser->body_limit(std::numeric_limits<std::uint64_t>::max()); // none at all, as "none" is the strictest
+    m_parser->skip(m_request.method() == http::verb::head);
+    m_isHeadTaken = false;
+    m_buffer.clear();
+    m_tail.clear();
+}
+
+void Exchange::cancel()
+{
+    m_isRunning = false;
+    m_isRelayWaiting = false; // what it waits for is no longer ours
+    m_client->abandon();
+}
+
+QByteArray Exchange::takeBody()
+{
+    return std::exchange(m_body, QByteArray());
+}
+
+RelayClient::Traffic Exchange::traffic() const
+{
+    const RelayClient::Traffic &part = m_client->traffic();
+    return {m_trafficBefore.bytes + part.bytes, m_trafficBefore.packets + part.packets,
+            m_trafficBefore.repeats + part.repeats};
+}
+
+void Exchange::take(const QByteArray &bytes)
+{
+    if (!m_isRunning)
+        return;
+    m_buffer.append(bytes);
+    watchRelay(bytes);
+    bool isMoving = true;
+    while (isMoving && !m_buffer.isEmpty()) {
+        boost::system::error_code error;
+        const auto used = static_cast<int>(
+            m_parser->put(boost::asio::buffer(m_buffer.constData(), static_cast<size_t>(m_buffer.size())), error));
+        m_buffer.remove(0, used);
+        if (error && error != http::error::need_more)
+            return fail(502,
+                        QStringLiteral("the answer is no HTTP response: ") + QString::fromStdString(error.message()));
+        if (m_parser->is_done() && m_parser->get().result_int() / 100 == 1) {
+            const QByteArray rest = m_buffer; // an interim response: the real one follows
+            const QByteArray tail = m_tail;
+            beginPart();
+            m_buffer = rest;
+            m_tail = tail;
+            continue;
+        }
+        isMoving = used > 0 && !m_parser->is_done();
+    }
+    if (m_buffer.size() > longestLine)
+        return fail(502, QStringLiteral("the answer is no HTTP response: a line has no end"));
+    if (!m_parser->is_header_done() || (!m_isHeadTaken && !takeHead()))
+        return;
+    takePartsBody();
+    if (m_length && m_taken > *m_length)
+        return fail(502, QStringLiteral("the web server gives more than the range that was asked for"));
+    if (m_parser->is_done())
+        endPart();
+    else
+        emit progressed();
+}
+
+/// What the relay makes of its read: it looks for the beginning of chunks anywhere in it, and for their end in its last
+/// seven bytes, whatever the response really is.
+void Exchange::watchRelay(const QByteArray &bytes)
+{
+    const QByteArray seen = m_tail + bytes;
+    m_isRelayWaiting |= seen.contains(chunkedField);
+    m_tail = seen.right(static_cast<int>(sizeof chunkedField) - 2);
+}
+
+/// Whether a read that ends here ends the response for the relay too.
+bool Exchange::isRelayDone() const
+{
+    return !m_isRelayWaiting || m_tail.right(endReach).contains(chunkedEnd);
+}
+
+bool Exchange::takeHead()
+{
+    m_isHeadTaken = true;
+    const HttpResponseHead &part = m_parser->get().base();
+    if (!m_isFirst) {
+        if (isContinued(part))
+            return true;
+        fail(502, QStringLiteral("the box delivered %1 of %2 bytes, and its web server gives no ranges of the rest")
+                      .arg(m_taken)
+                      .arg(*m_length));
+        return false;
+    }
+    m_head = part;
+    if (const auto length = m_parser->content_length())
+        m_length = *length;
+    if (part.result() == http::status::partial_content) {
+        if (const auto range = contentRange(part))
+            m_start = range->first;
+    }
+    return true;
+}
+
+/// Whether this is the range that was asked for, of the same version of the same thing.
+bool Exchange::isContinued(const HttpResponseHead &part) const
+{
+    const auto range = contentRange(part);
+    const auto before = contentRange(m_head);
+    const QString total = before ? before->total : QString::number(*m_length);
+    const auto isSame = [&](http::field field) { return part[field] == m_head[field]; };
+    return part.result() == http::status::partial_content && range && range->total == total &&
+           range->first == m_start + m_taken && range->last < m_start + *m_length && isSame(http::field::etag) &&
+           isSame(http::field::last_modified) && isSame(http::field::content_encoding);
+}
+
+void Exchange::takePartsBody()
+{
+    auto &body = m_parser->get().body();
+    m_body += QByteArray::fromStdString(boost::beast::buffers_to_string(body.data()));
+    m_taken += body.size();
+    body.consume(body.size());
+}
+
+void Exchange::endSeries()
+{
+    m_isRelayWaiting = !isRelayDone();
+    m_tail.clear();
+    if (!m_isRunning || m_isRelayWaiting)
+        return;
+    if (!m_parser->is_header_done())
+        fail(502, QStringLiteral("the response ends within its header"));
+    else if (m_parser->chunked())
+        fail(502, QStringLiteral("the response is cut short: the relay follows chunks only under \"%1\"")
+                      .arg(QLatin1String(chunkedField)));
+    else if (m_parser->need_eof())
+        fail(502, QStringLiteral("the response does not say how long it is: %1 bytes came, and more may be missing")
+                      .arg(m_taken));
+    else
+        fetchRest();
+}
+
+void Exchange::endPart()
+{
+    if (!m_isFirst && m_taken < *m_length)
+        return fetchRest(); // the web server gave less than the range that was asked for
+    m_isRunning = false;
+    m_isRelayWaiting = !isRelayDone();
+    m_client->finish(!m_isRelayWaiting);
+    emit finished();
+}
+
+void Exchange::fetchRest()
+{
+    const bool isBarren = m_taken == m_takenBefore;
+    m_barrenParts = isBarren ? m_barrenParts + 1 : 0;
+    m_takenBefore = m_taken;
+    const bool hasRanges = m_request.method() == http::verb::get && m_length &&
+                           (m_head.result() == http::status::ok ||
+                            (m_head.result() == http::status::partial_content && contentRange(m_head)));
+    if (!hasRanges || m_barrenParts > mostBarrenParts)
+        return fail(502, QStringLiteral("the box delivered %1 of %2 bytes, and there is no way to ask for the rest")
+                             .arg(m_taken)
+                             .arg(m_length.value_or(0)));
+
+    HttpRequest rest = m_request;
+    for (const auto field : {http::field::if_match, http::field::if_none_match, http::field::if_modified_since,
+                             http::field::if_unmodified_since, http::field::if_range})
+        rest.erase(field);
+    rest.set(http::field::range,
+             QStringLiteral("bytes=%1-%2").arg(m_start + m_taken).arg(m_start + *m_length - 1).toStdString());
+    const auto tag = m_head[http::field::etag];
+    if (!tag.empty() && !tag.starts_with("W/"))
+        rest.set(http::field::if_range, tag);
+    else if (!m_head[http::field::last_modified].empty())
+        rest.set(http::field::if_range, m_head[http::field::last_modified]);
+    m_isFirst = false;
+    m_trafficBefore = traffic();
+    m_client->finish(isRelayDone());
+    send(rest);
+}
+
+void Exchange::fail(unsigned status, const QString &reason)
+{
+    cancel();
+    emit failed(status, reason);
+}

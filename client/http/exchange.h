@@ -1,0 +1,87 @@
+#pragma once
+
+#include "client/relay/relayclient.h"
+
+#include <boost/beast/http/dynamic_body.hpp>
+#include <boost/beast/http/message.hpp>
+#include <boost/beast/http/parser.hpp>
+#include <boost/beast/http/string_body.hpp>
+
+#include <QByteArray>
+#include <QObject>
+#include <QString>
+
+#include <optional>
+
+inline QByteArray toByteArray(boost::beast::string_view text)
+{
+    return QByteArray(text.data(), static_cast<int>(text.size()));
+}
+
+using HttpRequest = boost::beast::http::request<boost::beast::http::string_body>;
+using HttpResponseHead = boost::beast::http::response_header<>;
+
+/// One HTTP request (RFC 9110, RFC 9112) carried to the box's web server, and its whole response. The relay delivers of
+/// a response without chunks only what the web server had written when it looked; the rest is fetched in ranges.
+class Exchange : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit Exchange(RelayClient *client);
+
+    /// The request, with its target in origin form and without hop-by-hop fields.
+    void start(const HttpRequest &request);
+    /// Ends without another signal.
+    void cancel();
+
+    const HttpRequest &request() const { return m_request; }
+    /// Status and fields of the response; valid once a body or the end has been told.
+    const HttpResponseHead &head() const { return m_head; }
+    /// Length of the body, where the response says it.
+    std::optional<quint64> length() const { return m_length; }
+    /// The body's bytes since the last call, without the chunk framing.
+    QByteArray takeBody();
+    /// What the whole exchange has taken so far.
+    RelayClient::Traffic traffic() const;
+
+signals:
+    void progressed();
+    void finished();
+    /// `status`: what a gateway answers then, 502 or 504.
+    void failed(unsigned status, const QString &reason);
+
+private:
+    using Parser = boost::beast::http::response_parser<boost::beast::http::dynamic_body>;
+
+    void send(const HttpRequest &request);
+    void beginPart();
+    void take(const QByteArray &bytes);
+    void watchRelay(const QByteArray &bytes);
+    bool isRelayDone() const;
+    bool takeHead();
+    bool isContinued(const HttpResponseHead &part) const;
+    void takePartsBody();
+    void endSeries();
+    void endPart();
+    void fetchRest();
+    void fail(unsigned status, const QString &reason);
+
+    RelayClient *m_client;
+    HttpRequest m_request;
+    std::optional<Parser> m_parser; // of the present part
+    QByteArray m_buffer;            // not yet understood
+    bool m_isHeadTaken = false;     // of the present part
+    bool m_isFirst = true;          // part
+    QByteArray m_tail;              // the last bytes of the relay's present read
+    bool m_isRelayWaiting = false;  // it has seen a chunked response begin, and not its end
+    HttpResponseHead m_head;
+    std::optional<quint64> m_length;
+    quint64 m_start = 0;       // of the body within what it is a part of
+    quint64 m_taken = 0;       // bytes of the body
+    quint64 m_takenBefore = 0; // by the parts before this one
+    int m_barrenParts = 0;
+    QByteArray m_body; // not yet taken
+    RelayClient::Traffic m_trafficBefore;
+    bool m_isRunning = false;
+};

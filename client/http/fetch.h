@@ -1,0 +1,36 @@
+#pragma once
+
+#include "client/http/exchange.h"
+
+#include <QObject>
+#include <QString>
+
+/// Writes the body of one response to standard output as it comes, and tells the relay good-bye.
+class Fetch : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// `withHead`: status line and fields go first.
+    Fetch(RelayClient *client, bool withHead);
+
+    /// `target` in origin form.
+    void get(const QString &target);
+    /// Ends early.
+    void interrupt();
+
+signals:
+    void progressed(const RelayClient::Traffic &traffic);
+    /// `error` is empty when the whole response has been written.
+    void finished(const QString &error);
+
+private:
+    void write();
+    void end(const QString &error);
+
+    RelayClient *m_client;
+    Exchange m_exchange;
+    bool m_isHeadWanted;
+    bool m_hasEnded = false;
+    QString m_error;
+};

@@ -1,0 +1,56 @@
+// The checks of values that the box and its peers must agree on.
+
+#include "handover/valuecheck.h"
+
+#include "protocol/cipher.h"
+#include "protocol/uuidscan.h"
+
+#include <QByteArray>
+#include <QRegularExpression>
+
+#include <algorithm>
+
+namespace
+{
+constexpr int longestHostName = 253; // characters, RFC 1035
+} // namespace
+
+QString valuecheck::uuid(const QString &text, const QString &name)
+{
+    return !text.isEmpty() && datagram::findUuids(text.toUtf8()).constFirst() == text
+               ? QString()
+               : QStringLiteral("%1 must be a UUID in braces like {01234567-89ab-cdef-0123-456789abcdef}").arg(name);
+}
+
+QString valuecheck::key(const QString &text, const QString &name)
+{
+    static const QRegularExpression hex(QStringLiteral("\\A[0-9a-fA-F]{%1}\\z").arg(2 * cipher::blockLength));
+    return hex.match(text).hasMatch()
+               ? QString()
+               : QStringLiteral("%1 must be %2 hexadecimal digits").arg(name).arg(2 * cipher::blockLength);
+}
+
+QString valuecheck::iv(const QString &text, const QString &name)
+{
+    QString error = key(text, name);
+    if (error.isEmpty() && QByteArray::fromHex(text.toLatin1()).contains('\0'))
+        return QStringLiteral("%1 must hold no byte 00: the box cuts it there and would not encipher").arg(name);
+    return error;
+}
+
+QString valuecheck::firstError(const QStringList &errors)
+{
+    const auto isError = [](const QString &text) { return !text.isEmpty(); };
+    const auto first = std::find_if(errors.cbegin(), errors.cend(), isError);
+    return first == errors.cend() ? QString() : *first;
+}
+
+bool valuecheck::isHostName(const QString &text)
+{
+    // Labels of letters, digits and inner hyphens. A number as the last one makes an address of it, in whatever
+    // notation the system's resolver accepts.
+    static const QRegularExpression labels(QStringLiteral("\\A(?:%1\\.)*(?!(?:[0-9]+|0x[0-9a-f]*)\\.?\\z)%1\\.?\\z")
+                                               .arg(QStringLiteral("[a-z0-9](?:[a-z0-9-]{0,61}[a-z0-9])?")),
+                                           QRegularExpression::CaseInsensitiveOption);
+    return text.size() <= longestHostName && labels.match(text).hasMatch();
+}

@@ -1,0 +1,105 @@
+// Settings and peers in the store. The host's library tells failures to the log only; here the log is what tells a
+// command that it has failed.
+
+#include "store/boxstore.h"
+
+#include "core/hostcalls.h"
+
+#include <QHostAddress>
+#include <QLoggingCategory>
+
+#include <database.h>
+
+namespace
+{
+QString &firstError()
+{
+    static QString error;
+    return error;
+}
+
+void keepError(QtMsgType level, const QMessageLogContext & /*context*/, const QString &message)
+{
+    if (level == QtCriticalMsg && firstError().isEmpty())
+        firstError() = message;
+}
+
+QList<QVector<QString>> run(const char *sql, const QList<QString> &params = {})
+{
+    return Database(QStringLiteral("Admin"))
+        .performQueryWithResult(QString::fromLatin1(sql), params, hostcalls::accessKey());
+}
+
+} // namespace
+
+bool StoredPeer::isReachable() const
+{
+    return !QHostAddress(address).isNull() && (udpPort != noPort || udpPortRemote != noPort);
+}
+
+BoxStore::BoxStore()
+{
+    qInstallMessageHandler(keepError);
+    // Whatever the environment's rules switch off, an error must not be taken for an empty store.
+    QLoggingCategory::installFilter([](QLoggingCategory *category) { category->setEnabled(QtCriticalMsg, true); });
+}
+
+QString BoxStore::error() const
+{
+    return firstError();
+}
+
+QMap<QString, QString> BoxStore::settings() const
+{
+    QMap<QString, QString> settings;
+    const auto rows = run("SELECT name, value FROM `box`.`settings`");
+    for (const QVector<QString> &row : rows)
+        settings.insert(row.at(0), row.at(1));
+    return settings;
+}
+
+void BoxStore::changeSetting(const QString &name, const QString &value) const
+{
+    run("UPDATE `box`.`settings` SET value = ? WHERE name = ?", {value, name});
+}
+
+void BoxStore::addSetting(const QString &name, const QString &value) const
+{
+    run("INSERT INTO `box`.`settings`(name, value, access_key) VALUES (?, ?, ?)", {name, value, accessKeyOf(name)});
+}
+
+QList<StoredPeer> BoxStore::peers() const
+{
+    QList<StoredPeer> peers;
+    const auto rows = run("SELECT remote_uuid, remote_ip, status, udp_port, udp_port_remote "
+                          "FROM `box`.`nat_traverse` ORDER BY id");
+    for (const QVector<QString> &row : rows)
+        peers.append({row.at(0), row.at(1), row.at(2).toInt(), row.at(3).toInt(), row.at(4).toInt()});
+    return peers;
+}
+
+void BoxStore::addPeer(const StoredPeer &peer) const
+{
+    run("INSERT INTO `box`.`nat_traverse`(remote_ip, remote_uuid, status, udp_port, udp_port_remote) "
+        "VALUES (?, ?, ?, ?, ?)",
+        {peer.address, peer.uuid, QString::number(peer.status), QString::number(peer.udpPort),
+         QString::number(peer.udpPortRemote)});
+}
+
+void BoxStore::changePeer(const StoredPeer &peer) const
+{
+    run("UPDATE `box`.`nat_traverse` SET remote_ip = ?, status = ?, udp_port = ?, udp_port_remote = ? "
+        "WHERE remote_uuid = ?",
+        {peer.address, QString::number(peer.status), QString::number(peer.udpPort), QString::number(peer.udpPortRemote),
+         peer.uuid});
+}
+
+void BoxStore::removePeer(const QString &uuid) const
+{
+    run("DELETE FROM `box`.`nat_traverse` WHERE remote_uuid = ?", {uuid});
+}
+
+QString BoxStore::accessKeyOf(const QString &setting)
+{
+    return setting == QLatin1String("uuid") ? hostcalls::accessKey() : hostcalls::noAccessKey();
+}
