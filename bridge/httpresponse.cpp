@@ -8,8 +8,6 @@
 #include <QRegExp>
 #include <QTcpSocket>
 
-#include <logger.h>
-
 bool UDPHandler::chunkedTcpTransfer = false;
 
 void UDPHandler::readyReadTCP()
@@ -29,7 +27,7 @@ void UDPHandler::readyReadTCP()
 
     if (tcpQueue.isEmpty()) {
         if (!chunkedTcpTransfer)
-            Logger::logWarning(hostcalls::logCategory(), QStringLiteral("No TCP msg in buffer"));
+            hostcalls::logWarning(QStringLiteral("No TCP msg in buffer"));
         return;
     }
 
@@ -42,12 +40,11 @@ void UDPHandler::readyReadTCP()
 
 void UDPHandler::queueResponse(const QByteArray &response, const RemoteClient &client)
 {
-    // One more than the full packets, not a ceiling division: a response of exactly 7000 bytes ends with an empty
-    // packet, and peers count on it. The count has 16 bits and wraps.
+    // One more than the full packets, not a ceiling division, on purpose: a response of exactly 7000 bytes ends with an
+    // empty packet. The count has 16 bits and wraps.
     const auto count = static_cast<quint16>(response.size() / datagram::maxSlice + 1);
-    Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Packet size of ") +
-                                                   QString::number(response.size(), 10) +
-                                                   QStringLiteral(" splitted into ") + QString::number(count, 10));
+    hostcalls::logDebug(QStringLiteral("Packet size of ") + QString::number(response.size(), 10) +
+                        QStringLiteral(" splitted into ") + QString::number(count, 10));
 
     for (int index = 0; index < count; index++) {
         const int offset = index * datagram::maxSlice;

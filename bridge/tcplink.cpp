@@ -10,8 +10,6 @@
 #include <QTcpSocket>
 #include <QThread>
 
-#include <logger.h>
-
 #include <algorithm>
 #include <chrono>
 
@@ -19,23 +17,23 @@ using namespace std::chrono_literals;
 
 namespace
 {
-constexpr std::chrono::milliseconds connectWait = 2s;
+constexpr auto connectWait = 2s;
 constexpr auto retryPause = 100ms;
+} // namespace
 
-void connectToWebServer(QTcpSocket *socket)
+bool UDPHandler::connectToWebServer(std::chrono::milliseconds wait)
 {
-    socket->connectToHost(QHostAddress::LocalHost, webserver::port, QIODevice::ReadWrite);
+    tcpSocket->connectToHost(QHostAddress::LocalHost, webserver::port, QIODevice::ReadWrite);
+    return tcpSocket->waitForConnected(static_cast<int>(wait.count()));
 }
 
 /// A socket whose connect failed refuses bytes for ever. Opened again without a word and without running a slot: the
 /// failure is in the log, and the request that waits will tell when the web server is back.
-void reopenQuietly(QTcpSocket *socket)
+void UDPHandler::reopenQuietly()
 {
-    const QSignalBlocker noSlots(socket);
-    connectToWebServer(socket);
-    socket->waitForConnected(retryPause.count());
+    const QSignalBlocker noSlots(tcpSocket);
+    connectToWebServer(retryPause);
 }
-} // namespace
 
 void UDPHandler::forwardNextRequest()
 {
@@ -44,23 +42,21 @@ void UDPHandler::forwardNextRequest()
 
     const QString port = QString::number(webserver::port, 10);
     if (tcpSocket->state() != QAbstractSocket::ConnectedState) {
-        connectToWebServer(tcpSocket);
-        if (tcpSocket->waitForConnected(static_cast<int>(connectWait.count())))
-            Logger::logInfo(hostcalls::logCategory(),
-                            QStringLiteral("Connected to local TCP port ") + port + QStringLiteral(" (UDP Slot)"));
+        if (connectToWebServer(connectWait))
+            hostcalls::logInfo(QStringLiteral("Connected to local TCP port ") + port + QStringLiteral(" (UDP Slot)"));
         else
-            Logger::logError(hostcalls::logCategory(), QStringLiteral("Failed to connect to local TCP port ") + port +
-                                                           QStringLiteral(" (UDP Slot)"));
+            hostcalls::logError(QStringLiteral("Failed to connect to local TCP port ") + port +
+                                QStringLiteral(" (UDP Slot)"));
     }
 
     UdpMessage *request = tcpQueue.constFirst();
-    Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Write to TCP port: ") + QString(request->data));
+    hostcalls::logDebug(QStringLiteral("Write to TCP port: ") + QString(request->data));
     while (tcpSocket->write(request->data.constData(), request->data.size()) == -1) {
-        Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Failed to write to TCP port"));
+        hostcalls::logDebug(QStringLiteral("Failed to write to TCP port"));
         QElapsedTimer pause;
         pause.start();
         if (tcpSocket->state() != QAbstractSocket::ConnectedState)
-            reopenQuietly(tcpSocket);
+            reopenQuietly();
         QThread::msleep(static_cast<unsigned long>(std::max<qint64>(retryPause.count() - pause.elapsed(), 0)));
     }
     currentRequestId = request->msgId;
@@ -69,13 +65,12 @@ void UDPHandler::forwardNextRequest()
 
 void UDPHandler::tcpDisconnected()
 {
-    Logger::logDebug(hostcalls::logCategory(),
-                     QStringLiteral("TCP disconnected at port ") + QString::number(webserver::port, 10));
+    hostcalls::logDebug(QStringLiteral("TCP disconnected at port ") + QString::number(webserver::port, 10));
 }
 
 void UDPHandler::tcpError(QAbstractSocket::SocketError error)
 {
     Q_UNUSED(error)
-    Logger::logError(hostcalls::logCategory(), QStringLiteral("TCP error: ") + tcpSocket->errorString());
+    hostcalls::logError(QStringLiteral("TCP error: ") + tcpSocket->errorString());
     tcpSocket->disconnectFromHost();
 }

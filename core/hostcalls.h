@@ -2,12 +2,32 @@
 
 #include <QString>
 
+#include <logger.h>
+
 /// What every call of the host's `Logger` and `Database` passes along.
 namespace hostcalls
 {
 inline QString logCategory()
 {
     return QStringLiteral("NAT");
+}
+
+/// One line in the log, of the level that the name says.
+inline void logDebug(const QString &message)
+{
+    Logger::logDebug(logCategory(), message);
+}
+inline void logInfo(const QString &message)
+{
+    Logger::logInfo(logCategory(), message);
+}
+inline void logWarning(const QString &message)
+{
+    Logger::logWarning(logCategory(), message);
+}
+inline void logError(const QString &message)
+{
+    Logger::logError(logCategory(), message);
 }
 
 /// For protected settings and for every statement.

@@ -5,11 +5,10 @@
 #include "core/udphandler.h"
 
 #include <database.h>
-#include <logger.h>
 
 void UDPHandler::loadSettings()
 {
-    Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Load settings"));
+    hostcalls::logDebug(QStringLiteral("Load settings"));
 
     Database database(QStringLiteral("LoadSettings"));
     const auto text = [&database](const char *name) {
@@ -28,9 +27,10 @@ void UDPHandler::loadSettings()
     connectionInterval = number("nat_connectioninterval");
     serverUpdateInterval = number("nat_server_update_interval");
 
-    // The IV ends at its first zero byte, the key does not. Peers provisioned with such an IV talk to the box in plain
-    // (an IV of any length but 16 turns the cipher off), and would be shut out if it were kept whole.
-    aesIv = QByteArray::fromHex(text("aes_iv").toUtf8()).constData();
+    // The IV ends before its first zero byte, the key does not: on purpose. An IV of any length but 16 turns the cipher
+    // off, so a box with such an IV talks in plain; kept whole, it would no longer understand its peers.
+    const QByteArray iv = QByteArray::fromHex(text("aes_iv").toUtf8());
+    aesIv = iv.mid(0, iv.indexOf('\0')); // -1: the whole of it
     aesKey = QByteArray::fromHex(text("aes_key").toUtf8());
 
     lastSettingsLoad = QDateTime::currentDateTime();

@@ -10,13 +10,11 @@
 
 #include <chrono>
 
-#include <logger.h>
-
 using namespace std::chrono_literals;
 
 namespace
 {
-constexpr std::chrono::milliseconds firstConnectWait = 30s; // at boot the web server may still be starting
+constexpr auto firstConnectWait = 30s; // at boot the web server may still be starting
 } // namespace
 
 UDPHandler::UDPHandler(QObject *parent) : QObject(parent)
@@ -33,15 +31,12 @@ UDPHandler::UDPHandler(QObject *parent) : QObject(parent)
     connect(udpSocket, SIGNAL(readyRead()), this, SLOT(readyRead()));
     connect(discoverSocket, SIGNAL(readyRead()), this, SLOT(readyReadDiscover()));
 
-    Logger::logInfo(hostcalls::logCategory(), QStringLiteral("NAT Traverse started. UDP listening on ") +
-                                                  QString::number(udpPort) + QStringLiteral(" & ") +
-                                                  QString::number(udpPortDiscover));
+    hostcalls::logInfo(QStringLiteral("NAT Traverse started. UDP listening on ") + QString::number(udpPort) +
+                       QStringLiteral(" & ") + QString::number(udpPortDiscover));
 
     tcpSocket = new QTcpSocket(this);
-    tcpSocket->connectToHost(QHostAddress::LocalHost, webserver::port, QIODevice::ReadWrite);
-    if (tcpSocket->waitForConnected(static_cast<int>(firstConnectWait.count())))
-        Logger::logDebug(hostcalls::logCategory(),
-                         QStringLiteral("Connected to local TCP port ") + QString::number(webserver::port));
+    if (connectToWebServer(firstConnectWait))
+        hostcalls::logDebug(QStringLiteral("Connected to local TCP port ") + QString::number(webserver::port));
 
     // Only now: a web server that is not up at start is no error, the first request tries again.
     connect(tcpSocket, SIGNAL(readyRead()), this, SLOT(readyReadTCP()));

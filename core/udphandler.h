@@ -10,9 +10,10 @@
 #include <QString>
 #include <QStringList>
 
+#include <chrono>
+
 class QTcpSocket;
 class QUdpSocket;
-enum class DatagramKind : quint8;
 
 /// State of the link to one peer; its number stands in the column `status` of the store's table `nat_traverse`.
 enum class ConnectionStatus : quint8 {
@@ -39,6 +40,8 @@ public:
         int udpPortRemote = 0; // its port as seen from outside
         QString remoteUuid;    // with braces, equal to the key in the peer table
         quint8 status = 0;     // a ConnectionStatus, or whatever byte the store holds
+
+        bool isIn(ConnectionStatus state) const { return status == static_cast<quint8>(state); }
     };
 
     /// One queued request (`tcpQueue`) or response packet (`udpQueue`).
@@ -60,9 +63,6 @@ public:
     /// Runs turns without end.
     [[noreturn]] void work();
 
-    /// One turn of the worker loop: the event pump and every duty once.
-    void turn();
-
 public slots: // in this order: it fixes their meta-object indices
     void readyRead();
     void readyReadDiscover();
@@ -71,23 +71,29 @@ public slots: // in this order: it fixes their meta-object indices
     void tcpError(QAbstractSocket::SocketError error);
 
 private:
-    // core/: settings, registration with the rendezvous server
+    // core/: one turn of the worker loop; settings, registration with the rendezvous server
+    void turn();
     void loadSettings();
     void registerWithServer();
 
-    // protocol/: what a peer's datagram meets first
-    void takeConnectRequest(const QString &sender, const QHostAddress &address, quint16 port);
-    void takeKeepAlive(const QString &sender, const QHostAddress &address, quint16 port, bool enciphered);
-    void takeConfirmation(const QByteArray &datagram, const QString &sender);
-    void takeRequest(const QByteArray &datagram, const QString &sender, const QHostAddress &address, quint16 port);
-    bool isKnownRequest(int msgId, const QString &sender) const;
-    void dropTraffic(const QString &peer);
+    // protocol/: what every duty needs of the wire
     QStringList wrapUUID(const QByteArray &data) const;
     QByteArray calculateChecksum(const QByteArray &data) const;
     QByteArray encryptMessage(QByteArray message) const;
     QByteArray decryptMessage(QByteArray message) const;
 
+    // protocol/: what a peer's datagram meets first
+    void takeConnectRequest(const RemoteClient &peer);
+    void takeKeepAlive(const RemoteClient &peer, bool enciphered);
+    void takeConfirmation(const RemoteClient &peer, const QByteArray &data);
+    void takeRequest(const RemoteClient &peer, const QByteArray &data);
+    bool isKnownRequest(int msgId, const QString &peerUuid) const;
+    void answer(const RemoteClient &peer, const QByteArray &data);
+    void dropRequests(const QString &peerUuid);
+
     // bridge/: to the web server and back
+    bool connectToWebServer(std::chrono::milliseconds wait);
+    void reopenQuietly();
     void forwardNextRequest();
     int getHttpContentLength(const QString &text) const;
     void queueResponse(const QByteArray &response, const RemoteClient &client);
@@ -96,20 +102,21 @@ private:
     void sendNextPacket();
     QList<UdpMessage>::iterator findPacket(const QByteArray &packet);
     void sendUntilAccepted(const QByteArray &packet);
+    void dropPackets(const QString &peerUuid);
     void dropExpiredPackets();
 
     // peers/: who they are and the way to them
     void getRemoteClients();
-    void setConnectionStatus(ConnectionStatus status, const QString &peer);
+    void setConnectionStatus(ConnectionStatus status, const QString &peerUuid);
     void attendPeers();
-    void attemptConnection(const RemoteClient &peer);
+    void attemptConnection(RemoteClient &peer);
     void sendBurst(const RemoteClient &peer);
 
     QUdpSocket *udpSocket = nullptr;
     QUdpSocket *discoverSocket = nullptr;
     QTcpSocket *tcpSocket = nullptr;
     int currentRequestId = 0;
-    int currentSocket = 0; // of the request received last, whichever is being answered: peers rely on the echo
+    int currentSocket = 0; // of the request received last, on purpose, and not of the one being answered
     QDateTime lastRemoteClientsLoad;
     QDateTime lastSettingsLoad;
     QDateTime lastServerUpdate;

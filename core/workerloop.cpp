@@ -7,8 +7,6 @@
 #include <QCoreApplication>
 #include <QThread>
 
-#include <logger.h>
-
 using namespace std::chrono_literals;
 
 namespace
@@ -19,7 +17,7 @@ constexpr auto settingsPeriod = 20s; // how soon a changed setting is noticed
 
 void UDPHandler::work()
 {
-    Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Worker loop started"));
+    hostcalls::logDebug(QStringLiteral("Worker loop started"));
     for (;;)
         turn();
 }

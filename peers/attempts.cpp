@@ -5,11 +5,9 @@
 #include "core/hostcalls.h"
 #include "core/udphandler.h"
 #include "protocol/datagram.h"
+#include "protocol/datagramio.h"
 
 #include <QUdpSocket>
-#include <QVector>
-
-#include <logger.h>
 
 using namespace std::chrono_literals;
 
@@ -20,7 +18,6 @@ constexpr int sweepFirst = -400;          // ports around the one seen from outs
 constexpr int sweepEnd = 400;             // not included
 constexpr int noPort = -1;                // in the store: this run is not wanted
 constexpr auto silenceLimit = 60s;
-constexpr std::chrono::milliseconds writeWait = 30s;
 
 /// Port `offset` away from `port`, around the end of the port range.
 quint16 shifted(int port, int offset)
@@ -31,61 +28,50 @@ quint16 shifted(int port, int offset)
 
 void UDPHandler::attendPeers()
 {
-    // Copies, as the pass works on the state of its start; only of those that have to be attended to, as a copy of the
-    // whole table would be made in every turn that writes a status.
-    QVector<RemoteClient> due;
+    // Over the table itself: a copy of 10,000 peers would be made in every turn that changes one. No event is pumped
+    // meanwhile, so that each peer is found as it was when the walk began, and none is added or removed.
     ElapsedTest isSilent(silenceLimit);
-    for (const RemoteClient &peer : qAsConst(remoteClients)) {
-        if (peer.status == static_cast<quint8>(ConnectionStatus::Connecting) ||
-            (peer.status == static_cast<quint8>(ConnectionStatus::Connected) && isSilent(peer.lastSeen)))
-            due.append(peer);
-    }
-    for (const RemoteClient &peer : qAsConst(due)) {
-        if (peer.status == static_cast<quint8>(ConnectionStatus::Connecting)) {
+    for (RemoteClient &peer : remoteClients) {
+        if (peer.isIn(ConnectionStatus::Connecting)) {
             attemptConnection(peer);
-        } else {
-            Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Remote client was timeouted: ") +
-                                                           remoteClients.value(peer.remoteUuid).host.toString());
+        } else if (peer.isIn(ConnectionStatus::Connected) && isSilent(peer.lastSeen)) {
+            hostcalls::logDebug(QStringLiteral("Remote client was timeouted: ") + peer.host.toString());
             setConnectionStatus(ConnectionStatus::Disconnected, peer.remoteUuid);
         }
     }
 }
 
-void UDPHandler::attemptConnection(const RemoteClient &peer)
+void UDPHandler::attemptConnection(RemoteClient &peer)
 {
     // Interval and limit count as unsigned: below zero means "hardly ever" and "without end".
     const std::chrono::milliseconds interval(static_cast<quint32>(connectionInterval));
-    const auto live = remoteClients.find(peer.remoteUuid);
-    if (live == remoteClients.end())
-        return;
+    const QString triesBefore = QString::number(peer.tries, 10); // both lines tell the count without this burst
     if (hasElapsed(peer.lastAttempt, interval)) {
         sendBurst(peer);
-        live->lastAttempt = QDateTime::currentDateTime();
-        live->tries++;
-        Logger::logDebug(hostcalls::logCategory(),
-                         QStringLiteral("Trying to connect to remote ") + peer.host.toString() + QLatin1Char(':') +
-                             QString::number(peer.udpPortRemote, 10) + QLatin1Char('/') +
-                             QString::number(peer.udpPort, 10) + QStringLiteral(" UUID: ") + peer.remoteUuid +
-                             QStringLiteral(" Try: ") + QString::number(peer.tries, 10));
+        peer.lastAttempt = QDateTime::currentDateTime();
+        peer.tries++;
+        hostcalls::logDebug(QStringLiteral("Trying to connect to remote ") + peer.host.toString() + QLatin1Char(':') +
+                            QString::number(peer.udpPortRemote, 10) + QLatin1Char('/') +
+                            QString::number(peer.udpPort, 10) + QStringLiteral(" UUID: ") + peer.remoteUuid +
+                            QStringLiteral(" Try: ") + triesBefore);
     }
-    if (static_cast<quint32>(live->tries) > static_cast<quint32>(maxConnectTries)) {
-        live->tries = 0;
+    if (static_cast<quint32>(peer.tries) > static_cast<quint32>(maxConnectTries)) {
+        peer.tries = 0;
         setConnectionStatus(ConnectionStatus::Disconnected, peer.remoteUuid);
-        Logger::logWarning(hostcalls::logCategory(), QStringLiteral("Could not connect to remote users. Tried: ") +
-                                                         QString::number(peer.tries, 10));
+        hostcalls::logWarning(QStringLiteral("Could not connect to remote users. Tried: ") + triesBefore);
     }
 }
 
 /// 1600 connection requests: one of them meets the hole that the peer's own burst opens in its router.
 void UDPHandler::sendBurst(const RemoteClient &peer)
 {
+    if (peer.host.isNull()) // the system would take it for the box itself
+        return;
     const QByteArray connectRequest = datagram::link(DatagramKind::ConnectRequest, uuid, peer.remoteUuid);
     const auto send = [&](quint16 port) {
-        if (peer.host.isNull()) // the system would take it for the box itself
-            return;
         const QByteArray wire = encryptMessage(connectRequest);
         udpSocket->writeDatagram(wire.constData(), wire.size(), peer.host, port);
-        udpSocket->waitForBytesWritten(static_cast<int>(writeWait.count()));
+        udpSocket->waitForBytesWritten(datagram::writeWait);
     };
     if (peer.udpPort != noPort) {
         for (int repeat = 0; repeat < announcedPortRepeats; repeat++)

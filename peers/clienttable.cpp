@@ -6,7 +6,6 @@
 #include "core/udphandler.h"
 
 #include <database.h>
-#include <logger.h>
 
 using namespace std::chrono_literals;
 
@@ -35,7 +34,6 @@ void UDPHandler::getRemoteClients()
         const QHostAddress host(row.value(RemoteIp));
         const auto status = static_cast<quint8>(row.value(Status).toInt(nullptr, 10));
         const int port = row.value(UdpPort).toInt(nullptr, 10);
-        const bool isConnectWanted = status == static_cast<quint8>(ConnectionStatus::ConnectRequested);
 
         const auto known = remoteClients.find(key);
         if (known != remoteClients.end()) {
@@ -43,7 +41,7 @@ void UDPHandler::getRemoteClients()
             known->status = status;
             known->udpPort = port;
             known->udpPortRemote = row.value(UdpPortRemote).toInt(nullptr, 10);
-            if (isConnectWanted)
+            if (known->isIn(ConnectionStatus::ConnectRequested))
                 setConnectionStatus(ConnectionStatus::Connecting, key);
         } else {
             // The first read only registers the peer. Its port as seen from outside comes with the next read, and the
@@ -53,11 +51,10 @@ void UDPHandler::getRemoteClients()
             client.udpPort = port;
             client.remoteUuid = key;
             client.status = status;
-            if (isConnectWanted) {
+            if (client.isIn(ConnectionStatus::ConnectRequested)) {
                 setConnectionStatus(ConnectionStatus::Connecting, key);
-                Logger::logInfo(hostcalls::logCategory(),
-                                QStringLiteral("Remote client connected through UDP discover. Host: ") +
-                                    host.toString() + QStringLiteral(" UUID: ") + key);
+                hostcalls::logInfo(QStringLiteral("Remote client connected through UDP discover. Host: ") +
+                                   host.toString() + QStringLiteral(" UUID: ") + key);
             }
             remoteClients.insert(key, client);
             isGrown = true;
@@ -73,9 +70,9 @@ void UDPHandler::getRemoteClients()
     lastRemoteClientsLoad = QDateTime::currentDateTime();
 }
 
-void UDPHandler::setConnectionStatus(ConnectionStatus status, const QString &peer)
+void UDPHandler::setConnectionStatus(ConnectionStatus status, const QString &peerUuid)
 {
-    const auto client = remoteClients.find(peer);
+    const auto client = remoteClients.find(peerUuid);
     if (client == remoteClients.end())
         return;
 
@@ -83,10 +80,10 @@ void UDPHandler::setConnectionStatus(ConnectionStatus status, const QString &pee
     const QString number = QString::number(value, 10);
     Database(QStringLiteral("SetStatus"))
         .performQuery(QStringLiteral("UPDATE `box`.`nat_traverse` SET status = ? WHERE remote_uuid = ?;"),
-                      {number, peer}, hostcalls::accessKey());
+                      {number, peerUuid}, hostcalls::accessKey());
     client->status = value;
-    Logger::logInfo(hostcalls::logCategory(), QStringLiteral("Set connection status for ") + client->host.toString() +
-                                                  QStringLiteral(" to ") + number);
+    hostcalls::logInfo(QStringLiteral("Set connection status for ") + client->host.toString() + QStringLiteral(" to ") +
+                       number);
     if (status == ConnectionStatus::Connected)
         client->tries = 0;
 }

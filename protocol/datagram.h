@@ -12,8 +12,8 @@ enum class DatagramKind : quint8 {
     Confirmation = 10,
 };
 
-/// Byte layouts. Integers are unsigned and big-endian; a UUID is its 38 ASCII characters with braces, sender first; no
-/// layout has a length field or a terminator. Offsets are those of the plaintext: the cipher covers the whole datagram.
+/// Byte layouts. Integers are unsigned and big-endian; a UUID is its 38 ASCII characters with braces, sender first.
+/// What stands last ends with the datagram. Offsets are those of the plaintext: the cipher covers the whole datagram.
 namespace datagram
 {
 constexpr int uuidLength = 38;

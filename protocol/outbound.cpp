@@ -4,12 +4,11 @@
 #include "core/clock.h"
 #include "core/hostcalls.h"
 #include "core/udphandler.h"
+#include "protocol/datagramio.h"
 
 #include <QCoreApplication>
 #include <QThread>
 #include <QUdpSocket>
-
-#include <logger.h>
 
 #include <algorithm>
 
@@ -20,8 +19,7 @@ namespace
 constexpr auto resendSpacing = 500ms; // a peer's confirmation normally beats this by far
 constexpr int maxPasses = 49;         // the pass after this one gives the peer up, after 25 s at the least
 constexpr int maxAttempts = 6;        // per pass, while the network refuses the datagram
-constexpr std::chrono::milliseconds writeWait = 30s;
-constexpr int refusalPumps = 500; // steps of 1 ms between two attempts, in which confirmations are taken in
+constexpr int refusalPumps = 500;     // steps of 1 ms between two attempts, in which confirmations are taken in
 constexpr auto pumpPause = 1ms;
 constexpr auto confirmedLifetime = 60s; // so long a repeated request is known as answered
 } // namespace
@@ -42,19 +40,25 @@ void UDPHandler::sendNextPacket()
     sent->tries++; // a pass in which every attempt was refused counts like any other
     sent->lastSent = QDateTime::currentDateTime();
     if (sent->tries > maxPasses) {
-        const QString peer = sent->client.remoteUuid;
-        setConnectionStatus(ConnectionStatus::Disconnected, peer);
-        const auto isOfPeer = [&peer](const UdpMessage &message) { return message.client.remoteUuid == peer; };
-        udpQueue.erase(std::remove_if(udpQueue.begin(), udpQueue.end(), isOfPeer), udpQueue.end());
+        const QString peerUuid = sent->client.remoteUuid;
+        setConnectionStatus(ConnectionStatus::Disconnected, peerUuid);
+        dropPackets(peerUuid);
     }
 }
 
+void UDPHandler::dropPackets(const QString &peerUuid)
+{
+    const auto isOfPeer = [&peerUuid](const UdpMessage &packet) { return packet.client.remoteUuid == peerUuid; };
+    udpQueue.erase(std::remove_if(udpQueue.begin(), udpQueue.end(), isOfPeer), udpQueue.end());
+}
+
 /// The packet's place in the queue, or its end. The queue changes while an attempt waits; a packet is known again by
-/// its bytes, which no other packet shares as long as the caller's copy holds them.
+/// where its bytes lie, for the caller's copy shares them and keeps them there.
 QList<UDPHandler::UdpMessage>::iterator UDPHandler::findPacket(const QByteArray &packet)
 {
-    return std::find_if(udpQueue.begin(), udpQueue.end(),
-                        [&packet](const UdpMessage &message) { return message.data.isSharedWith(packet); });
+    return std::find_if(udpQueue.begin(), udpQueue.end(), [&packet](const UdpMessage &message) {
+        return message.data.constData() == packet.constData();
+    });
 }
 
 /// Sends the packet once, trying again while the network refuses it and it is still in the queue.
@@ -70,21 +74,19 @@ void UDPHandler::sendUntilAccepted(const QByteArray &packet)
         if (udpSocket->writeDatagram(wire.constData(), wire.size(), host, port) != -1)
             return;
 
-        Logger::logWarning(hostcalls::logCategory(),
-                           QStringLiteral("UDP error ") + udpSocket->errorString() + QStringLiteral(" (") +
-                               QString::number(udpSocket->error(), 10) + QStringLiteral(") .. sending again to ") +
-                               host.toString() + QLatin1Char(':') + QString::number(port, 10));
+        hostcalls::logWarning(QStringLiteral("UDP error ") + udpSocket->errorString() + QStringLiteral(" (") +
+                              QString::number(udpSocket->error(), 10) + QStringLiteral(") .. sending again to ") +
+                              host.toString() + QLatin1Char(':') + QString::number(port, 10));
         udpSocket->flush();
-        udpSocket->waitForBytesWritten(static_cast<int>(writeWait.count()));
+        udpSocket->waitForBytesWritten(datagram::writeWait);
         for (int pump = 0; pump < refusalPumps; pump++) {
             QCoreApplication::processEvents();
             QThread::msleep(pumpPause.count());
         }
     }
-    // One character for the id of the request being answered, not digits: log readers on the box expect it so.
-    Logger::logError(hostcalls::logCategory(), QStringLiteral("UDP message failed to be sent.") +
-                                                   udpSocket->errorString() + QStringLiteral(" MsgID: ") +
-                                                   QChar(currentRequestId & 0xff));
+    // One character, not digits, for the id of the request being answered, not of this packet: on purpose.
+    hostcalls::logError(QStringLiteral("UDP message failed to be sent.") + udpSocket->errorString() +
+                        QStringLiteral(" MsgID: ") + QChar(currentRequestId & 0xff));
 }
 
 /// Confirmed packets stay for a minute, so that a request repeated by its peer is not served twice.

@@ -5,7 +5,7 @@
 
 #include "protocol/cipher.h"
 #include "protocol/datagram.h"
-#include "protocol/takedatagram.h"
+#include "protocol/datagramio.h"
 #include "protocol/uuidscan.h"
 
 #include <QHostInfo>

@@ -3,7 +3,7 @@
 #include "client/path/discovery.h"
 
 #include "protocol/datagram.h"
-#include "protocol/takedatagram.h"
+#include "protocol/datagramio.h"
 #include "protocol/uuidscan.h"
 
 #include <QNetworkInterface>

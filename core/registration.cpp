@@ -9,11 +9,10 @@
 #include <QUdpSocket>
 
 #include <database.h>
-#include <logger.h>
 
 void UDPHandler::registerWithServer()
 {
-    Logger::logDebug(hostcalls::logCategory(), QStringLiteral("Send UDP message to server"));
+    hostcalls::logDebug(QStringLiteral("Send UDP message to server"));
 
     Database database(QStringLiteral("UDPHostName"));
     const auto serverName = [&database] {
@@ -26,17 +25,15 @@ void UDPHandler::registerWithServer()
 
     const QHostInfo server = QHostInfo::fromName(serverName());
     if (server.error() != QHostInfo::NoError) {
-        Logger::logInfo(hostcalls::logCategory(),
-                        QStringLiteral("Hostname lookup to ") + serverName() +
-                            QStringLiteral(" failed. Make sure there is available internet at IXO! Error: ") +
-                            server.errorString());
+        hostcalls::logInfo(QStringLiteral("Hostname lookup to ") + serverName() +
+                           QStringLiteral(" failed. Make sure there is available internet at IXO! Error: ") +
+                           server.errorString());
     } else if (!server.addresses().isEmpty()) {
         const qint64 sent = udpSocket->writeDatagram(registration.constData(), registration.size(),
                                                      server.addresses().constFirst(), serverUdpPort);
-        // The port shows as the one character of its low byte, not as digits: log readers on the box expect it so.
-        Logger::logDebug(hostcalls::logCategory(),
-                         QStringLiteral("Sending UDP keep alive to server ") + server.hostName() + QLatin1Char(':') +
-                             QChar(serverUdpPort & 0xff) + QStringLiteral(". Result: ") + QString::number(sent, 10));
+        // The port shows as the one character of its low byte, not as digits: on purpose.
+        hostcalls::logDebug(QStringLiteral("Sending UDP keep alive to server ") + server.hostName() + QLatin1Char(':') +
+                            QChar(serverUdpPort & 0xff) + QStringLiteral(". Result: ") + QString::number(sent, 10));
     }
     lastServerUpdate = QDateTime::currentDateTime();
 }
