@@ -13,25 +13,21 @@ inline bool hasElapsed(const QDateTime &since, std::chrono::milliseconds period)
     return since.isNull() || since.toMSecsSinceEpoch() + period.count() < QDateTime::currentMSecsSinceEpoch();
 }
 
-/// The same test for a walk over many time stamps: asks for the time at each of them, as the walk itself may take long,
-/// but for its zone only when the time has changed.
+/// The same test for a walk over many time stamps: asks for the time and its zone at the first of them, not at each.
 class ElapsedTest
 {
 public:
     explicit ElapsedTest(std::chrono::milliseconds period) : m_period(period) {}
     bool operator()(const QDateTime &since)
     {
-        if (since.isNull())
-            return true;
-        const qint64 now = QDateTime::currentMSecsSinceEpoch();
-        if (m_now != now)
-            m_latest = QDateTime::fromMSecsSinceEpoch(now - m_period.count());
-        m_now = now;
-        return since < m_latest;
+        if (m_latest.isNull())
+            m_latest = QDateTime::fromMSecsSinceEpoch(QDateTime::currentMSecsSinceEpoch() - m_period.count());
+        return since.isNull() || since < m_latest;
     }
+    /// For a walk that has stopped on its way: the next test asks again.
+    void askAgain() { m_latest = QDateTime(); }
 
 private:
     std::chrono::milliseconds m_period;
-    qint64 m_now = -1;
     QDateTime m_latest; // in local time like the stamps: these compare as numbers
 };

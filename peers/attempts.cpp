@@ -34,9 +34,11 @@ void UDPHandler::attendPeers()
     for (RemoteClient &peer : remoteClients) {
         if (peer.isIn(ConnectionStatus::Connecting)) {
             attemptConnection(peer);
+            isSilent.askAgain(); // those behind it are judged by the time after its burst
         } else if (peer.isIn(ConnectionStatus::Connected) && isSilent(peer.lastSeen)) {
             hostcalls::logDebug(QStringLiteral("Remote client was timeouted: ") + peer.host.toString());
             setConnectionStatus(ConnectionStatus::Disconnected, peer.remoteUuid);
+            isSilent.askAgain(); // and after what the store took
         }
     }
 }
