@@ -114,13 +114,16 @@ private slots:
             QThread::msleep(20); // every line is told before its duty has ended
             recordLog(type, context, message);
         });
-        for (const auto &[duty, stamp] : {std::pair(&UDPHandler::loadSettings, &UDPHandler::lastSettingsLoad),
-                                          std::pair(&UDPHandler::registerWithServer, &UDPHandler::lastServerUpdate),
-                                          std::pair(&UDPHandler::getRemoteClients, &UDPHandler::lastRemoteClientsLoad)}) {
+        for (const auto &[duty, stamp] : {std::pair(&UDPHandler::registerWithServer, &UDPHandler::lastServerUpdate),
+                                          std::pair(&UDPHandler::getRemoteClients, &UDPHandler::lastRemoteClientsLoad),
+                                          std::pair(&UDPHandler::loadSettings, &UDPHandler::lastSettingsLoad)}) {
+            if (duty == &UDPHandler::loadSettings)
+                qputenv("BOX_DATABASE", "sqlite:/no/such"); // the first read is worth a line then
+            logLines().clear();
             (*box.relay).*stamp = QDateTime();
             const QDateTime begin = QDateTime::currentDateTime();
             ((*box.relay).*duty)();
-            QVERIFY((*box.relay).*stamp >= begin.addMSecs(20));
+            QVERIFY(!logLines().isEmpty() && (*box.relay).*stamp >= begin.addMSecs(20 * logLines().size()));
         }
     }
 
