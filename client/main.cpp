@@ -6,7 +6,7 @@
 #include "client/path/discovery.h"
 #include "client/progressline.h"
 #include "handover/endpoint.h"
-#include "handover/peerconfig.h"
+#include "handover/peerfile.h"
 #include "handover/valuecheck.h"
 
 #include <QCommandLineParser>
@@ -201,7 +201,7 @@ int serve(RelayClient *client, BoxPath *path, const Options &options)
     return QCoreApplication::exec();
 }
 
-int discover(const PeerConfig &peer, const Options &options)
+int discover(const PeerFile &peer, const Options &options)
 {
     const QString where = options.words().value(1);
     Endpoint target;
@@ -243,7 +243,7 @@ int main(int argc, char **argv)
     if (!isKnown || options.words().size() < least || options.words().size() > most || !options.isSet("config"))
         return complain(usage);
 
-    const PeerConfig peer = PeerConfig::read(options.text("config"));
+    const PeerFile peer = PeerFile::read(options.text("config"));
     if (!peer.error.isEmpty())
         return complain(peer.error);
     if (command == QLatin1String("discover"))

@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <functional>
-#include <utility>
 
 using namespace std::chrono_literals;
 
@@ -52,8 +51,9 @@ bool isOver(const QElapsedTimer &timer, std::chrono::milliseconds time)
 }
 } // namespace
 
-BoxPath::BoxPath(PeerConfig config, const Options &options, QObject *parent)
-    : QObject(parent), m_config(std::move(config)), m_options(options)
+BoxPath::BoxPath(const PeerFile &peer, const Options &options, QObject *parent)
+    : QObject(parent), m_uuid(peer.uuid), m_boxUuid(peer.boxUuid), m_box(peer.box()),
+      m_key(QByteArray::fromHex(peer.key.toLatin1())), m_iv(QByteArray::fromHex(peer.iv.toLatin1())), m_options(options)
 {
     if (!addSocket(options.udpPort))
         m_error = QStringLiteral("UDP port %1 cannot be used: another program may have it; choose another one")
@@ -84,7 +84,7 @@ bool BoxPath::isFresh() const
 void BoxPath::send(const QByteArray &plain)
 {
     m_sinceSend.start();
-    m_socket->writeDatagram(cipher::encipher(plain, m_config.key, m_config.iv), m_address, m_port);
+    m_socket->writeDatagram(cipher::encipher(plain, m_key, m_iv), m_address, m_port);
 }
 
 void BoxPath::open()
@@ -97,7 +97,7 @@ void BoxPath::open()
     m_allowance = longestVolley;
     beginStep(0);
     m_ticks.start();
-    if (m_config.boxHost.isEmpty())
+    if (m_box.host.isEmpty())
         discover();
     else
         lookUp();
@@ -105,23 +105,23 @@ void BoxPath::open()
 
 void BoxPath::lookUp()
 {
-    const QHostAddress literal(m_config.boxHost); // needs no look-up, which would ask for its name
+    const QHostAddress literal(m_box.host); // needs no look-up, which would ask for its name
     if (!literal.isNull())
-        return aimAt({literal}, m_config.boxPort);
+        return aimAt({literal}, static_cast<quint16>(m_box.port));
     // At once, for nothing can be done without it; and not from the cache of Qt's own look-ups: an address that has
     // changed may be why the path is opened anew.
-    const QHostInfo host = QHostInfo::fromName(m_config.boxHost);
+    const QHostInfo host = QHostInfo::fromName(m_box.host);
     if (!host.addresses().isEmpty())
-        return aimAt(host.addresses(), m_config.boxPort);
+        return aimAt(host.addresses(), static_cast<quint16>(m_box.port));
     stopOpening();
-    emit failed(QStringLiteral("no address found for %1, the box's host").arg(m_config.boxHost));
+    emit failed(QStringLiteral("no address found for %1, the box's host").arg(m_box.host));
 }
 
 void BoxPath::discover()
 {
-    m_discovery = std::make_unique<Discovery>(m_config.uuid, QHostAddress(), Discovery::defaultPort);
+    m_discovery = std::make_unique<Discovery>(m_uuid, QHostAddress(), Discovery::defaultPort);
     connect(m_discovery.get(), &Discovery::found, this, [this](const FoundBox &box) {
-        if (box.uuid == m_config.boxUuid)
+        if (box.uuid == m_boxUuid)
             aimAt({box.address}, box.udpPort);
     });
     connect(
@@ -213,8 +213,8 @@ void BoxPath::knockAsPlanned()
 
 void BoxPath::knock(QUdpSocket *socket, const QHostAddress &address, quint16 port)
 {
-    const QByteArray plain = datagram::link(DatagramKind::KeepAlive, m_config.uuid, m_config.boxUuid);
-    socket->writeDatagram(cipher::encipher(plain, m_config.key, m_config.iv), address, port);
+    const QByteArray plain = datagram::link(DatagramKind::KeepAlive, m_uuid, m_boxUuid);
+    socket->writeDatagram(cipher::encipher(plain, m_key, m_iv), address, port);
     if (socket == m_socket)
         m_sinceKnock.start();
 }
@@ -227,8 +227,8 @@ void BoxPath::readDatagrams(QUdpSocket *socket)
         const QByteArray data = datagram::take(socket, &address, &port);
         if (data.isEmpty())
             continue;
-        const QByteArray plain = cipher::decipher(data, m_config.key, m_config.iv);
-        if (datagram::findUuids(plain) != QStringList{m_config.boxUuid, m_config.uuid}) {
+        const QByteArray plain = cipher::decipher(data, m_key, m_iv);
+        if (datagram::findUuids(plain) != QStringList{m_boxUuid, m_uuid}) {
             m_undeciphered += isTarget(address) ? 1 : 0;
             continue;
         }
@@ -278,7 +278,7 @@ void BoxPath::giveUp()
     stopOpening();
     if (m_undeciphered > 0)
         emit failed(QStringLiteral("what comes back cannot be deciphered: key and iv must be those of the box"));
-    else if (m_config.boxHost.isEmpty() && m_targets.isEmpty())
+    else if (m_box.host.isEmpty() && m_targets.isEmpty())
         emit failed(QStringLiteral("no answer from the box on the local network: is it there? If it is elsewhere, the "
                                    "configuration must have its address"));
     else

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "client/path/discovery.h"
-#include "handover/peerconfig.h"
+#include "handover/peerfile.h"
 
 #include <QByteArray>
 #include <QElapsedTimer>
@@ -32,7 +32,7 @@ public:
     };
 
     /// Opens nothing yet. A local port that cannot be used is told by error().
-    BoxPath(PeerConfig config, const Options &options, QObject *parent = nullptr);
+    BoxPath(const PeerFile &peer, const Options &options, QObject *parent = nullptr);
 
     /// Not empty: the local UDP port cannot be used; one line that says why.
     const QString &error() const { return m_error; }
@@ -75,7 +75,11 @@ private:
     void giveUp();
     void keepAlive();
 
-    const PeerConfig m_config;
+    const QString m_uuid;
+    const QString m_boxUuid;
+    const Endpoint m_box;
+    const QByteArray m_key;
+    const QByteArray m_iv;
     const Options m_options;
     QString m_error;
     QList<QUdpSocket *> m_sockets;  // the first one has the local port that was asked for
