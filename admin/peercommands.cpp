@@ -3,6 +3,7 @@
 #include "admin/commands.h"
 #include "admin/output.h"
 #include "handover/endpoint.h"
+#include "handover/peerfile.h"
 #include "handover/valuecheck.h"
 #include "store/boxstore.h"
 
@@ -52,32 +53,6 @@ void setRoute(StoredPeer *peer, const Endpoint &endpoint)
     peer->udpPortRemote = endpoint.port == Endpoint::noPort ? StoredPeer::noPort : endpoint.port;
 }
 
-/// What a peer is handed: sections and keys of its INI file.
-struct PeerFile {
-    QString error;
-    QString peerUuid;
-    QString boxUuid;
-    QString address; // empty: the peer finds the box by itself
-    QString key;
-    QString iv;
-
-    QByteArray toIni() const
-    {
-        QString text = QStringLiteral("[peer]\nuuid=%1\n[box]\nuuid=%2\n").arg(peerUuid, boxUuid);
-        if (!address.isEmpty())
-            text += QStringLiteral("address=%1\n").arg(address);
-        return (text + QStringLiteral("key=%1\niv=%2\n").arg(key, iv)).toUtf8();
-    }
-    QByteArray toJson() const
-    {
-        QJsonObject box{{QStringLiteral("uuid"), boxUuid}, {QStringLiteral("key"), key}, {QStringLiteral("iv"), iv}};
-        if (!address.isEmpty())
-            box.insert(QStringLiteral("address"), address);
-        const QJsonObject peer{{QStringLiteral("uuid"), peerUuid}};
-        return QJsonDocument(QJsonObject{{QStringLiteral("peer"), peer}, {QStringLiteral("box"), box}}).toJson();
-    }
-};
-
 PeerFile newPeerFile(const BoxStore &store, const QString &boxAddress)
 {
     const auto settings = store.settings();
@@ -87,12 +62,9 @@ PeerFile newPeerFile(const BoxStore &store, const QString &boxAddress)
                   boxAddress,
                   settings.value(QStringLiteral("aes_key")),
                   settings.value(QStringLiteral("aes_iv"))};
-    for (const QString &error : {valuecheck::uuid(file.boxUuid, QStringLiteral("uuid in the store")),
-                                 valuecheck::key(file.key, QStringLiteral("aes_key in the store")),
-                                 valuecheck::iv(file.iv, QStringLiteral("aes_iv in the store"))}) {
-        if (file.error.isEmpty())
-            file.error = error;
-    }
+    if (file.error.isEmpty())
+        file.error = file.check({QStringLiteral("uuid in the store"), QStringLiteral("aes_key in the store"),
+                                 QStringLiteral("aes_iv in the store")});
     return file;
 }
 
@@ -158,7 +130,7 @@ QString admin::addPeer(const Request &request)
         return handover.error();
 
     StoredPeer peer;
-    peer.uuid = file.peerUuid;
+    peer.uuid = file.uuid;
     if (!endpoint.host.isEmpty())
         setRoute(&peer, endpoint);
     store.addPeer(peer);

@@ -1,7 +1,7 @@
 // nat-relay-admin as it is run, over a store in SQLite and one in a MariaDB server that the test starts.
 
 #include "core/hostcalls.h"
-#include "handover/peerconfig.h"
+#include "handover/peerfile.h"
 #include "tests/support/mariadb.h"
 
 #include <QDir>
@@ -228,12 +228,12 @@ private slots:
             {{"--address", "2001:db8::7", "--port", "5000"}, {"2001:db8::7", "4999", "5000"}}};
         for (const auto &[words, row] : rows) {
             QVERIFY(run(QStringList{"add-peer", "--box-address", "[::1]:5000", "--out", path("peer.ini")} + words).status == 0);
-            const PeerConfig config = PeerConfig::read(path("peer.ini"));
-            QVERIFY2(config.error.isEmpty() && isPrivate(path("peer.ini")), qPrintable(config.error));
-            QVERIFY(config.boxUuid == setting("uuid") && config.boxHost == "::1" && config.boxPort == 5000);
-            QVERIFY(config.key.toHex() == setting("aes_key") && config.iv.toHex() == setting("aes_iv"));
+            const PeerFile file = PeerFile::read(path("peer.ini"));
+            QVERIFY2(file.error.isEmpty() && isPrivate(path("peer.ini")), qPrintable(file.error));
+            QVERIFY(file.boxUuid == setting("uuid") && file.box().host == "::1" && file.box().port == 5000);
+            QVERIFY(file.key == setting("aes_key") && file.iv == setting("aes_iv"));
             QCOMPARE(sql("SELECT remote_ip, udp_port, udp_port_remote FROM `box`.`nat_traverse` WHERE status = 0 AND remote_uuid = '" +
-                         config.uuid + "'"),
+                         file.uuid + "'"),
                      {row});
             QVERIFY(QFile::remove(path("peer.ini")));
         }

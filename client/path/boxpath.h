@@ -1,7 +1,8 @@
 #pragma once
 
-#include "client/path/discovery.h"
-#include "handover/peerconfig.h"
+#include "client/path/knockplan.h"
+#include "client/path/way.h"
+#include "handover/peerfile.h"
 
 #include <QByteArray>
 #include <QElapsedTimer>
@@ -13,11 +14,10 @@
 #include <QUdpSocket>
 
 #include <chrono>
-#include <memory>
 
-/// The way of the datagrams between a peer and its box: finds the box, enciphers, keeps the path open, follows a box
-/// whose address changes and, if asked to, opens a path through routers that change ports (address- and port-dependent
-/// mapping, RFC 4787). Lives in the event loop of its thread; blocks only while the box's name is looked up.
+/// The way of the datagrams between a peer and its box: knocks where the box should be until it answers, enciphers,
+/// keeps the path open and follows a box whose address changes. Lives in the event loop of its thread; blocks only
+/// while the box's name is looked up.
 class BoxPath : public QObject
 {
     Q_OBJECT
@@ -32,12 +32,12 @@ public:
     };
 
     /// Opens nothing yet. A local port that cannot be used is told by error().
-    BoxPath(PeerConfig config, const Options &options, QObject *parent = nullptr);
+    BoxPath(const PeerFile &peer, const Options &options, QObject *parent = nullptr);
 
     /// Not empty: the local UDP port cannot be used; one line that says why.
     const QString &error() const { return m_error; }
 
-    /// Looks the box up anew and knocks until it answers; opened() or failed() follows.
+    /// Looks for the box anew and knocks until it answers; opened() or failed() follows.
     void open();
     /// Whether the box was heard not long ago.
     bool isFresh() const;
@@ -53,39 +53,33 @@ signals:
     void progress(const QString &text);
 
 private:
-    struct Knock {
-        int socket; // its place in the list
-        int offset; // from the box's port
-    };
-
+    void addWay(Way *way);
     bool addSocket(quint16 port);
-    void lookUp();
-    void discover();
-    void aimAt(const QList<QHostAddress> &addresses, quint16 port);
     void tick();
-    void beginStep(int step);
-    void planRound();
-    void knockAsPlanned();
+    void nextStep();
     void knock(QUdpSocket *socket, const QHostAddress &address, quint16 port);
     void readDatagrams(QUdpSocket *socket);
     void take(const QByteArray &plain);
-    bool isTarget(const QHostAddress &address) const;
     void settle();
     void stopOpening();
-    void giveUp();
+    void giveUp(const QString &reason);
+    QString silence() const;
     void keepAlive();
 
-    const PeerConfig m_config;
+    const QString m_uuid;
+    const QString m_boxUuid;
+    const QByteArray m_key;
+    const QByteArray m_iv;
     const Options m_options;
     QString m_error;
+    QList<Way *> m_ways; // all at the same time
+    int m_waysLeft = 0;  // that have not failed
+    KnockPlan m_plan;
     QList<QUdpSocket *> m_sockets;  // the first one has the local port that was asked for
     QUdpSocket *m_socket = nullptr; // where the box was heard last, and from which address
     QHostAddress m_address;
     quint16 m_port = 0;
     bool m_isOpening = false;
-    QList<QHostAddress> m_targets; // where the box should be
-    quint16 m_targetPort = 0;
-    std::unique_ptr<Discovery> m_discovery;
     int m_undeciphered = 0; // datagrams since the path was last open
     QTimer m_ticks;
     QTimer m_keepAlive;
@@ -93,10 +87,4 @@ private:
     QElapsedTimer m_sinceHeard;
     QElapsedTimer m_sinceSend;
     QElapsedTimer m_sinceKnock; // of ours, where the box was heard
-    int m_step = 0;
-    QElapsedTimer m_sinceStep;
-    QElapsedTimer m_sinceRound;
-    QList<Knock> m_plan;    // of the round that is under way
-    double m_allowance = 0; // datagrams that may be sent now
-    QElapsedTimer m_sinceAllowance;
 };

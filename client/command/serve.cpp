@@ -1,0 +1,46 @@
+// serve: lets any browser reach the box.
+
+#include "client/command/command.h"
+#include "client/commandline.h"
+#include "client/endsignals.h"
+#include "client/http/httpproxy.h"
+#include "client/path/boxpath.h"
+#include "client/progressline.h"
+#include "client/tell.h"
+#include "handover/endpoint.h"
+
+#include <QCoreApplication>
+
+int command::serve(const Job &job)
+{
+    const QString address = job.line.text("listen");
+    const bool isVerbose = job.line.isSet("verbose");
+    const Endpoint listen = Endpoint::ofAddress(address);
+    if (!listen.error.isEmpty() || listen.port == Endpoint::noPort)
+        return complain(QStringLiteral("--listen must be an address and a port, like 127.0.0.1:8080"));
+    HttpProxy proxy(job.client, {job.line.number("queue"), isVerbose});
+    if (!proxy.listen(QHostAddress(listen.host), static_cast<quint16>(listen.port)))
+        return complain(QStringLiteral("cannot listen on %1: %2; choose another one with --listen")
+                            .arg(address, proxy.errorString()));
+    ProgressLine progress;
+    QObject::connect(&proxy, &HttpProxy::progressed, [&progress, isVerbose](const RelayClient::Traffic &traffic) {
+        if (isVerbose)
+            progress.show(traffic);
+    });
+    QObject::connect(&proxy, &HttpProxy::logged, [&progress](const QString &text) {
+        progress.clear();
+        tell(text);
+    });
+
+    const EndSignals signals_([&job] { job.client->leave(); });
+    QObject::connect(job.client, &RelayClient::left, [] { QCoreApplication::exit(0); });
+
+    QObject::connect(job.path, &BoxPath::opened, [] { tell(QStringLiteral("the box answers")); });
+    QObject::connect(job.path, &BoxPath::failed, &proxy, [&proxy](const QString &reason) {
+        if (!proxy.isBusy()) // or the request that fails tells
+            tell(reason);
+    });
+    tell(QStringLiteral("open http://%1/ in a browser; Ctrl-C ends").arg(address));
+    job.path->open(); // what is wrong is told now, not at the first request
+    return QCoreApplication::exec();
+}

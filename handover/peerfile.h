@@ -1,0 +1,37 @@
+#pragma once
+
+#include "handover/endpoint.h"
+
+#include <QByteArray>
+#include <QString>
+
+/// What a peer is handed: who it is and which box it talks to. An INI file with the sections
+///   [peer] uuid
+///   [box]  uuid, address (host:port; may be missing), key and iv (32 hexadecimal digits each)
+/// All values are kept as they are written there.
+struct PeerFile {
+    /// What the box's values are called where they come from, for a message about one of them.
+    struct Names {
+        QString uuid;
+        QString key;
+        QString iv;
+    };
+
+    QString error; // not empty: one line that says what is wrong and what would be right
+    QString uuid;
+    QString boxUuid;
+    QString address; // empty: the box is to be discovered on the local network
+    QString key;
+    QString iv;
+
+    static PeerFile read(const QString &path);
+
+    /// Empty text, or the first value that is wrong, in one line that shows neither key nor IV.
+    QString check(const Names &names) const;
+    /// Where the box is; the host is empty when the address is.
+    Endpoint box() const;
+
+    QByteArray toIni() const;
+    /// Sections as objects.
+    QByteArray toJson() const;
+};
