@@ -2,14 +2,13 @@
 
 #include "database.h"
 
-#include "logger.h"
+#include "storehealth.h"
 #include "storeurl.h"
 
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QHash>
-#include <QSet>
 #include <QSqlDatabase>
 #include <QSqlError>
 #include <QSqlQuery>
@@ -22,6 +21,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <optional>
 #include <utility>
 
 using namespace std::chrono_literals;
@@ -31,54 +31,12 @@ namespace
 using Rows = QList<QVector<QString>>;
 
 constexpr char sqliteOptions[] = "QSQLITE_OPEN_URI;QSQLITE_BUSY_TIMEOUT=1000"; // ms; other programs write briefly
-constexpr char sqliteBusy[] = "5"; // its result code for a lock that another program holds
-constexpr char mariadbOptions[] =  // s; the caller stands still meanwhile
-    "MYSQL_OPT_CONNECT_TIMEOUT=2;MYSQL_OPT_READ_TIMEOUT=2;MYSQL_OPT_WRITE_TIMEOUT=2";
-constexpr std::chrono::milliseconds lockMemory = 10s; // a lock that lasts longer meets another use anyway
-constexpr int restFactor = 4; // rest after a failure, in times its length: a store that hangs takes a fifth of the time
 
-/// Logs the first failure and the return of the store, however many uses fail in between.
-class Health
-{
-public:
-    static Health &ofStore()
-    {
-        static Health health;
-        return health;
-    }
-    void failed(const QString &what, const QString &store, const QString &error, bool isLock)
-    {
-        const bool isNews = what == opening() ? !m_failing.contains(what) : m_failing.isEmpty();
-        if (isNews)
-            Logger::logError(logCategory(), QStringLiteral("Store %1 fails: %2").arg(store, error));
-        m_failing.insert(what);
-        if (isLock) {
-            m_locked.insert(what);
-            m_sinceLock.start();
-        }
-    }
-    /// `use` works, and so the store can be opened again.
-    void worked(const QString &use, const QString &store)
-    {
-        if (m_failing.isEmpty())
-            return;
-        const bool isOpenAgain = m_failing.remove(opening());
-        m_failing.remove(use);
-        // A use that met a lock may not come again for hours; others tell by then that the lock has gone.
-        if (m_sinceLock.isValid() && m_sinceLock.hasExpired(lockMemory.count()))
-            m_failing -= std::exchange(m_locked, {});
-        if (isOpenAgain || m_failing.isEmpty())
-            Logger::logInfo(logCategory(), QStringLiteral("Store %1 works again").arg(store));
-    }
-    /// Fails and returns for all uses at once.
-    static QString opening() { return QStringLiteral("(opening)"); }
+// Seconds, for which the caller stands still; fewer for locks, lest one pass for a server that hangs.
+constexpr char mariadbOptions[] = "MYSQL_OPT_CONNECT_TIMEOUT=2;MYSQL_OPT_READ_TIMEOUT=2;MYSQL_OPT_WRITE_TIMEOUT=2";
+constexpr char mariadbLockTimeouts[] = "SET SESSION lock_wait_timeout = 1, innodb_lock_wait_timeout = 1";
 
-private:
-    static QString logCategory() { return QStringLiteral("STORE"); }
-    QSet<QString> m_failing; // uses, by their connection's name
-    QSet<QString> m_locked;
-    QElapsedTimer m_sinceLock;
-};
+constexpr std::chrono::milliseconds lossNotice = 1s; // that a server has ended is told sooner, by the system
 
 /// The connection kept under one name.
 class Connection
@@ -86,72 +44,61 @@ class Connection
 public:
     explicit Connection(QString name) : m_name(std::move(name)) {}
 
-    /// Runs one statement, opening the store where that is needed; false on failure, which is then reported.
-    bool run(const QString &sql, const QList<QString> &params, Rows *rows);
+    /// Runs one statement, opening the store where that is needed. No rows on failure, which is then reported.
+    Rows run(const QString &sql, const QList<QString> &params);
 
 private:
-    bool attempt(const QString &sql, const QList<QString> &params, Rows *rows);
-    bool open();
-    bool openSqlite();
-    bool openMariadb();
-    bool execute(const QString &sql, const QList<QString> &params, Rows *rows);
+    using Outcome = std::optional<Failure>; // none: it worked
+
+    Outcome attempt(const QString &sql, const QList<QString> &params, Rows *rows);
+    Outcome open();
+    Outcome openSqlite();
+    Outcome openMariadb();
+    Outcome prepareSession(const QString &sql, const QList<QString> &params = {});
+    Outcome execute(const QString &sql, const QList<QString> &params, Rows *rows);
+    Failure failureOf(const QSqlError &error) const;
     bool isStore(const QString &address) const;
-    bool isServerLost() const;
     QSqlDatabase database() const { return QSqlDatabase::database(m_name, false); }
     void close();
-    bool fail(const QString &error)
-    {
-        m_error = error;
-        return false;
-    }
 
     QString m_name;
     QString m_address; // the BOX_DATABASE that is open
     StoreUrl m_store;
     std::pair<dev_t, ino_t> m_file; // the SQLite file that is open: another one may be put in its place
     QHash<QString, QSqlQuery> m_statements;
-    QString m_failedUse; // what failed: this name, or opening the store
-    QString m_error;
-    QString m_errorCode;
-    QElapsedTimer m_sinceFailure;
-    qint64 m_rest = 0; // ms
 };
 
-bool Connection::run(const QString &sql, const QList<QString> &params, Rows *rows)
+Rows Connection::run(const QString &sql, const QList<QString> &params)
 {
-    if (m_sinceFailure.isValid() && !m_sinceFailure.hasExpired(m_rest))
-        return false;
+    if (StoreHealth::instance().isResting(m_name))
+        return {};
 
     QElapsedTimer duration;
     duration.start();
-    if (attempt(sql, params, rows)) {
-        m_sinceFailure.invalidate();
-        Health::ofStore().worked(m_name, m_store.shown);
-        return true;
+    Rows rows;
+    if (const Outcome failure = attempt(sql, params, &rows)) {
+        close(); // the next use begins afresh, whatever was wrong
+        StoreHealth::instance().failed(m_name, *failure, m_store.shown, duration.elapsed());
+    } else {
+        StoreHealth::instance().worked(m_name, m_store.shown);
     }
-    close(); // the next use begins afresh, whatever was wrong
-    m_rest = restFactor * duration.elapsed();
-    m_sinceFailure.start();
-    const bool isLock = m_failedUse == m_name && m_errorCode == QLatin1String(sqliteBusy);
-    Health::ofStore().failed(m_failedUse, m_store.shown, m_error, isLock);
-    return false;
+    return rows;
 }
 
-bool Connection::attempt(const QString &sql, const QList<QString> &params, Rows *rows)
+Connection::Outcome Connection::attempt(const QString &sql, const QList<QString> &params, Rows *rows)
 {
-    const bool wasOpen = isStore(qEnvironmentVariable("BOX_DATABASE"));
-    m_failedUse = Health::opening();
-    if (!wasOpen && !open())
-        return false;
-    m_failedUse = m_name;
-    if (execute(sql, params, rows))
-        return true;
-    if (!wasOpen || !isServerLost())
-        return false;
-
-    // A server that was restarted since the last use is told only by the statement that fails.
-    m_failedUse = Health::opening();
-    return open() && execute(sql, params, rows);
+    if (isStore(qEnvironmentVariable("BOX_DATABASE"))) {
+        QElapsedTimer duration;
+        duration.start();
+        Outcome failure = execute(sql, params, rows);
+        // A server that was restarted since the last use is told only by the statement that fails, and at once. To open
+        // one that hangs would hold up the caller twice.
+        const bool mayBeBack = failure && failure->kind == Failure::Kind::Store;
+        if (!mayBeBack || duration.hasExpired(lossNotice.count()))
+            return failure;
+    }
+    Outcome failure = open();
+    return failure ? failure : execute(sql, params, rows);
 }
 
 /// Whether what is open is the store of this address, and not a file that has gone or been replaced since.
@@ -164,27 +111,21 @@ bool Connection::isStore(const QString &address) const
                                       m_file == std::make_pair(file.st_dev, file.st_ino));
 }
 
-bool Connection::isServerLost() const
-{
-    static const QSet<QString> lost{QStringLiteral("2006"), QStringLiteral("2013")}; // "gone away", "lost connection"
-    return m_store.path.isEmpty() && lost.contains(m_errorCode);
-}
-
 void Connection::close()
 {
     database().close(); // before the statements: freeing one of a lost server would make the driver complain
     m_statements.clear();
 }
 
-bool Connection::open()
+Connection::Outcome Connection::open()
 {
     close();
     m_address = qEnvironmentVariable("BOX_DATABASE");
     m_store = StoreUrl::parse(m_address);
     if (!m_store.error.isEmpty())
-        return fail(m_store.error);
+        return Failure{Failure::Kind::Store, m_store.error};
     if (!QSqlDatabase::isDriverAvailable(m_store.driver))
-        return fail(QStringLiteral("the SQL driver %1 is not installed").arg(m_store.driver));
+        return Failure{Failure::Kind::Store, QStringLiteral("the SQL driver %1 is not installed").arg(m_store.driver)};
     if (database().driverName() != m_store.driver) {
         if (QSqlDatabase::contains(m_name))
             QSqlDatabase::removeDatabase(m_name);
@@ -193,11 +134,11 @@ bool Connection::open()
     return m_store.path.isEmpty() ? openMariadb() : openSqlite();
 }
 
-bool Connection::openSqlite()
+Connection::Outcome Connection::openSqlite()
 {
     struct stat file = {};
     if (stat(QFile::encodeName(m_store.path).constData(), &file) != 0)
-        return fail(QString::fromLocal8Bit(std::strerror(errno)));
+        return Failure{Failure::Kind::Store, QString::fromLocal8Bit(std::strerror(errno))};
     m_file = {file.st_dev, file.st_ino};
 
     // The statements name the database `box`, so the file is attached under that name. It is never made here: an empty
@@ -206,16 +147,17 @@ bool Connection::openSqlite()
     sqlite.setDatabaseName(QStringLiteral(":memory:"));
     sqlite.setConnectOptions(QLatin1String(sqliteOptions));
     if (!sqlite.open())
-        return fail(sqlite.lastError().text());
+        return Failure{Failure::Kind::Store, sqlite.lastError().text()};
     QUrl url = QUrl::fromLocalFile(QFileInfo(m_store.path).absoluteFilePath());
     url.setQuery(QStringLiteral("mode=rw"));
-    return execute(QStringLiteral("ATTACH DATABASE ? AS box"), {QString::fromLatin1(url.toEncoded())}, nullptr) &&
-           (!QFileInfo(m_store.path).isWritable() ||
-            execute(QStringLiteral("PRAGMA box.journal_mode = WAL"), {}, nullptr)) &&
-           execute(QStringLiteral("PRAGMA box.synchronous = NORMAL"), {}, nullptr);
+    Outcome failure =
+        prepareSession(QStringLiteral("ATTACH DATABASE ? AS box"), {QString::fromLatin1(url.toEncoded())});
+    if (!failure && QFileInfo(m_store.path).isWritable())
+        failure = prepareSession(QStringLiteral("PRAGMA box.journal_mode = WAL"));
+    return failure ? failure : prepareSession(QStringLiteral("PRAGMA box.synchronous = NORMAL"));
 }
 
-bool Connection::openMariadb()
+Connection::Outcome Connection::openMariadb()
 {
     QSqlDatabase mariadb = database();
     mariadb.setHostName(m_store.host);
@@ -225,41 +167,65 @@ bool Connection::openMariadb()
     mariadb.setDatabaseName(QStringLiteral("box"));
     mariadb.setConnectOptions(
         mariadbOptions + (m_store.socket.isEmpty() ? QString() : QStringLiteral(";UNIX_SOCKET=") + m_store.socket));
-    return mariadb.open() || fail(mariadb.lastError().text());
+    if (!mariadb.open())
+        return Failure{Failure::Kind::Store, mariadb.lastError().text()};
+    return prepareSession(QLatin1String(mariadbLockTimeouts));
 }
 
-bool Connection::execute(const QString &sql, const QList<QString> &params, Rows *rows)
+/// What fails while the store is opened, be it a lock, fails for every use.
+Connection::Outcome Connection::prepareSession(const QString &sql, const QList<QString> &params)
 {
-    const auto failStatement = [this](const QSqlError &error) {
-        m_errorCode = error.nativeErrorCode();
-        return fail(error.text());
-    };
+    Rows ignored;
+    Outcome failure = execute(sql, params, &ignored);
+    if (failure)
+        failure->kind = Failure::Kind::Store;
+    return failure;
+}
+
+/// Sets the rows only when all of them are there.
+Connection::Outcome Connection::execute(const QString &sql, const QList<QString> &params, Rows *rows)
+{
     if (!m_statements.contains(sql)) {
         QSqlQuery prepared(database());
         prepared.setForwardOnly(true);
         if (!prepared.prepare(sql))
-            return failStatement(prepared.lastError());
+            return failureOf(prepared.lastError());
         m_statements.insert(sql, prepared);
     }
     QSqlQuery query = m_statements.value(sql); // shares the prepared statement
     for (int i = 0; i < params.size(); i++)
         query.bindValue(i, params.at(i));
     if (!query.exec())
-        return failStatement(query.lastError());
+        return failureOf(query.lastError());
 
     // Rows share the texts in which they do not differ from the row before: of a long table that is most of them.
+    Rows fetched;
     QVector<QString> row(query.record().count());
-    while (rows != nullptr && query.next()) {
+    while (query.next()) {
         for (int column = 0; column < row.size(); column++) {
             const QString text = query.value(column).toString();
             if (text != row.at(column))
                 row[column] = text;
         }
-        rows->append(row);
+        fetched.append(row);
     }
     const QSqlError cutShort = query.lastError();
     query.finish(); // an unfinished SELECT would hold its lock on the file
-    return cutShort.isValid() ? failStatement(cutShort) : true;
+    if (cutShort.isValid())
+        return failureOf(cutShort);
+    *rows = fetched;
+    return {};
+}
+
+Failure Connection::failureOf(const QSqlError &error) const
+{
+    using Kind = Failure::Kind;
+    static const QHash<QString, Kind> sqlite{{QStringLiteral("5"), Kind::Lock}};      // "database is locked"
+    static const QHash<QString, Kind> mariadb{{QStringLiteral("1205"), Kind::Lock},   // "lock wait timeout exceeded"
+                                              {QStringLiteral("2006"), Kind::Store},  // "gone away"
+                                              {QStringLiteral("2013"), Kind::Store}}; // "lost connection"
+    const auto &kinds = m_store.path.isEmpty() ? mariadb : sqlite;
+    return {kinds.value(error.nativeErrorCode(), Kind::Statement), error.text()};
 }
 
 /// Kept for the life of the process.
@@ -293,6 +259,5 @@ void Database::performQuery(QString sql, QList<QString> params, QString accessKe
 QList<QVector<QString>> Database::performQueryWithResult(QString sql, QList<QString> params, QString accessKey)
 {
     Q_UNUSED(accessKey) // protects single settings; the tables are open to whoever can open the store
-    Rows rows;
-    return connectionNamed(m_name).run(sql, params, &rows) ? rows : Rows();
+    return connectionNamed(m_name).run(sql, params);
 }

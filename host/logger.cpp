@@ -86,7 +86,8 @@ class Flood
 public:
     bool swallows(QtMsgType level, const QLoggingCategory &log, const QString &line)
     {
-        const bool isRepeated = line == m_line && !m_sinceLast.hasExpired(floodSpacing.count());
+        const bool isSame = level == m_level && &log == m_log && line == m_line;
+        const bool isRepeated = isSame && !m_sinceLast.hasExpired(floodSpacing.count());
         m_sinceLast.start();
         if (!isRepeated || m_sinceReport.hasExpired(floodReport.count()))
             report();

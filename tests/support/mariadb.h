@@ -8,6 +8,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <csignal>
+
 /// A MariaDB server of the test's own on port 3307, with the box's tables and a user "box" with password "p@ss:word".
 struct Mariadb {
     Mariadb()
@@ -42,6 +44,8 @@ struct Mariadb {
         server.kill(); // as a crash would
         server.waitForFinished();
     }
+    void hang() const { ::kill(pid_t(server.processId()), SIGSTOP); }
+    void goOn() const { ::kill(pid_t(server.processId()), SIGCONT); }
     void sql(const QByteArray &text) const
     {
         QSqlQuery query(root);
