@@ -93,7 +93,6 @@ void Exchange::beginPart()
 void Exchange::cancel()
 {
     m_isRunning = false;
-    m_isRelayWaiting = false; // what it waits for is no longer ours
     m_client->abandon();
 }
 
@@ -152,14 +151,15 @@ void Exchange::take(const QByteArray &bytes)
 void Exchange::watchRelay(const QByteArray &bytes)
 {
     const QByteArray seen = m_tail + bytes;
-    m_isRelayWaiting |= seen.contains(chunkedField);
+    if (seen.contains(chunkedField))
+        m_client->setRelayWaiting(true);
     m_tail = seen.right(static_cast<int>(sizeof chunkedField) - 2);
 }
 
 /// Whether a read that ends here ends the response for the relay too.
 bool Exchange::isRelayDone() const
 {
-    return !m_isRelayWaiting || m_tail.right(endReach).contains(chunkedEnd);
+    return !m_client->isRelayWaiting() || m_tail.right(endReach).contains(chunkedEnd);
 }
 
 bool Exchange::takeHead()
@@ -206,9 +206,9 @@ void Exchange::takePartsBody()
 
 void Exchange::endSeries()
 {
-    m_isRelayWaiting = !isRelayDone();
+    m_client->setRelayWaiting(!isRelayDone());
     m_tail.clear();
-    if (!m_isRunning || m_isRelayWaiting)
+    if (!m_isRunning || m_client->isRelayWaiting())
         return;
     if (!m_parser->is_header_done())
         fail(502, QStringLiteral("the response ends within its header"));
@@ -227,8 +227,8 @@ void Exchange::endPart()
     if (!m_isFirst && m_taken < *m_length)
         return fetchRest(); // the web server gave less than the range that was asked for
     m_isRunning = false;
-    m_isRelayWaiting = !isRelayDone();
-    m_client->finish(!m_isRelayWaiting);
+    m_client->setRelayWaiting(!isRelayDone());
+    m_client->finish();
     emit finished();
 }
 
@@ -258,7 +258,8 @@ void Exchange::fetchRest()
         rest.set(http::field::if_range, m_head[http::field::last_modified]);
     m_isFirst = false;
     m_trafficBefore = traffic();
-    m_client->finish(isRelayDone());
+    m_client->setRelayWaiting(!isRelayDone());
+    m_client->finish();
     send(rest);
 }
 

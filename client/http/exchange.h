@@ -74,7 +74,6 @@ private:
     bool m_isHeadTaken = false;     // of the present part
     bool m_isFirst = true;          // part
     QByteArray m_tail;              // the last bytes of the relay's present read
-    bool m_isRelayWaiting = false;  // it has seen a chunked response begin, and not its end
     HttpResponseHead m_head;
     std::optional<quint64> m_length;
     quint64 m_start = 0;       // of the body within what it is a part of
