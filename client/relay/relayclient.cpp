@@ -8,8 +8,8 @@
 //
 // - A request that is given up stays in the relay's queue. Its packets are confirmed and thrown away; the next request
 //   waits its turn behind it. The relay is asked to forget (ConnectRequest) only where everything asked has been
-//   answered, or where for a minute no sign of an answer came: then the web server has most likely closed the link
-//   without one, and the relay would wait for ever.
+//   answered, or where no sign of an answer came for a minute, or no more of one in chunks for two seconds: then the
+//   web server has most likely closed the link, and the relay would wait for ever.
 // - After anything that leaves a doubt (given up, time-out, broken off, a start) two requests go ahead that harm
 // nobody,
 //   HEAD of a random path. The second one can only be answered when the first has been taken off the queue and its link
@@ -19,7 +19,7 @@
 //     - waiting for the end of chunks that never comes, with nothing owed: the first one is answered and stays at the
 //       head. When the second one is silent then, the relay is asked to forget both, and from there on before every
 //       request, until a chunked response has come to its end: that ends the relay's waiting too;
-//     - a head that nobody will answer: no sign for a minute, see above, and once more from the start.
+//     - a head that nobody will answer: no sign, see above, and once more from the start.
 
 #include "client/relay/relayclient.h"
 
@@ -41,7 +41,8 @@ constexpr auto resendSpacing = 500ms;
 constexpr std::chrono::milliseconds reminder = 5s;     // a relay that was restarted has forgotten the request
 constexpr std::chrono::milliseconds pathPatience = 4s; // unconfirmed so long, the request has no path any more
 constexpr std::chrono::milliseconds leaveLimit = 3s;
-constexpr std::chrono::milliseconds signLimit = 60s;      // as long as web servers themselves wait for an application
+constexpr std::chrono::milliseconds signLimit = 60s; // as long as web servers themselves wait for an application
+constexpr std::chrono::milliseconds chunkLimit = 2s; // what comes later is taken for no response by whoever gets it
 constexpr std::chrono::milliseconds secondProof = 1500ms; // behind the first; a HEAD takes a fraction of it
 constexpr std::chrono::milliseconds packetMemory = 60s;   // as long as the relay itself tells a packet from its like
 constexpr int mostSeen = 10000;                           // more than the relay sends in that time
@@ -100,7 +101,7 @@ void RelayClient::send(const QByteArray &httpRequest, bool mayRepeat)
 /// The path is open: on with what comes before the request, if anything, or with the request.
 void RelayClient::proceed()
 {
-    const bool isHopeless = !m_isSure && m_sinceSign.hasExpired(signLimit.count());
+    const bool isHopeless = !m_isSure && isSilent();
     if (!m_isCleared && (isHopeless || (m_isSure && (m_isRelayWaiting || m_isLeaving))))
         enter(State::Clearing);
     else if (!m_isSure)
@@ -109,6 +110,12 @@ void RelayClient::proceed()
         emit left();
     else
         enter(State::Requesting);
+}
+
+/// Whether what was given up gave no sign of an answer for so long that there will be none.
+bool RelayClient::isSilent() const
+{
+    return m_sinceSign.hasExpired((m_isRelayWaiting ? chunkLimit : signLimit).count());
 }
 
 void RelayClient::finish()
@@ -204,14 +211,17 @@ void RelayClient::tick()
 
 void RelayClient::tickProof()
 {
-    if (m_sinceSign.hasExpired(signLimit.count()))
+    if (isSilent()) {
+        m_isCleared = false;
         return proceed();
+    }
     // Answered and still at the head of the relay's queue: the relay waits for an end that will not come. Nothing that
     // has been asked is unanswered, so that it may forget.
     const bool isWhole =
         m_proof.answer.startsWith("HTTP/1.") && m_proof.answer.indexOf("\r\n\r\n") == m_proof.answer.size() - 4;
     if (isWhole && m_proof.isHeld && m_proof.sinceIt.hasExpired(secondProof.count())) {
         m_isSure = m_isRelayWaiting = true;
+        m_isCleared = false;
         proceed();
     }
 }
@@ -227,6 +237,7 @@ void RelayClient::take(const QByteArray &data)
     const auto kind = static_cast<DatagramKind>(data.at(0));
     if (kind == DatagramKind::ConnectRequest && m_state == State::Clearing) {
         m_isCleared = true;
+        m_isRelayWaiting &= m_isSure; // or that is to be found out
         m_sinceSign.start();
         proceed();
     } else if (kind == DatagramKind::Confirmation) {
@@ -259,6 +270,7 @@ void RelayClient::takePacket(const QByteArray &packet)
     m_path->send(datagram::packetReceipt(header, m_uuid, m_boxUuid, slice));
 
     m_sinceSign.start();
+    watchRelay(header, slice);
     if (m_state == State::Proving)
         return takeProof(header, slice);
     const bool isExpected = m_state == State::Requesting || m_state == State::Receiving;
@@ -273,6 +285,18 @@ void RelayClient::takePacket(const QByteArray &packet)
     m_traffic.packets++;
     m_traffic.bytes += slice.size();
     takeSlice(header, slice);
+}
+
+/// What the relay makes of each of its reads, whomever it is for: it looks for the beginning of chunks anywhere in it,
+/// and for their end in its last seven bytes, whatever the response really is.
+void RelayClient::watchRelay(const datagram::ResponseHeader &header, const QByteArray &slice)
+{
+    constexpr int endReach = 7;
+    const QByteArray seen = (header.index == 0 ? QByteArray() : m_tail) + slice;
+    m_isRelayWaiting |= seen.contains(chunkedField);
+    if (header.index + 1 == header.count && seen.right(endReach).contains("0\r\n\r\n"))
+        m_isRelayWaiting = false;
+    m_tail = seen.right(static_cast<int>(sizeof chunkedField) - 2);
 }
 
 void RelayClient::takeProof(const datagram::ResponseHeader &header, const QByteArray &slice)

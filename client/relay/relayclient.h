@@ -49,7 +49,8 @@ public:
     /// Whether the relay waits for the end of a chunked response, as far as is known here: with it, and not before, it
     /// goes on to the next request.
     bool isRelayWaiting() const { return m_isRelayWaiting; }
-    void setRelayWaiting(bool isWaiting) { m_isRelayWaiting = isWaiting; }
+    /// What it takes for the beginning of chunks, in these letters and anywhere.
+    static constexpr char chunkedField[] = "Transfer-Encoding: chunked";
 
     /// Takes in what the relay still has for this peer and has it forget the rest, so that it resends nothing to a peer
     /// that has gone; left() follows, also when the relay does not answer, and nothing else does.
@@ -72,10 +73,12 @@ private:
     void takeConfirmation(quint16 messageId);
     void takeProof(const datagram::ResponseHeader &header, const QByteArray &slice);
     void takePacket(const QByteArray &packet);
+    void watchRelay(const datagram::ResponseHeader &header, const QByteArray &slice);
     void takeSlice(const datagram::ResponseHeader &header, const QByteArray &slice);
     bool isRepeated(const QByteArray &packet);
     void tick();
     void tickProof();
+    bool isSilent() const;
     void enter(State state);
     void proceed();
     void transmit();
@@ -96,6 +99,7 @@ private:
     State m_state = State::Idle;
     bool m_isSure = false;         // the web server owes this peer nothing but the answer to the present request
     bool m_isRelayWaiting = false; // for the end of chunks
+    QByteArray m_tail;             // the last bytes of the relay's present read
     bool m_isAsked = false;        // the present request may be at the web server
     bool m_isCleared = false;      // for the present request
     bool m_isLeaving = false;
