@@ -181,10 +181,10 @@ private slots:
         WebServer web;
         startRelay();
         startProxy({"--timeout", "1"});
-        QVERIFY(body(answer(get("/first"))).startsWith("no answer"));
+        const auto first = get("/first");
         QVERIFY(request(web).startsWith("GET /first "));
+        QVERIFY(body(answer(first)).startsWith("no answer"));
         const auto client = get("/second");
-        QVERIFY(request(web).startsWith("HEAD / ")); // takes whatever still comes for the first
         web.answer("HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nold");
         QVERIFY(request(web).startsWith("GET /second "));
         web.answer("HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nnew");

@@ -20,9 +20,6 @@ namespace
 constexpr std::uint32_t longestHead = 64 * 1024;
 constexpr int longestLine = 128 * 1024; // or head; what is not understood before it
 constexpr int mostBarrenParts = 3; // a read may bring the header alone; so many in a row bring no more the next time
-constexpr char chunkedField[] = "Transfer-Encoding: chunked"; // what the relay looks for, in these letters
-constexpr char chunkedEnd[] = "0\r\n\r\n";                    // and where it stops
-constexpr int endReach = 7;
 
 struct ContentRange {
     quint64 first = 0;
@@ -87,13 +84,11 @@ void Exchange::beginPart()
     m_parser->skip(m_request.method() == http::verb::head);
     m_isHeadTaken = false;
     m_buffer.clear();
-    m_tail.clear();
 }
 
 void Exchange::cancel()
 {
     m_isRunning = false;
-    m_isRelayWaiting = false; // what it waits for is no longer ours
     m_client->abandon();
 }
 
@@ -114,7 +109,6 @@ void Exchange::take(const QByteArray &bytes)
     if (!m_isRunning)
         return;
     m_buffer.append(bytes);
-    watchRelay(bytes);
     bool isMoving = true;
     while (isMoving && !m_buffer.isEmpty()) {
         boost::system::error_code error;
@@ -126,10 +120,8 @@ void Exchange::take(const QByteArray &bytes)
                         QStringLiteral("the answer is no HTTP response: ") + QString::fromStdString(error.message()));
         if (m_parser->is_done() && m_parser->get().result_int() / 100 == 1) {
             const QByteArray rest = m_buffer; // an interim response: the real one follows
-            const QByteArray tail = m_tail;
             beginPart();
             m_buffer = rest;
-            m_tail = tail;
             continue;
         }
         isMoving = used > 0 && !m_parser->is_done();
@@ -145,21 +137,6 @@ void Exchange::take(const QByteArray &bytes)
         endPart();
     else
         emit progressed();
-}
-
-/// What the relay makes of its read: it looks for the beginning of chunks anywhere in it, and for their end in its last
-/// seven bytes, whatever the response really is.
-void Exchange::watchRelay(const QByteArray &bytes)
-{
-    const QByteArray seen = m_tail + bytes;
-    m_isRelayWaiting |= seen.contains(chunkedField);
-    m_tail = seen.right(static_cast<int>(sizeof chunkedField) - 2);
-}
-
-/// Whether a read that ends here ends the response for the relay too.
-bool Exchange::isRelayDone() const
-{
-    return !m_isRelayWaiting || m_tail.right(endReach).contains(chunkedEnd);
 }
 
 bool Exchange::takeHead()
@@ -206,15 +183,13 @@ void Exchange::takePartsBody()
 
 void Exchange::endSeries()
 {
-    m_isRelayWaiting = !isRelayDone();
-    m_tail.clear();
-    if (!m_isRunning || m_isRelayWaiting)
+    if (!m_isRunning || m_client->isRelayWaiting())
         return;
     if (!m_parser->is_header_done())
         fail(502, QStringLiteral("the response ends within its header"));
     else if (m_parser->chunked())
         fail(502, QStringLiteral("the response is cut short: the relay follows chunks only under \"%1\"")
-                      .arg(QLatin1String(chunkedField)));
+                      .arg(QLatin1String(RelayClient::chunkedField)));
     else if (m_parser->need_eof())
         fail(502, QStringLiteral("the response does not say how long it is: %1 bytes came, and more may be missing")
                       .arg(m_taken));
@@ -227,8 +202,7 @@ void Exchange::endPart()
     if (!m_isFirst && m_taken < *m_length)
         return fetchRest(); // the web server gave less than the range that was asked for
     m_isRunning = false;
-    m_isRelayWaiting = !isRelayDone();
-    m_client->finish(!m_isRelayWaiting);
+    m_client->finish();
     emit finished();
 }
 
@@ -258,7 +232,7 @@ void Exchange::fetchRest()
         rest.set(http::field::if_range, m_head[http::field::last_modified]);
     m_isFirst = false;
     m_trafficBefore = traffic();
-    m_client->finish(isRelayDone());
+    m_client->finish();
     send(rest);
 }
 

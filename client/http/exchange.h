@@ -57,8 +57,6 @@ private:
     void send(const HttpRequest &request);
     void beginPart();
     void take(const QByteArray &bytes);
-    void watchRelay(const QByteArray &bytes);
-    bool isRelayDone() const;
     bool takeHead();
     bool isContinued(const HttpResponseHead &part) const;
     void takePartsBody();
@@ -73,8 +71,6 @@ private:
     QByteArray m_buffer;            // not yet understood
     bool m_isHeadTaken = false;     // of the present part
     bool m_isFirst = true;          // part
-    QByteArray m_tail;              // the last bytes of the relay's present read
-    bool m_isRelayWaiting = false;  // it has seen a chunked response begin, and not its end
     HttpResponseHead m_head;
     std::optional<quint64> m_length;
     quint64 m_start = 0;       // of the body within what it is a part of

@@ -1,5 +1,25 @@
-// The conversation: a ConnectRequest until its echo comes where the relay may hold something of ours, the request until
-// its confirmation comes, then packets, each confirmed as often as it comes.
+// The conversation: the request until its confirmation comes, then packets, each confirmed as often as it comes.
+//
+// Nothing ties an answer to its request but their order: the relay writes one request at a time to its link to the web
+// server, gives what is read next to the request at the head of its queue, takes that off when it has seen the end of
+// the response, and closes the link in the same step. So the request behind it is written to a fresh link, which owes
+// nobody an answer, and what comes back there is its own. Whoever has the relay forget a request that the web server
+// works on leaves an open link behind, and the next request to be written, whosever it is, gets that answer. Therefore:
+//
+// - A request that is given up stays in the relay's queue. Its packets are confirmed and thrown away; the next request
+//   waits its turn behind it. The relay is asked to forget (ConnectRequest) only where everything asked has been
+//   answered, or where no sign of an answer came for a minute, or no more of one in chunks for two seconds: then the
+//   web server has most likely closed the link, and the relay would wait for ever.
+// - After anything that leaves a doubt (given up, time-out, broken off, a start) two requests go ahead that harm
+// nobody,
+//   HEAD of a random path. The second one can only be answered when the first has been taken off the queue and its link
+//   closed, whatever answer the first one got. The states the relay can be in, and how each ends:
+//     - busy with a request of ours or another's: the two wait behind it;
+//     - a link that owes an answer nobody waits for: the first one gets it, or the rest of it, and the link is closed;
+//     - waiting for the end of chunks that never comes, with nothing owed: the first one is answered and stays at the
+//       head. When the second one is silent then, the relay is asked to forget both, and from there on before every
+//       request, until a chunked response has come to its end: that ends the relay's waiting too;
+//     - a head that nobody will answer: no sign, see above, and once more from the start.
 
 #include "client/relay/relayclient.h"
 
@@ -21,16 +41,20 @@ constexpr auto resendSpacing = 500ms;
 constexpr std::chrono::milliseconds reminder = 5s;     // a relay that was restarted has forgotten the request
 constexpr std::chrono::milliseconds pathPatience = 4s; // unconfirmed so long, the request has no path any more
 constexpr std::chrono::milliseconds leaveLimit = 3s;
-constexpr std::chrono::milliseconds packetMemory = 60s; // as long as the relay itself tells a packet from its like
-constexpr int mostSeen = 10000;                         // more than the relay sends in that time
-constexpr quint16 socketId = 1;                         // one request at a time needs no more
+constexpr std::chrono::milliseconds signLimit = 60s; // as long as web servers themselves wait for an application
+constexpr std::chrono::milliseconds chunkLimit = 2s; // what comes later is taken for no response by whoever gets it
+constexpr std::chrono::milliseconds secondProof = 1500ms; // behind the first; a HEAD takes a fraction of it
+constexpr std::chrono::milliseconds packetMemory = 60s;   // as long as the relay itself tells a packet from its like
+constexpr int mostSeen = 10000;                           // more than the relay sends in that time
+constexpr quint16 socketId = 1;                           // one request at a time needs no more
 } // namespace
 
 RelayClient::RelayClient(BoxPath *path, QString uuid, QString boxUuid, int timeout, QObject *parent)
     : QObject(parent), m_path(path), m_uuid(std::move(uuid)), m_boxUuid(std::move(boxUuid)), m_timeout(timeout),
-      m_messageId(static_cast<quint16>(QRandomGenerator::global()->generate()))
+      m_lastId(static_cast<quint16>(QRandomGenerator::global()->generate()))
 {
     m_clock.start();
+    m_sinceSign.start(); // a peer of the same name may have been at work until now
     m_resend.setInterval(resendSpacing);
     connect(&m_resend, &QTimer::timeout, this, &RelayClient::tick);
     connect(path, &BoxPath::received, this, &RelayClient::take);
@@ -46,23 +70,28 @@ RelayClient::RelayClient(BoxPath *path, QString uuid, QString boxUuid, int timeo
 
 QByteArray RelayClient::request(const QByteArray &http)
 {
-    return datagram::request(++m_messageId, socketId, m_uuid, m_boxUuid, http);
+    return datagram::request(++m_lastId, socketId, m_uuid, m_boxUuid, http);
+}
+
+/// HTTP/1.0, as no server answers that with chunks.
+QByteArray RelayClient::probe()
+{
+    const QByteArray path = QByteArray::number(QRandomGenerator::global()->generate64(), 16);
+    return request("HEAD /nat-peer-" + path + " HTTP/1.0\r\nHost: localhost\r\nUser-Agent: nat-peer\r\n\r\n");
 }
 
 void RelayClient::send(const QByteArray &httpRequest, bool mayRepeat)
 {
-    // While the web server works on an abandoned request, its answer would be taken for that to the next one. So a
-    // harmless one goes first: whatever comes, the relay closes its link to the web server behind it.
-    m_isFlushed = m_mayLinger && !m_mustClear;
-    m_flush = m_isFlushed ? request("HEAD / HTTP/1.0\r\nHost: localhost\r\n\r\n") : QByteArray();
     m_request = request(httpRequest);
+    m_messageId = m_lastId;
     m_mayRepeat = mayRepeat;
     m_series = {};
     m_taken = 0;
     m_traffic = {};
     m_seen.clear();
     m_sinceHeld.invalidate();
-    m_hasReopened = false;
+    m_sinceSend.start();
+    m_hasReopened = m_isCleared = false;
     if (m_path->isFresh())
         proceed();
     else
@@ -72,43 +101,66 @@ void RelayClient::send(const QByteArray &httpRequest, bool mayRepeat)
 /// The path is open: on with what comes before the request, if anything, or with the request.
 void RelayClient::proceed()
 {
-    if (!m_isClean)
+    const bool isHopeless = !m_isSure && isSilent();
+    if (!m_isCleared && (isHopeless || (m_isSure && (m_isRelayWaiting || m_isLeaving))))
         enter(State::Clearing);
+    else if (!m_isSure)
+        enter(State::Proving);
+    else if (m_isLeaving)
+        emit left();
     else
-        enter(m_flush.isEmpty() ? State::Requesting : State::Flushing);
+        enter(State::Requesting);
 }
 
-void RelayClient::finish(bool isRelayDone)
+/// Whether what was given up gave no sign of an answer for so long that there will be none.
+bool RelayClient::isSilent() const
 {
-    m_isClean = isRelayDone && !m_mustClear;
+    return m_sinceSign.hasExpired((m_isRelayWaiting ? chunkLimit : signLimit).count());
+}
+
+void RelayClient::finish()
+{
+    m_isAsked = false;
     enter(State::Idle);
 }
 
 void RelayClient::abandon()
 {
-    m_isClean = false;
-    m_mayLinger = true;
+    if (m_isAsked) { // what has not been sent leaves no doubt behind
+        m_isSure = false;
+        m_sinceSign.start();
+    }
+    m_isAsked = false;
     enter(State::Idle);
 }
 
 void RelayClient::leave()
 {
+    if (m_isLeaving)
+        return;
+    if (m_state != State::Idle)
+        abandon();
+    m_isLeaving = true;
+    m_isCleared = false;
+    QTimer::singleShot(leaveLimit, this, &RelayClient::left);
     if (m_path->isFresh())
-        enter(State::Leaving);
+        proceed();
     else
         emit left();
 }
 
 void RelayClient::enter(State state)
 {
-    if (m_state == State::Leaving)
-        return;
     m_state = state;
     m_sinceProgress.start();
     if (state == State::Idle)
         m_resend.stop();
     else
         m_resend.start();
+    if (state == State::Proving) {
+        m_proof = {};
+        m_proof.first = probe();
+    }
     if (state == State::Opening)
         m_path->open();
     else
@@ -119,12 +171,14 @@ void RelayClient::enter(State state)
 void RelayClient::transmit()
 {
     m_sinceTransmit.start();
-    if (m_state == State::Clearing || m_state == State::Leaving)
+    if (m_state == State::Clearing) {
         m_path->send(datagram::link(DatagramKind::ConnectRequest, m_uuid, m_boxUuid));
-    else if (m_state == State::Flushing)
-        m_path->send(m_flush);
-    else if (m_state == State::Requesting)
+    } else if (m_state == State::Proving) {
+        m_path->send(m_proof.second.isEmpty() ? m_proof.first : m_proof.second);
+    } else if (m_state == State::Requesting) {
+        m_isAsked = true;
         m_path->send(m_request);
+    }
 }
 
 void RelayClient::tick()
@@ -132,27 +186,48 @@ void RelayClient::tick()
     const auto isStuck = [this](std::chrono::milliseconds time) { return m_sinceProgress.hasExpired(time.count()); };
     if (m_state == State::Opening)
         return; // the path has its own limit
-    if (m_state == State::Leaving)
-        return isStuck(leaveLimit) ? emit left() : transmit();
-    if (isStuck(std::chrono::milliseconds(m_timeout)))
+    const bool isBefore = m_state == State::Proving || m_state == State::Clearing;
+    if (!m_isLeaving && isBefore && m_sinceSend.hasExpired(m_timeout))
+        return fail(Failure::NoAnswer,
+                    QStringLiteral("no answer: the box still waits for its web server's answer to an "
+                                   "earlier request"));
+    if (!m_isLeaving && !isBefore && isStuck(std::chrono::milliseconds(m_timeout)))
         return m_state == State::Receiving
                    ? fail(Failure::CutShort, QStringLiteral("the response is cut short, the rest does not come"))
                    : fail(Failure::NoAnswer, QStringLiteral("no answer to the request"));
 
-    const bool isHeld = m_state == State::Requesting && m_sinceHeld.isValid();
-    if (!isHeld && m_state != State::Receiving && !m_hasReopened && isStuck(pathPatience)) {
+    if (m_state == State::Proving)
+        tickProof();
+    const bool isHeld =
+        (m_state == State::Requesting && m_sinceHeld.isValid()) || (m_state == State::Proving && m_proof.isHeld);
+    const bool mayRepeat = m_mayRepeat || m_state == State::Proving;
+    if (!m_isLeaving && !isHeld && m_state != State::Receiving && !m_hasReopened && isStuck(pathPatience)) {
         m_hasReopened = true;
         enter(State::Opening);
-    } else if (!isHeld || (m_mayRepeat && m_sinceTransmit.hasExpired(reminder.count()))) {
+    } else if (!isHeld || (mayRepeat && m_sinceTransmit.hasExpired(reminder.count()))) {
         transmit();
+    }
+}
+
+void RelayClient::tickProof()
+{
+    if (isSilent()) {
+        m_isCleared = false;
+        return proceed();
+    }
+    // Answered and still at the head of the relay's queue: the relay waits for an end that will not come. Nothing that
+    // has been asked is unanswered, so that it may forget.
+    const bool isWhole =
+        m_proof.answer.startsWith("HTTP/1.") && m_proof.answer.indexOf("\r\n\r\n") == m_proof.answer.size() - 4;
+    if (isWhole && m_proof.isHeld && m_proof.sinceIt.hasExpired(secondProof.count())) {
+        m_isSure = m_isRelayWaiting = true;
+        m_isCleared = false;
+        proceed();
     }
 }
 
 void RelayClient::fail(Failure failure, const QString &reason)
 {
-    // Behind a request that only closes a link, this one should have been answered: the relay must be one that takes
-    // the response for an endless one, as it does after a page that looks like the beginning of chunks.
-    m_mustClear |= m_isFlushed && failure == Failure::NoAnswer && m_sinceHeld.isValid();
     abandon();
     emit failed(failure, reason);
 }
@@ -161,10 +236,10 @@ void RelayClient::take(const QByteArray &data)
 {
     const auto kind = static_cast<DatagramKind>(data.at(0));
     if (kind == DatagramKind::ConnectRequest && m_state == State::Clearing) {
-        m_isClean = true;
+        m_isCleared = true;
+        m_isRelayWaiting &= m_isSure; // or that is to be found out
+        m_sinceSign.start();
         proceed();
-    } else if (kind == DatagramKind::ConnectRequest && m_state == State::Leaving) {
-        emit left();
     } else if (kind == DatagramKind::Confirmation) {
         takeConfirmation(datagram::readInteger<quint16>(data, datagram::messageIdOffset));
     } else if (kind == DatagramKind::DataPacket && data.size() >= datagram::responsePayloadOffset) {
@@ -174,12 +249,16 @@ void RelayClient::take(const QByteArray &data)
 
 void RelayClient::takeConfirmation(quint16 messageId)
 {
-    if (m_state == State::Flushing && messageId == datagram::readInteger<quint16>(m_flush, datagram::messageIdOffset)) {
-        m_mayLinger = false;
-        m_flush.clear();
-        proceed();
-    } else if (m_state == State::Requesting && messageId == m_messageId && !m_sinceHeld.isValid()) {
+    const auto isOf = [messageId](const QByteArray &request) {
+        return datagram::readInteger<quint16>(request, datagram::messageIdOffset) == messageId;
+    };
+    if (m_state == State::Requesting && messageId == m_messageId && !m_sinceHeld.isValid()) {
         m_sinceHeld.start();
+    } else if (m_state == State::Proving && m_proof.second.isEmpty() && isOf(m_proof.first)) {
+        m_proof.second = probe();
+        transmit();
+    } else if (m_state == State::Proving && isOf(m_proof.second)) {
+        m_proof.isHeld = true;
     }
 }
 
@@ -190,6 +269,10 @@ void RelayClient::takePacket(const QByteArray &packet)
     // Always: the relay sends nothing else to anybody before this packet is confirmed.
     m_path->send(datagram::packetReceipt(header, m_uuid, m_boxUuid, slice));
 
+    m_sinceSign.start();
+    watchRelay(header, slice);
+    if (m_state == State::Proving)
+        return takeProof(header, slice);
     const bool isExpected = m_state == State::Requesting || m_state == State::Receiving;
     if (!isExpected || header.messageId != m_messageId)
         return;
@@ -202,6 +285,34 @@ void RelayClient::takePacket(const QByteArray &packet)
     m_traffic.packets++;
     m_traffic.bytes += slice.size();
     takeSlice(header, slice);
+}
+
+/// What the relay makes of each of its reads, whomever it is for: it looks for the beginning of chunks anywhere in it,
+/// and for their end in its last seven bytes, whatever the response really is.
+void RelayClient::watchRelay(const datagram::ResponseHeader &header, const QByteArray &slice)
+{
+    constexpr int endReach = 7;
+    const QByteArray seen = (header.index == 0 ? QByteArray() : m_tail) + slice;
+    m_isRelayWaiting |= seen.contains(chunkedField);
+    if (header.index + 1 == header.count && seen.right(endReach).contains("0\r\n\r\n"))
+        m_isRelayWaiting = false;
+    m_tail = seen.right(static_cast<int>(sizeof chunkedField) - 2);
+}
+
+void RelayClient::takeProof(const datagram::ResponseHeader &header, const QByteArray &slice)
+{
+    const auto isOf = [&header](const QByteArray &request) {
+        return !request.isEmpty() &&
+               datagram::readInteger<quint16>(request, datagram::messageIdOffset) == header.messageId;
+    };
+    if (isOf(m_proof.second)) {
+        m_isSure = true;
+        m_isRelayWaiting = false;
+        proceed();
+    } else if (isOf(m_proof.first)) {
+        m_proof.answer = header.count == 1 ? slice : QByteArray();
+        m_proof.sinceIt.start();
+    }
 }
 
 bool RelayClient::isRepeated(const QByteArray &packet)

@@ -12,7 +12,8 @@
 class BoxPath;
 
 /// The peer's side of the conversation: brings one HTTP request at a time to the box and confirms the packets of the
-/// response. Lives in the event loop of its thread and never blocks.
+/// response. Nothing reaches its caller but the answer to what it asked: where the relay may owe an answer to an
+/// earlier request, that is waited for first. Lives in the event loop of its thread and never blocks.
 class RelayClient : public QObject
 {
     Q_OBJECT
@@ -40,13 +41,19 @@ public:
     /// such methods idempotent), as it does when the relay is restarted meanwhile.
     void send(const QByteArray &httpRequest, bool mayRepeat);
 
-    /// Tells that the response is whole. `isRelayDone`: the relay knows that too, and goes on to the next request.
-    void finish(bool isRelayDone);
-    /// Gives the present request up: the next one begins by having the relay forget this one.
+    /// Tells that the response is whole.
+    void finish();
+    /// Gives the present request up. What still comes for it is taken in and thrown away.
     void abandon();
 
-    /// Has the relay forget what it holds for this peer, so that it resends nothing to a peer that has gone; left()
-    /// follows, also when the relay does not answer, and nothing else does.
+    /// Whether the relay waits for the end of a chunked response, as far as is known here: with it, and not before, it
+    /// goes on to the next request.
+    bool isRelayWaiting() const { return m_isRelayWaiting; }
+    /// What it takes for the beginning of chunks, in these letters and anywhere.
+    static constexpr char chunkedField[] = "Transfer-Encoding: chunked";
+
+    /// Takes in what the relay still has for this peer and has it forget the rest, so that it resends nothing to a peer
+    /// that has gone; left() follows, also when the relay does not answer, and nothing else does.
     void leave();
 
     const Traffic &traffic() const { return m_traffic; }
@@ -60,19 +67,24 @@ signals:
     void left();
 
 private:
-    enum class State { Idle, Opening, Clearing, Flushing, Requesting, Receiving, Leaving };
+    enum class State { Idle, Opening, Proving, Clearing, Requesting, Receiving };
 
     void take(const QByteArray &datagram);
     void takeConfirmation(quint16 messageId);
+    void takeProof(const datagram::ResponseHeader &header, const QByteArray &slice);
     void takePacket(const QByteArray &packet);
+    void watchRelay(const datagram::ResponseHeader &header, const QByteArray &slice);
     void takeSlice(const datagram::ResponseHeader &header, const QByteArray &slice);
     bool isRepeated(const QByteArray &packet);
     void tick();
+    void tickProof();
+    bool isSilent() const;
     void enter(State state);
     void proceed();
     void transmit();
     void fail(Failure failure, const QString &reason);
     QByteArray request(const QByteArray &http);
+    QByteArray probe();
 
     BoxPath *m_path;
     const QString m_uuid;
@@ -82,16 +94,27 @@ private:
     QElapsedTimer m_sinceProgress;
     QElapsedTimer m_sinceHeld; // the relay has confirmed the request; invalid: not yet
     QElapsedTimer m_sinceTransmit;
+    QElapsedTimer m_sinceSend;
+    QElapsedTimer m_sinceSign; // of an answer to something that was given up
     State m_state = State::Idle;
-    bool m_isClean = false;   // the relay holds nothing of this peer's but the present request
-    bool m_mayLinger = false; // the web server may still be at work on an abandoned request
-    bool m_mustClear = false; // the relay does not know the end of a response: clear before every request
+    bool m_isSure = false;         // the web server owes this peer nothing but the answer to the present request
+    bool m_isRelayWaiting = false; // for the end of chunks
+    QByteArray m_tail;             // the last bytes of the relay's present read
+    bool m_isAsked = false;        // the present request may be at the web server
+    bool m_isCleared = false;      // for the present request
+    bool m_isLeaving = false;
     bool m_mayRepeat = false;
-    bool m_isFlushed = false;   // the present request
     bool m_hasReopened = false; // the path, for the present request
-    quint16 m_messageId;
-    QByteArray m_flush; // datagrams
-    QByteArray m_request;
+    quint16 m_lastId;
+    quint16 m_messageId = 0; // of the present request
+    QByteArray m_request;    // datagram
+    struct {
+        QByteArray first; // datagrams; the second one is empty until the relay has the first
+        QByteArray second;
+        bool isHeld = false;   // the relay has the second
+        QByteArray answer;     // to the first, where that came as one packet
+        QElapsedTimer sinceIt; // invalid: none yet
+    } m_proof;
     datagram::ResponseHeader m_series = {}; // of the packet taken last
     quint32 m_taken = 0;                    // bytes of that series
     Traffic m_traffic;
