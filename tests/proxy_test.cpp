@@ -3,7 +3,56 @@
 #include "tests/support/programs.h"
 
 #include <QCryptographicHash>
+#include <QRandomGenerator>
 #include <QRegularExpression>
+#include <QTimer>
+
+namespace
+{
+/// A web server that answers one request after another as the path says: at once, late, in chunks, or breaking off within
+/// them. Every page is made of its own path.
+struct Site : WebServer {
+    Site()
+    {
+        QObject::connect(&clock, &QTimer::timeout, this, &Site::step);
+        clock.start(10);
+    }
+    static QByteArray page(const QByteArray &path)
+    {
+        QByteArray text;
+        for (int line = 0; line < 800; line++)
+            text += path + ' ' + QByteArray::number(line) + '\n';
+        return text;
+    }
+    void step()
+    {
+        const QByteArray path = parts.isEmpty() ? takeRequest().split(' ').value(1) : QByteArray();
+        if (!path.isEmpty()) {
+            const QByteArray text = page(path);
+            const QByteArray whole = "HTTP/1.1 200 OK\r\nContent-Length: " + QByteArray::number(text.size()) + "\r\n\r\n" + text;
+            const auto chunk = [](const QByteArray &part) { return QByteArray::number(part.size(), 16) + "\r\n" + part + "\r\n"; };
+            if (path.startsWith("/late"))
+                parts = QByteArrayList::fromVector(QVector<QByteArray>(30)) << whole;
+            else if (path.startsWith("/whole"))
+                parts = {whole};
+            else
+                parts = {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"};
+            for (int at = 0; parts.size() < 20 && !path.startsWith("/late") && !path.startsWith("/whole"); at += 3000)
+                parts << (at < text.size() ? chunk(text.mid(at, 3000)) : QByteArray()) << QByteArray();
+            if (path.startsWith("/chunks"))
+                parts.append("0\r\n\r\n");
+            breaksOff = path.startsWith("/broken");
+        }
+        if (!parts.isEmpty())
+            answer(parts.takeFirst());
+        if (parts.isEmpty() && std::exchange(breaksOff, false))
+            connection->abort();
+    }
+    QTimer clock;
+    QByteArrayList parts; // still to be sent, one every 10 ms
+    bool breaksOff = false;
+};
+} // namespace
 
 class ProxyTest : public QObject, Programs
 {
@@ -189,6 +238,30 @@ private slots:
         QVERIFY(request(web).startsWith("GET /second "));
         web.answer("HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nnew");
         QCOMPARE(body(answer(client)), "new");
+    }
+
+    void pagesGivenUpHarmNobody()
+    {
+        Site site;
+        startRelay();
+        startProxy({"--timeout", "10"});
+        QRandomGenerator random(20261125);
+        const QByteArrayList kinds{"/whole", "/late", "/chunks", "/broken"};
+        int whole = 0;
+        for (int i = 0; i < 25; i++) {
+            const QByteArray path = kinds.at(random.bounded(kinds.size())) + QByteArray::number(random.generate64(), 16);
+            const auto client = get(path);
+            const bool isGivenUp = path.startsWith("/broken") || random.bounded(2) == 0;
+            if (isGivenUp) {
+                QTest::qWait(random.bounded(400)); // the moment is what is tried
+                client->abort();
+            } else {
+                const QByteArray got = answer(client);
+                QVERIFY2(got.startsWith("HTTP/1.1 200 ") && body(got) == Site::page(path), got.left(300));
+                whole++;
+            }
+        }
+        QVERIFY(whole > 5);
     }
 
     void responsesThatLookLikeOthersDoNoHarm()

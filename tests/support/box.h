@@ -157,7 +157,7 @@ struct WebServer : QTcpServer {
     {
         while (hasPendingConnections())
             connection = nextPendingConnection();
-        const QByteArray bytes = connection != nullptr ? connection->readAll() : QByteArray();
+        const QByteArray bytes = connection != nullptr && connection->isOpen() ? connection->readAll() : QByteArray();
         if (!bytes.startsWith("HEAD /nat-peer-"))
             return bytes;
         probes++;
