@@ -157,7 +157,9 @@ struct WebServer : QTcpServer {
     {
         while (hasPendingConnections())
             connection = nextPendingConnection();
-        const QByteArray bytes = connection != nullptr && connection->isOpen() ? connection->readAll() : QByteArray();
+        if (connection == nullptr || !connection->isOpen())
+            return QByteArray();
+        const QByteArray bytes = connection->readAll();
         if (!bytes.startsWith("HEAD /nat-peer-"))
             return bytes;
         probes++;
