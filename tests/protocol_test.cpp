@@ -306,6 +306,7 @@ private slots:
         box.queue(Peer(), 1, 2, "x").lastSent = ago(3600000);
         box.relay->dropExpiredPackets();
         QCOMPARE(box.relay->udpQueue.size(), 2);
+        QCOMPARE(box.relay->udpQueue.first().package, 0);
     }
 
     void refusedSendsAreTriedAgain()
