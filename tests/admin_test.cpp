@@ -182,7 +182,8 @@ private slots:
             {"server_hostname", {"relay-1.example.net", "4pi"}, {"127.0.0.1", "0x7f000001", "a_b"}, "a host name like relay.example.net"},
             {"port", {}, {key}, "nat_server_update_interval"}};
         for (const auto &[name, right, wrong, complaint] : rows) {
-            for (const QByteArray &value : right + wrong) {
+            const auto values = right + wrong;
+            for (const QByteArray &value : values) {
                 const bool isRight = right.contains(value);
                 const QString before = setting(name);
                 const Result result = run({"set", name, value});

@@ -176,7 +176,7 @@ private slots:
         QProcess peer;
         startPeer(&peer, {"get", "/"});
         QVERIFY(awaitLog([this] { return log.count("debug NAT: Failed to write to TCP port") > 10; }));
-        const auto lag = [this](const char *from, const char *to) { return times(from).first().msecsTo(times(to).first()); };
+        const auto lag = [this](const char *from, const char *to) { return times(from).value(0).msecsTo(times(to).value(0)); };
         const qint64 first = lag("NAT Traverse started", "Worker loop started");
         const qint64 later = lag("Confirmation UDP msg sent", "error NAT: Failed to connect to local TCP port 80 (UDP Slot)");
         QVERIFY2(first >= 30000 && first < 40000 && later >= 2000 && later < 4000, log);
