@@ -40,11 +40,12 @@ FIGURE(duplicateTest, 200)->Arg(0)->Arg(600)->Arg(6000);
 
 void confirmation(benchmark::State &state)
 {
-    const QString peer = QString::fromLatin1(uuidOfPeer(0));
+    UDPHandler::RemoteClient peer;
+    peer.remoteUuid = QString::fromLatin1(uuidOfPeer(0));
     const int index = static_cast<int>(state.range(0)) - 1; // the packet at the end
     const QByteArray data =
         Peer(uuidOfPeer(0)).confirmation(1, 1, static_cast<quint32>(std::max(index, 0)), QByteArray(6999, 'x'));
-    overQueue(state, QStringLiteral("confirmation"), [&](RelayBox &box) { box.relay->takeConfirmation(data, peer); });
+    overQueue(state, QStringLiteral("confirmation"), [&](RelayBox &box) { box.relay->takeConfirmation(peer, data); });
 }
 FIGURE(confirmation, 200)->Arg(0)->Arg(600)->Arg(6000);
 } // namespace
