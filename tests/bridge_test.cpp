@@ -17,8 +17,7 @@ private slots:
     void requestsAreWrittenOneAtATime()
     {
         WebServer web;
-        Box box;
-        box.start();
+        StartedBox box;
         Peer peer;
         box.take(peer, peer.request(0x101, 1, "GET /1"));
         box.take(peer, peer.request(0x202, 2, QByteArray("GET\0/2", 6)));
@@ -41,8 +40,7 @@ private slots:
             {0, {0}}, {6999, {6999}}, {7000, {7000, 0}}, {7001, {7000, 1}}, {15000, {7000, 7000, 1000}}};
         for (const auto &[length, slices] : rows) {
             WebServer web;
-            Box box;
-            box.start();
+            StartedBox box;
             Peer peer;
             QVERIFY(deliver(box, web, peer, peer.request(0x1234, 0x11, "GET /")));
             Peer other(otherUuid);
@@ -78,8 +76,7 @@ private slots:
     void chunkedResponseTakesSeveralReads()
     {
         WebServer web;
-        Box box;
-        box.start();
+        StartedBox box;
         Peer peer;
         const auto &packets = box.relay->udpQueue;
         // In one read it may end as well, and in other letters it is none.
@@ -110,8 +107,7 @@ private slots:
     void bytesWithoutARequestAreDropped()
     {
         WebServer web;
-        Box box;
-        box.start();
+        StartedBox box;
         Peer peer;
         QVERIFY(deliver(box, web, peer, peer.request(5, 1, "GET /")));
         box.take(peer, peer.link(1)); // connects anew before the answer
@@ -129,8 +125,7 @@ private slots:
     void lostLinkKeepsTheRequest()
     {
         auto web = std::make_unique<WebServer>();
-        Box box;
-        box.start();
+        StartedBox box;
         Peer peer;
         QVERIFY(deliver(box, *web, peer, peer.request(5, 1, "GET /")));
         box.take(peer, peer.request(6, 1, "GET /next"));
@@ -150,8 +145,7 @@ private slots:
 
     void contentLengthIsRead()
     {
-        Box box;
-        box.start();
+        StartedBox box;
         for (const auto &[text, length] :
              {std::pair("HTTP/1.1 200 OK\r\nContent-Length: 1234\r\n\r\n", 1234), std::pair("Content-Length: 7\r\n", 7),
               std::pair("HTTP/1.1 200 OK\r\nContent-Length: 1234", 0), std::pair("HTTP\r\ncontent-length: 1\r\n", 0), std::pair("http", -1),

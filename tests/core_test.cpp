@@ -47,8 +47,7 @@ private slots:
 
     void companionSharesThePort()
     {
-        Box box;
-        box.start();
+        StartedBox box;
         QUdpSocket server;
         QVERIFY(server.bind(QHostAddress(QHostAddress::LocalHost), 7000));
         const auto address = [](quint16 port, quint32 host) { return sockaddr_in{AF_INET, htons(port), {htonl(host)}, {}}; };
@@ -77,8 +76,7 @@ private slots:
     void turnHasItsOrder()
     {
         const WebServer web;
-        Box box;
-        box.start({peerUuid, otherUuid, strangerUuid});
+        StartedBox box({peerUuid, otherUuid, strangerUuid});
         Peer peer(strangerUuid);
         box.sql("UPDATE nat_traverse SET status = 2 WHERE remote_uuid = '" + peerUuid + "'"); // to connect to, in this very turn
         box.client(otherUuid).lastSeen = ago(60001);
@@ -109,8 +107,7 @@ private slots:
 
     void timeStampsAreThoseOfTheEnd()
     {
-        Box box;
-        box.start();
+        StartedBox box;
         box.addPeer(strangerUuid, 2); // a new one is worth a line
         qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &context, const QString &message) {
             QThread::msleep(20); // every line is told before its duty has ended
@@ -180,8 +177,7 @@ private slots:
 
     void registrationTellsFreshSettings()
     {
-        Box box;
-        box.start();
+        StartedBox box;
         QUdpSocket server;
         QUdpSocket server6;
         QVERIFY(server.bind(QHostAddress("127.0.0.1"), 7000) && server6.bind(QHostAddress("::1"), 7000));

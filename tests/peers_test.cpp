@@ -120,8 +120,7 @@ private slots:
 
     void discoveryEntersAndRemovesPeers()
     {
-        Box box;
-        box.start();
+        StartedBox box;
         Peer peer(strangerUuid, "192.0.2.1"); // another address than the one it writes to
         const auto &clients = box.relay->remoteClients;
         const QString line = "info Local client connected through UDP discover. Host: 192.0.2.1 UUID: " + strangerUuid;
@@ -155,8 +154,7 @@ private slots:
     {
         bool isStampedAtItsEnd = false; // what the turn does behind a burst is shorter, unless something else interferes
         for (const auto &[port, portRemote] : {std::pair(4000, 100), std::pair(-1, 30000), std::pair(65534, -1)}) {
-            Box box;
-            box.start();
+            StartedBox box;
             const Capture capture;
             box.client(otherUuid).status = 2; // left alone
             box.client().status = 3;
@@ -189,8 +187,7 @@ private slots:
 
     void attemptsEndAfterTheLimit()
     {
-        Box box;
-        box.start();
+        StartedBox box;
         box.client().status = 3;
         for (int burst = 0; burst < 3; burst++) { // one more than the limit of 2
             QCOMPARE(int(box.client().status), 3);
@@ -225,8 +222,7 @@ private slots:
 
     void silentPeersTimeOut()
     {
-        Box box;
-        box.start({peerUuid, otherUuid, strangerUuid});
+        StartedBox box({peerUuid, otherUuid, strangerUuid});
         for (const QByteArray &uuid : {peerUuid, otherUuid, strangerUuid})
             box.relay->setConnectionStatus(ConnectionStatus::Connected, uuid);
         box.client().lastSeen = ago(59800);
@@ -244,8 +240,7 @@ private slots:
         for (const quint8 status : {quint8(3), quint8(1)}) { // the peer before takes its time: by its burst, or by its end
             bool isSilentMeanwhile = false;
             for (int attempt = 0; attempt < 20 && !isSilentMeanwhile; attempt++) {
-                Box box;
-                box.start({peerUuid, otherUuid, strangerUuid});
+                StartedBox box({peerUuid, otherUuid, strangerUuid});
                 qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &message) {
                     QThread::msleep(message.contains("timeouted") ? 10 : 0);
                 });

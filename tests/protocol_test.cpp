@@ -28,10 +28,6 @@ QStringList uuidsByTheRule(const QByteArray &data)
         found[i] = uuid.cap(1);
     return found;
 }
-
-struct StartedBox : Box {
-    StartedBox() { start(); }
-};
 } // namespace
 
 class ProtocolTest : public QObject
@@ -48,12 +44,6 @@ private slots:
                                                     "26751f67a3cbb140b1808cf187a4f4dfc04b05357c5d1c0eeac4c66f9ff7f2e6");
         QCOMPARE(cipher::encipher(plain, testKey, iv), enciphered);
         QCOMPARE(cipher::decipher(enciphered, testKey, iv), plain);
-        StartedBox box;
-        for (const int length : {0, 1, 15, 16, 17, 7089}) {
-            const QByteArray text(length, 'x');
-            QCOMPARE(box.relay->encryptMessage(text), Peer::crypt(text, true));
-            QCOMPARE(box.relay->decryptMessage(Peer::crypt(text, true)), text);
-        }
         for (const int length : {0, 15, 17, 32}) { // of key or IV: talk in plain
             QCOMPARE(cipher::encipher(plain, QByteArray(length, 'k'), iv), plain);
             QCOMPARE(cipher::decipher(plain, testKey, QByteArray(length, 'i')), plain);
@@ -78,7 +68,6 @@ private slots:
             QVERIFY2(box.relay->wrapUUID(data) == expected, data.toHex());
         }
         QVERIFY(pairs > 500); // the material is worth something
-        QCOMPARE(box.relay->wrapUUID(peerUuid + boxUuid + otherUuid), QStringList({peerUuid, boxUuid}));
         QCOMPARE(box.relay->wrapUUID(QByteArray(2, '\0') + peerUuid + '\0' + boxUuid), QStringList({peerUuid, ""}));
     }
 
@@ -91,7 +80,6 @@ private slots:
         const QByteArray connect = "\x01" + boxUuid + peerUuid;
         const QByteArray alive = "\x03" + boxUuid + peerUuid;
         const QByteArray nothing;
-        enum { Plain, Enciphered, Both };
         const QList<std::tuple<const char *, QByteArray, bool, QByteArray, bool, bool>> rows{
             // sent, enciphered, answer, enciphered, from a known peer
             {"connect", sender.link(1), true, connect, true, true},
@@ -163,16 +151,13 @@ private slots:
         QCOMPARE(logged("debug Added to TCP queue id: 7 socket: 1 Queue size: 2"), 1);
         QCOMPARE(logged("debug Confirmation UDP msg sent! Msgid: 7"), 2);
         QCOMPARE(requests.at(1)->data, "one");
-        box.take(other, other.request(7, 3, "another peer's"));
-        box.take(peer, peer.request(8, 4, "another id"));
-        QCOMPARE(requests.size(), 4);
-        box.queue(peer, 9, 0, "answered a moment ago", true).lastSent = ago(59000);
+        box.queue(peer, 9, 0, "answered a moment ago", true);
         box.take(peer, peer.request(9, 5, "again"));
-        QCOMPARE(requests.size(), 4);
-        QCOMPARE(logged("Msgid: 9"), 1);
-        QCOMPARE(logged("debug UDP request recv id: 9 socket: 5"), 1);
-        box.take(peer, peer.request(10, 5, "while another is answered"));
-        box.take(other, other.request(9, 5, "another peer's"));
+        QVERIFY(requests.size() == 2 && logged("Msgid: 9") == 1 && logged("debug UDP request recv id: 9 socket: 5") == 1);
+        for (const int id : {7, 9})
+            box.take(other, other.request(quint32(id), 3, "another peer's"));
+        for (const int id : {8, 10})
+            box.take(peer, peer.request(quint32(id), 4, "another id"));
         QCOMPARE(requests.size(), 6);
         QVERIFY(requests.last()->client.lastSeen.isValid() && requests.last()->client.status == 1);
         box.take(peer, peer.link(3));
@@ -186,9 +171,8 @@ private slots:
         Peer peer;
         box.queue(peer, 0, 0, "").lastSent = ago(0);
         for (int kind = 0; kind < 256; kind++) { // of what is none of its kinds nothing comes
-            const QByteArray data = char(kind) + peer.confirmation(0, 1, 0, "").mid(1);
             if (!QList<int>{1, 3, 9, 10}.contains(kind))
-                box.take(peer, data);
+                box.take(peer, char(kind) + peer.confirmation(0, 1, 0, "").mid(1));
         }
         QVERIFY(peer.receive().isNull() && box.relay->tcpQueue.isEmpty() && logLines().size() == 1); // it is connected
         QVERIFY(box.relay->udpQueue.size() == 1 && !box.relay->udpQueue.first().confirmed);

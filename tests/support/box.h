@@ -44,17 +44,11 @@ struct Box {
         const QList<QByteArray> statements = schema.readAll().split(';').mid(0, 2);
         for (const QByteArray &statement : statements)
             sql(statement);
-        set({{"nat_udpport", "5000"},
-             {"nat_udpportdiscover", "5001"},
-             {"nat_server_udpport", "7000"},
-             {"nat_tcpport", "8088"},
-             {"nat_maxconnecttries", "2"},
-             {"nat_connectioninterval", "60000"},
-             {"nat_server_update_interval", "300"},
-             {"server_hostname", "rendezvous.example"},
-             {"aes_key", testKey.toHex()},
-             {"aes_iv", testIv.toHex()}});
-        sql("INSERT INTO settings VALUES ('uuid', '" + boxUuid + "', 'Hq4TbWn8LpRe2KsV')");
+        sql("INSERT INTO settings VALUES ('uuid', '" + boxUuid + "', 'Hq4TbWn8LpRe2KsV'), ('aes_key', '" + testKey.toHex() +
+            "', ''), ('aes_iv', '" + testIv.toHex() +
+            "', ''), ('nat_udpport', '5000', ''), ('nat_udpportdiscover', '5001', ''), ('nat_tcpport', '8088', ''),"
+            "('nat_server_udpport', '7000', ''), ('server_hostname', 'rendezvous.example', ''), ('nat_maxconnecttries', '2', ''),"
+            "('nat_connectioninterval', '60000', ''), ('nat_server_update_interval', '300', '')");
     }
     ~Box()
     {
@@ -147,6 +141,10 @@ struct Box {
     std::unique_ptr<UDPHandler> relay;
     QTemporaryDir folder;
     QSqlDatabase store;
+};
+
+struct StartedBox : Box {
+    explicit StartedBox(const QList<QByteArray> &peers = {peerUuid, otherUuid}) { start(peers); }
 };
 
 /// A web server on port 80 that says what the test wants, in as many writes as it wants.

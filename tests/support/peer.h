@@ -21,9 +21,9 @@ inline QByteArray wire(quint32 value, int bytes)
 
 /// A peer that computes every byte by itself, with another crypto library than the relay's.
 struct Peer {
-    explicit Peer(const QByteArray &own = peerUuid, const char *address = "127.0.0.1") : uuid(own)
+    explicit Peer(const QByteArray &own = peerUuid, const char *address = "127.0.0.1", quint16 port = 0) : uuid(own)
     {
-        socket.bind(QHostAddress(address), 0);
+        socket.bind(QHostAddress(address), port);
     }
 
     static QByteArray crypt(QByteArray text, bool encrypt)
