@@ -139,7 +139,7 @@ private slots:
             {"nat_connectioninterval", "4294967297", number(&UDPHandler::connectionInterval), "0"},
             {"aes_iv", "0102030400060708", bytes(&UDPHandler::aesIv), "01020304"}, // ends at its zero
             {"aes_iv", "00112233445566778899aabbccddeeff", bytes(&UDPHandler::aesIv), ""},
-            {"aes_key", "00ff1:2 3", bytes(&UDPHandler::aesKey), "00ff0123"}}; // keeps its zeros
+            {"aes_key", "00ff01:2 3", bytes(&UDPHandler::aesKey), "00ff0123"}}; // keeps its zeros
         for (const auto &[name, stored, field, expected] : rows) {
             Box box;
             box.start().set({{name, stored}});
