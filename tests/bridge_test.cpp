@@ -91,15 +91,13 @@ private slots:
         // The header counts wherever it stands, the end only in the last seven bytes of a read; short reads count whole.
         for (const QByteArray &bytes : {QByteArray("HTTP/1.1 200 OK\r\n\r\nTransfer-Encoding: chunked"), QByteArray(7000, 'c'),
                                         QByteArray("0\r\n\r\nabc"), QByteArray("0\r\n\r"), QByteArray("c0\r\n\r\nab")}) {
-            QVERIFY(!web.isClosed());
-            QCOMPARE(box.relay->tcpQueue.size(), 1);
+            QVERIFY(!web.isClosed() && box.relay->tcpQueue.size() == 1);
             web.answer(bytes);
-            count += bytes.size() / 7000 + 1;
+            const int last = bytes.size() / 7000;
+            count += last + 1;
             QVERIFY(box.turnUntil([&] { return packets.size() == count; }));
-            QCOMPARE(packets.last().msgId, 5);
-            QCOMPARE(packets.last().package, bytes.size() / 7000);
-            QCOMPARE(packets.last().data.mid(5, 4) + packets.last().data.mid(89),
-                     wire(quint32(bytes.size()), 4) + bytes.mid(7000 * (bytes.size() / 7000)));
+            QVERIFY(packets.last().msgId == 5 && packets.last().package == last);
+            QCOMPARE(packets.last().data.mid(5, 4) + packets.last().data.mid(89), wire(quint32(bytes.size()), 4) + bytes.mid(7000 * last));
         }
         QVERIFY(box.relay->tcpQueue.isEmpty() && box.turnUntil([&] { return web.isClosed(); }));
     }
@@ -146,10 +144,8 @@ private slots:
     void contentLengthIsRead()
     {
         StartedBox box;
-        for (const auto &[text, length] :
-             {std::pair("HTTP/1.1 200 OK\r\nContent-Length: 1234\r\n\r\n", 1234), std::pair("Content-Length: 7\r\n", 7),
-              std::pair("HTTP/1.1 200 OK\r\nContent-Length: 1234", 0), std::pair("HTTP\r\ncontent-length: 1\r\n", 0), std::pair("http", -1),
-              std::pair("Content-Length: x\r\n", -1)})
+        for (const auto &[text, length] : {std::pair("HTTP Content-Length: 1234\r\n", 1234), std::pair("HTTP Content-Length: 1", 0),
+                                           std::pair("HTTP content-length: 1\r\n", 0), std::pair("Content-Length: x\r\n", -1)})
             QCOMPARE(box.relay->getHttpContentLength(text), length);
     }
 };

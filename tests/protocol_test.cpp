@@ -204,11 +204,9 @@ private slots:
             box.queue(*sender, 100, box.relay->udpQueue.size(), "x", box.relay->udpQueue.size() == 2);
         }
         box.take(peer, peer.link(1));
-        QList<std::pair<int, int>> kept; // in their order
-        for (int i = 0; i < std::min(box.relay->tcpQueue.size(), box.relay->udpQueue.size()); i++)
-            kept.append({box.relay->tcpQueue.at(i)->msgId, box.relay->udpQueue.at(i).package});
-        QCOMPARE(kept, (QList<std::pair<int, int>>{{1, 1}, {3, 3}, {5, 5}}));
         QVERIFY(box.relay->tcpQueue.size() == 3 && box.relay->udpQueue.size() == 3);
+        for (int i = 0; i < 3; i++) // the other peer's, in their order
+            QVERIFY(box.relay->tcpQueue.at(i)->msgId == 2 * i + 1 && box.relay->udpQueue.at(i).package == 2 * i + 1);
     }
 
     void packetsGoOneAtATimeUntilConfirmed()
@@ -227,10 +225,9 @@ private slots:
         packets[0].lastSent = ago(480);
         const QDateTime due = packets.at(0).lastSent.addMSecs(500);
         QCOMPARE(box.reply(other).mid(89), "first");
-        QVERIFY(QDateTime::currentDateTime() > due);
+        QVERIFY(QDateTime::currentDateTime() > due && packets.at(0).tries == 2);
         QVERIFY(peer.receive().isNull()); // the other peer's packet holds it back
-        QCOMPARE(packets.at(0).tries, 2);
-        packets[0].lastSent = ago(540); // nor much later than that
+        packets[0].lastSent = ago(540);   // nor much later than that
         box.turns(1);
         QCOMPARE(packets.at(0).tries, 3);
         packets[0].confirmed = true;

@@ -126,15 +126,9 @@ struct Box {
     /// Queues a response packet for the peer, as the relay would have.
     UDPHandler::UdpMessage &queue(const Peer &peer, int id, int index, const QByteArray &slice, bool confirmed = false) const
     {
-        UDPHandler::UdpMessage packet;
-        packet.client = client(peer.uuid);
-        packet.client.udpPortRemote = peer.socket.localPort();
-        packet.data = QByteArray(89, 'h') + slice;
-        packet.msgId = id;
-        packet.package = index;
-        packet.checksum = Peer::checksum(slice);
-        packet.confirmed = confirmed;
-        relay->udpQueue.append(packet);
+        const QByteArray data = QByteArray(89, 'h') + slice;
+        relay->udpQueue.append({client(peer.uuid), data, false, id, index, QDateTime(), Peer::checksum(slice), 0, confirmed});
+        relay->udpQueue.last().client.udpPortRemote = peer.socket.localPort();
         return relay->udpQueue.last();
     }
 
