@@ -82,9 +82,7 @@ private slots:
 
     void pagesArriveByteForByte()
     {
-        QByteArray page;
-        for (int line = 0; page.size() < 1000000; line++)
-            page += "line " + QByteArray::number(line) + '\n';
+        const QByteArray page = Programs::page("line", 90000);
         write("pages/chunked", page);
         write("pages/short.html", "<p>short</p>");
         startNginx();
@@ -243,7 +241,6 @@ private slots:
             {peerUuid, boxUuid, get, "must be the peer's own"},
             {"\n", "\n", {"--config", "/no/such.ini", "get", "/"}, "/no/such.ini: No such file or directory"},
             {"\n", "\n", {"/"}, "use nat-peer --config peer.ini get /path"},
-            {"\n", "\n", {"serve", "/"}, "use nat-peer --config peer.ini get /path"},
             {"\n", "\n", {"--listen", "8080", "serve"}, "--listen must be an address and a port, like 127.0.0.1:8080"},
             {"\n", "\n", {"--listen", "127.0.0.1:4000", "serve"}, "cannot listen on 127.0.0.1:4000: The bound address is already in use"},
             {"\n", "\n", {"--udp-port", "5000", "get", "/"}, "UDP port 5000 cannot be used"},

@@ -17,13 +17,7 @@ struct Site : WebServer {
         QObject::connect(&clock, &QTimer::timeout, this, &Site::step);
         clock.start(10);
     }
-    static QByteArray page(const QByteArray &path)
-    {
-        QByteArray text;
-        for (int line = 0; line < 800; line++)
-            text += path + ' ' + QByteArray::number(line) + '\n';
-        return text;
-    }
+    static QByteArray page(const QByteArray &path) { return Programs::page(path, 800); }
     void step()
     {
         const QByteArray path = parts.isEmpty() ? takeRequest().split(' ').value(1) : QByteArray();
@@ -87,25 +81,18 @@ class ProxyTest : public QObject, Programs
         return isClosed ? client->readAll() : QByteArray("(does not end)");
     }
     static QByteArray body(const QByteArray &response) { return response.mid(response.indexOf("\r\n\r\n") + 4); }
-    /// What the web server is asked next.
-    static QByteArray request(WebServer &web)
+    /// What the web server is asked next; answers what does not hold the wanted.
+    static QByteArray request(WebServer &web, const QByteArray &wanted = QByteArray())
     {
         QByteArray bytes;
-        const bool isWhole = QTest::qWaitFor([&] { return (bytes += web.takeRequest()).contains("\r\n\r\n"); }, 15000);
-        return isWhole ? bytes : QByteArray();
-    }
-
-    /// Waits for this request, and answers all others.
-    static bool awaitRequest(WebServer &web, const QByteArray &wanted)
-    {
-        return QTest::qWaitFor(
-            [&] {
-                const QByteArray bytes = web.takeRequest();
-                if (!bytes.isEmpty() && !bytes.contains(wanted))
-                    web.answer("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
-                return bytes.contains(wanted);
-            },
-            15000);
+        const auto isAsked = [&] {
+            bytes += web.takeRequest();
+            const bool isWhole = bytes.contains("\r\n\r\n");
+            if (isWhole && !bytes.contains(wanted))
+                web.answer("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"), bytes.clear();
+            return isWhole && !bytes.isEmpty();
+        };
+        return QTest::qWaitFor(isAsked, 15000) ? bytes : QByteArray();
     }
 
 private slots:
@@ -118,9 +105,7 @@ private slots:
 
     void longPagesArriveWhole()
     {
-        QByteArray page;
-        for (int line = 0; page.size() < 1000000; line++)
-            page += "line " + QByteArray::number(line) + '\n';
+        const QByteArray page = Programs::page("line", 90000);
         write("pages/page.txt", page);
         write("pages/chunked", page);
         startNginx();
@@ -163,31 +148,24 @@ private slots:
     void whatCannotBeDoneIsSaid()
     {
         const QByteArray ok = "HTTP/1.1 200 OK\r\nContent-Length: 9\r\nETag: \"1\"\r\n\r\nshort";
+        const QByteArray page = "GET / HTTP/1.1\r\nConnection: close\r\n\r\n";
+        const QByteArray form = "POST / HTTP/1.1\r\nConnection: close\r\nContent-Length: ";
         const QList<std::tuple<QByteArray, QByteArrayList, QByteArray, QByteArray>> rows{
             // asked, answers of the web server, status, reason
             {"GARBAGE\r\n\r\n", {}, "400", "this is no HTTP request"},
             {"CONNECT box:443 HTTP/1.1\r\nConnection: close\r\n\r\n", {}, "501", "this is a way to one box"},
-            {"POST / HTTP/1.1\r\nContent-Length: 65427\r\n\r\n" + QByteArray(65427, 'x'), {}, "413", "must fit into 65426 bytes"},
-            {"POST / HTTP/1.1\r\nConnection: close\r\nContent-Length: 65400\r\n\r\n" + QByteArray(65400, 'x'),
-             {},
-             "413",
-             "must fit into 65426"},
+            {form + "65427\r\n\r\n" + QByteArray(65427, 'x'), {}, "413", "must fit into 65426 bytes"},
+            {form + "65400\r\n\r\n" + QByteArray(65400, 'x'), {}, "413", "must fit into 65426"},
             {"GET / HTTP/1.1\r\nX: " + QByteArray(40000, 'x') + "\r\n\r\n", {}, "431", "must fit into 32768 bytes"},
-            {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n",
-             {"HTTP/1.1 200 OK\r\n\r\nunsized"},
-             "502",
-             "does not say how long it is: 7 bytes"},
-            {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n", {ok, ok}, "502", "delivered 5 of 9 bytes, and its web server gives no ranges"},
-            {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n",
+            {page, {"HTTP/1.1 200 OK\r\n\r\nunsized"}, "502", "does not say how long it is: 7 bytes"},
+            {page, {ok, ok}, "502", "delivered 5 of 9 bytes, and its web server gives no ranges"},
+            {page,
              {ok, "HTTP/1.1 206 Partial\r\nContent-Range: bytes 5-8/10\r\nContent-Length: 4\r\nETag: \"1\"\r\n\r\nrest"},
              "502",
              "delivered 5 of 9 bytes"},
-            {"POST / HTTP/1.1\r\nConnection: close\r\nContent-Length: 0\r\n\r\n",
-             {ok},
-             "502",
-             "delivered 5 of 9 bytes, and there is no way"},
-            {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n", {"SSH-2.0-box\r\n"}, "502", "the answer is no HTTP response"},
-            {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n", {""}, "504", "no answer to the request"}};
+            {form + "0\r\n\r\n", {ok}, "502", "delivered 5 of 9 bytes, and there is no way"},
+            {page, {"SSH-2.0-box\r\n"}, "502", "the answer is no HTTP response"},
+            {page, {""}, "504", "no answer to the request"}};
         WebServer web;
         startRelay();
         for (const auto &[asked, answers, status, reason] : rows) {
@@ -299,7 +277,7 @@ private slots:
         startProxy({"--timeout", "2"});
         for (int time = 0; time < 5; time++) {
             const auto client = ask("GET /1 HTTP/1.1\r\nHost: x\r\n\r\nGET /2 HTTP/1.1\r\nHost: x\r\n\r\n");
-            QVERIFY(awaitRequest(web, "GET /1 "));
+            QVERIFY(!request(web, "GET /1 ").isEmpty());
             web.answer("HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n1");
             QVERIFY(time % 2 == 0 || QTest::qWaitFor([&] { return client->bytesAvailable() > 0; }, 15000));
             client->abort();
@@ -311,7 +289,7 @@ private slots:
         QVERIFY(nft({"delete table inet mtu"}));
         QVERIFY2(reply.startsWith("HTTP/1.1 504 "), reply);
         const auto last = get("/last");
-        QVERIFY(awaitRequest(web, "GET /last "));
+        QVERIFY(!request(web, "GET /last ").isEmpty());
         web.answer("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nlast");
         QCOMPARE(body(answer(last)), "last");
         relay.reset();

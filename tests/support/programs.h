@@ -41,6 +41,14 @@ struct Programs {
         if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size())
             qFatal("cannot write");
     }
+    /// Lines that differ from one another.
+    static QByteArray page(const QByteArray &word, int lines)
+    {
+        QByteArray text;
+        for (int line = 0; line < lines; line++)
+            text += word + ' ' + QByteArray::number(line) + '\n';
+        return text;
+    }
     bool awaitLog(const std::function<bool()> &condition)
     {
         return QTest::qWaitFor([&] { return log += relay->readAllStandardError(), condition(); }, 10000);
