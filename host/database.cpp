@@ -44,8 +44,8 @@ class Connection
 public:
     explicit Connection(QString name) : m_name(std::move(name)) {}
 
-    /// Runs one statement, opening the store where that is needed. No rows on failure, which is then reported.
-    Rows run(const QString &sql, const QList<QString> &params);
+    /// Runs one statement, opening the store where that is needed. Nothing on failure, which is then reported.
+    std::optional<Rows> run(const QString &sql, const QList<QString> &params);
 
 private:
     using Outcome = std::optional<Failure>; // none: it worked
@@ -68,10 +68,10 @@ private:
     QHash<QString, QSqlQuery> m_statements;
 };
 
-Rows Connection::run(const QString &sql, const QList<QString> &params)
+std::optional<Rows> Connection::run(const QString &sql, const QList<QString> &params)
 {
     if (StoreHealth::instance().isResting(m_name))
-        return {};
+        return std::nullopt;
 
     QElapsedTimer duration;
     duration.start();
@@ -79,9 +79,9 @@ Rows Connection::run(const QString &sql, const QList<QString> &params)
     if (const Outcome failure = attempt(sql, params, &rows)) {
         close(); // the next use begins afresh, whatever was wrong
         StoreHealth::instance().failed(m_name, *failure, m_store.shown, duration.elapsed());
-    } else {
-        StoreHealth::instance().worked(m_name, m_store.shown);
+        return std::nullopt;
     }
+    StoreHealth::instance().worked(m_name, m_store.shown);
     return rows;
 }
 
@@ -243,12 +243,18 @@ Database::Database(QString connectionName) : m_name(std::move(connectionName)) {
 
 Database::~Database() = default;
 
+/// A store that does not answer changes no value: a relay that took its key for gone would send in clear. What the
+/// store said last counts for the whole process, whichever connection asked. A value that was deleted is empty at once.
 QString Database::getSetting(QString name, QString accessKey)
 {
-    const auto rows = performQueryWithResult(
+    static auto &lastRead = *new QHash<QStringList, QString>;
+    QString &value = lastRead[{qEnvironmentVariable("BOX_DATABASE"), name, accessKey}];
+    const auto rows = connectionNamed(m_name).run(
         QStringLiteral("SELECT value FROM `box`.`settings` WHERE name = ? AND access_key IN ('', ?)"),
-        {name, accessKey}, accessKey);
-    return rows.isEmpty() ? QString() : rows.constFirst().constFirst();
+        {name, accessKey});
+    if (rows)
+        value = rows->isEmpty() ? QString() : rows->constFirst().constFirst();
+    return value;
 }
 
 void Database::performQuery(QString sql, QList<QString> params, QString accessKey)
@@ -259,5 +265,5 @@ void Database::performQuery(QString sql, QList<QString> params, QString accessKe
 QList<QVector<QString>> Database::performQueryWithResult(QString sql, QList<QString> params, QString accessKey)
 {
     Q_UNUSED(accessKey) // protects single settings; the tables are open to whoever can open the store
-    return connectionNamed(m_name).run(sql, params);
+    return connectionNamed(m_name).run(sql, params).value_or(Rows());
 }

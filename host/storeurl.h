@@ -5,7 +5,7 @@
 /// Where the store is.
 struct StoreUrl {
     QString error;  // not empty: the text names no store; says what is wrong and what would be right
-    QString shown;  // for messages: without a password
+    QString shown;  // for messages: nothing that may hold a password
     QString driver; // of Qt SQL
     QString path;   // SQLite: the file
     QString host;   // MariaDB from here on

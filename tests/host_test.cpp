@@ -34,7 +34,12 @@ class HostTest : public QObject
                                  "INSERT INTO nat_traverse VALUES (1, '::1', 'u', 2, 3, 4, 5)"});
         QVERIFY(sqlite.waitForFinished() && sqlite.exitCode() == 0);
     }
-    static QString read() { return Database("Reader").getSetting("open", ""); }
+    static QString setting() { return Database("Settings").getSetting("open", ""); }
+    static QString read()
+    {
+        const char *sql = "SELECT value FROM `box`.`settings` WHERE name = 'open'";
+        return Database("Reader").performQueryWithResult(sql, {}, "").value(0).value(0);
+    }
     static void write(const QString &use = "Writer")
     {
         Database(use).performQuery("UPDATE `box`.`settings` SET value = ? WHERE name = ?", {"new", "open"}, "");
@@ -104,11 +109,11 @@ private slots:
     {
         for (const auto &[state, url, path, port] :
              {std::tuple("", "", "/var/lib/nat-relayd/box.sqlite", 0), std::tuple("/first:/second", "", "/first/box.sqlite", 0),
-              std::tuple("/first", "sqlite:/other", "/other", 0), std::tuple("/first", "mysql://box@host/box", "", 3306),
-              std::tuple("/first", "mysql://box@host:3307/box", "", 3307)}) {
+              std::tuple("/first", "sqlite:/other", "/other", 0), std::tuple("/first", "mysql://box@host/box?password=12", "", 3306),
+              std::tuple("/first", "mysql://box:12@host:3307/box#12", "", 3307), std::tuple("", "mysql://box:12/x@host/box", "", 12)}) {
             qputenv("STATE_DIRECTORY", state);
             const StoreUrl store = StoreUrl::parse(url);
-            QVERIFY2(store.path == path && store.port == port, url);
+            QVERIFY2(store.path == path && store.port == port && !store.shown.contains("12"), url);
         }
         qunsetenv("STATE_DIRECTORY");
     }
@@ -123,6 +128,10 @@ private slots:
                                             std::pair("locked", ""), std::pair("locked", "other"), std::pair("OPEN", "")})
                 values += Database("Settings").getSetting(name, key);
             QCOMPARE(values, QStringList({"first", "first", "secret", "", "", ""}));
+            for (const auto &[from, to] : {std::pair("open", "gone"), std::pair("gone", "open")}) {
+                Database("Writer").performQuery("UPDATE `box`.`settings` SET name = ? WHERE name = ?", {to, from}, "");
+                QCOMPARE(setting(), QByteArray(to) == "open" ? "first" : "");
+            }
             const QString update = "UPDATE `box`.`nat_traverse` SET status = ? WHERE remote_uuid = ?;";
             Database("SetStatus").performQuery(update, {"3", "nobody"}, "key");
             Database("SetStatus").performQuery(update, {"1", "u"}, "key"); // with the prepared statement of the first
@@ -148,7 +157,7 @@ private slots:
             {mariadbUrl, [this] { mariadb->stop(); }, [this] { mariadb->start(); }, "first"}};
         for (const auto &[url, vanish, comeBack, expected] : rows) {
             begin(url);
-            QVERIFY(readUntil("first"));
+            QVERIFY(readUntil("first") && setting() == "first");
             vanish();
             comeBack();
             QCOMPARE(read(), expected);
@@ -156,12 +165,12 @@ private slots:
             vanish();
             QVERIFY(readUntil(""));
             for (int i = 0; i < 3; i++) {
-                QCOMPARE(read(), "");
+                QVERIFY(read().isEmpty() && setting() == "first"); // as was said last
                 write();
             }
             QVERIFY2(logLines().size() == 1 && logged("error Store ") == 1 && logged("word") == 0, qPrintable(logLines().join('\n')));
             comeBack();
-            QVERIFY(readUntil(expected));
+            QVERIFY(readUntil(expected) && setting() == expected);
             QVERIFY2(logLines().size() == 2 && logLines().last().endsWith(" works again"), qPrintable(logLines().join('\n')));
         }
     }
