@@ -12,6 +12,15 @@
 #include <cstring>
 #include <utility>
 
+namespace
+{
+/// Other programs fill the store too: none of what they write may reach the terminal as a command, or begin a line.
+bool isShown(QChar c)
+{
+    return c.isPrint() && c.category() != QChar::Separator_Line && c.category() != QChar::Separator_Paragraph;
+}
+} // namespace
+
 Output::Output(const QString &path) : m_name(path.isEmpty() ? QStringLiteral("standard output") : path)
 {
     if (path.isEmpty())
@@ -80,12 +89,22 @@ QByteArray toTable(const QList<QStringList> &rows)
         QString line;
         for (int column = 0; column < row.size(); column++)
             line += row.at(column).leftJustified(widths.at(column)) + QLatin1String("  ");
-        // Other programs fill the store too.
         std::replace_if(
-            line.begin(), line.end(), [](QChar c) { return !c.isPrint(); }, QLatin1Char('?'));
+            line.begin(), line.end(), [](QChar c) { return !isShown(c); }, QLatin1Char('?'));
         while (line.endsWith(QLatin1Char(' ')))
             line.chop(1);
         table += line + QLatin1Char('\n');
     }
     return table.toLocal8Bit();
+}
+
+QByteArray toJson(const QJsonDocument &document)
+{
+    QString escaped;
+    const QString text = QString::fromUtf8(document.toJson());
+    for (const QChar c : text)
+        escaped += isShown(c) || c == QLatin1Char('\n')
+                       ? QString(c)
+                       : QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QLatin1Char('0'));
+    return escaped.toUtf8();
 }

@@ -8,7 +8,6 @@
 #include "store/boxstore.h"
 
 #include <QJsonArray>
-#include <QJsonDocument>
 #include <QJsonObject>
 #include <QUuid>
 
@@ -106,7 +105,7 @@ QString admin::peers(const Request &request)
         rows.append({peer.uuid, peer.address.isEmpty() ? QStringLiteral("-") : peer.address, portInWords(peer.udpPort),
                      portInWords(peer.udpPortRemote), status});
     }
-    return print(request.asJson ? QJsonDocument(array).toJson() : toTable(rows));
+    return print(request.asJson ? toJson(QJsonDocument(array)) : toTable(rows));
 }
 
 QString admin::addPeer(const Request &request)
@@ -146,7 +145,7 @@ QString admin::addPeer(const Request &request)
         return QString();
     if (request.asJson)
         return print(
-            QJsonDocument(QJsonObject{{QStringLiteral("peer"), peer.uuid}, {QStringLiteral("file"), path}}).toJson());
+            toJson(QJsonDocument(QJsonObject{{QStringLiteral("peer"), peer.uuid}, {QStringLiteral("file"), path}})));
     return print(QStringLiteral("Added peer %1. Hand over %2, which holds the key of all peers.\n")
                      .arg(peer.uuid, path)
                      .toLocal8Bit());

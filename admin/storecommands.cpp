@@ -6,7 +6,6 @@
 #include "store/newstore.h"
 #include "store/settingrules.h"
 
-#include <QJsonDocument>
 #include <QJsonObject>
 
 #include <storeurl.h>
@@ -77,7 +76,7 @@ QString admin::get(const Request &request)
         rows.append({key, settings.value(key, QStringLiteral("(not set)"))});
     }
     if (request.asJson)
-        return print(QJsonDocument(object).toJson());
+        return print(toJson(QJsonDocument(object)));
     return print(name.isEmpty() ? toTable(rows) : toTable({{settings.value(name)}}));
 }
 

@@ -206,10 +206,12 @@ private slots:
         const QByteArray ini = run({"add-peer"}).output;
         QVERIFY2(ini.startsWith("[peer]\nuuid={") && ini.contains("}\n[box]\nuuid={") && !ini.contains("address"),
                  "leaves it to the peer to find the box");
-        sql("UPDATE `box`.`nat_traverse` SET status = id - 1, remote_ip = '\x1b[2J' WHERE id < 6");
+        sql("UPDATE `box`.`nat_traverse` SET status = id - 1, remote_ip = '\x1b[2J\u2028\u009b' WHERE id < 6");
         const QByteArray table = run({"peers"}).output;
+        const QByteArray escaped = run({"peers", "--json"}).output;
+        QVERIFY2(escaped.contains("\"\\u001b[2J\\u2028\\u009b\"") && !escaped.contains('\x80') && !escaped.contains('\xc2'), escaped);
         for (const char *status :
-             {"  disconnected\n", "  connected\n", "  connect requested\n", "  connecting\n", "  unknown (4)\n", "  ?[2J"})
+             {"  disconnected\n", "  connected\n", "  connect requested\n", "  connecting\n", "  unknown (4)\n", "  ?[2J??  "})
             QVERIFY2(table.contains(status) && !table.contains('\x1b'), table);
     }
 
