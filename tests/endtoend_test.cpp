@@ -207,6 +207,7 @@ private slots:
             {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n", "", "cut short, the rest does not come"}, // the relay waits too
             {"HTTP/1.1 200 OK\r\ntransfer-encoding: chunked\r\n\r\n5\r\nshort\r\n", "short", "the relay follows chunks only under"},
             {chunked + "5\r\nshort\r\n", "short", "cut short, the rest does not come"},
+            {chunked + "0\r\n", "", "cut short, the rest does not come"},
             {chunked + "five\r\nshort\r\n0\r\n\r\n", "", "the answer is no HTTP response: bad chunk"},
             {"SSH-2.0-box\r\n\r\n", "", "the answer is no HTTP response: bad version"},
             {"HTTP/1.1 103 Early Hints\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nwhole", "whole", ""},

@@ -18,6 +18,7 @@ namespace http = boost::beast::http;
 namespace
 {
 constexpr std::uint32_t longestHead = 64 * 1024;
+constexpr int shortestEnd = 5;          // of chunks: the last one's "0" and two line ends
 constexpr int longestLine = 128 * 1024; // or head; what is not understood before it
 constexpr int mostBarrenParts = 3; // a read may bring the header alone; so many in a row bring no more the next time
 
@@ -111,6 +112,9 @@ void Exchange::take(const QByteArray &bytes)
     m_buffer.append(bytes);
     bool isMoving = true;
     while (isMoving && !m_buffer.isEmpty()) {
+        // What ends chunks is given to the parser whole: a part of it given twice breaks its assertions.
+        if (m_parser->is_header_done() && m_parser->chunked() && m_buffer.size() < shortestEnd)
+            break;
         boost::system::error_code error;
         const auto used = static_cast<int>(
             m_parser->put(boost::asio::buffer(m_buffer.constData(), static_cast<size_t>(m_buffer.size())), error));
