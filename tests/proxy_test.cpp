@@ -154,6 +154,8 @@ private slots:
             // asked, answers of the web server, status, reason
             {"GARBAGE\r\n\r\n", {}, "400", "this is no HTTP request"},
             {"CONNECT box:443 HTTP/1.1\r\nConnection: close\r\n\r\n", {}, "501", "this is a way to one box"},
+            {"GET / HTTP/1.1\r\nConnection: Upgrade, close\r\nUpgrade: websocket\r\n\r\n", {}, "501", "do not pass"},
+            {"GET / HTTP/1.1\r\nConnection: close\r\nAccept: text/event-stream\r\n\r\n", {}, "501", "do not pass"},
             {form + "65427\r\n\r\n" + QByteArray(65427, 'x'), {}, "413", "must fit into 65426 bytes"},
             {form + "65400\r\n\r\n" + QByteArray(65400, 'x'), {}, "413", "must fit into 65426"},
             {"GET / HTTP/1.1\r\nX: " + QByteArray(40000, 'x') + "\r\n\r\n", {}, "431", "must fit into 32768 bytes"},

@@ -42,6 +42,14 @@ void removeHopByHop(http::fields *fields)
         fields->erase(name);
 }
 
+/// Whether the client wants a connection that stays open: the relay carries whole responses, one at a time.
+bool isForStream(const HttpRequest &request)
+{
+    const bool isWebSocket = toByteArray(request[http::field::upgrade]).toLower().contains("websocket");
+    const QByteArray accepted = toByteArray(request[http::field::accept]).toLower();
+    return isWebSocket || accepted.split(';').constFirst().trimmed() == "text/event-stream";
+}
+
 /// The web server does not know the port it is reached on: a redirect to itself becomes one to its path.
 void fixLocation(http::fields *fields, boost::beast::string_view host)
 {
@@ -133,6 +141,9 @@ void ProxyConnection::takeRequest()
     m_isKept = m_request.keep_alive() && m_version >= http11;
     if (m_request.method() == http::verb::connect)
         return fail(501, QStringLiteral("this is a way to one box, not to everywhere"));
+    if (isForStream(m_request))
+        return fail(501, QStringLiteral("WebSocket and event streams do not pass: the way to the box carries whole "
+                                        "responses, one at a time"));
 
     const QByteArray target = toByteArray(m_request.target());
     static const QByteArray scheme("http://");
