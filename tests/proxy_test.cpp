@@ -108,17 +108,31 @@ private slots:
         const QByteArray page = Programs::page("line", 90000);
         write("pages/page.txt", page);
         write("pages/chunked", page);
+        write("pages/short", "short");
         startNginx();
         startRelay();
         startProxy();
-        for (const char *target : {"/page.txt", "/chunked"}) {
-            const QByteArray response = answer(get(target));
-            QVERIFY2(response.startsWith("HTTP/1.1 200 OK\r\n") && response.contains("Content-Length: " + QByteArray::number(page.size())),
-                     response.left(500));
+        for (const QByteArray target : {"/page.txt", "/chunked"}) {
+            QElapsedTimer timer;
+            timer.start();
+            const auto client = ask("GET " + target + " HTTP/1.0\r\n\r\n");
+            QVERIFY(QTest::qWaitFor([&] { return client->bytesAvailable() > 0; }, 60000));
+            const qint64 toFirst = timer.elapsed();
+            const QByteArray response = answer(client);
+            QVERIFY2(response.startsWith("HTTP/1.1 200 OK\r\n") && toFirst * 3 < timer.elapsed(), response.left(500));
             QVERIFY(body(response) == page);
         }
+        const QByteArray chunks = answer(get("/chunked"));
+        QVERIFY(chunks.contains("\r\nTransfer-Encoding: chunked\r\n") && chunks.endsWith("\n\r\n0\r\n\r\n"));
         const QByteArray part = answer(ask("GET /page.txt HTTP/1.1\r\nHost: x\r\nRange: bytes=5-300004\r\nConnection: close\r\n\r\n"));
         QVERIFY2(part.startsWith("HTTP/1.1 206 ") && body(part) == page.mid(5, 300000), part.left(500));
+        const auto download = get("/page.txt"); // between its parts others have their turn, a page before most pictures
+        QVERIFY(QTest::qWaitFor([&] { return download->bytesAvailable() > 0; }, 60000));
+        const QByteArray asPicture = "GET /short HTTP/1.1\r\nHost: x\r\nSec-Fetch-Dest: image\r\nConnection: close\r\n\r\n";
+        const std::unique_ptr<QTcpSocket> pictures[]{ask(asPicture), ask(asPicture), ask(asPicture)};
+        QVERIFY(body(answer(get("/short"))) == "short" && pictures[2]->bytesAvailable() == 0);
+        QVERIFY(body(answer(pictures[2])) == "short" && download->state() == QAbstractSocket::ConnectedState);
+        QVERIFY(body(answer(download)) == page);
         QVERIFY(answer(ask("HEAD /page.txt HTTP/1.0\r\n\r\n")).contains("Content-Length: " + QByteArray::number(page.size())));
     }
 
@@ -218,6 +232,11 @@ private slots:
         QVERIFY(request(web).startsWith("GET /second "));
         web.answer("HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nnew");
         QCOMPARE(body(answer(client)), "new");
+        const auto broken = get("/broken"); // what has come is passed on, and not taken for all
+        QVERIFY(request(web).startsWith("GET /broken "));
+        web.answer("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nfirst\r\n");
+        QVERIFY(QTest::qWaitFor([&] { return broken->peek(1000).endsWith("\r\n5\r\nfirst\r\n"); }, 900));
+        QVERIFY(answer(broken).endsWith("\r\n5\r\nfirst\r\n"));
     }
 
     void pagesGivenUpHarmNobody()
@@ -230,7 +249,7 @@ private slots:
         int whole = 0;
         for (int i = 0; i < 25; i++) {
             const QByteArray path = kinds.at(random.bounded(kinds.size())) + QByteArray::number(random.generate64(), 16);
-            const auto client = get(path);
+            const auto client = ask("GET " + path + " HTTP/1.0\r\n\r\n");
             const bool isGivenUp = path.startsWith("/broken") || random.bounded(2) == 0;
             if (isGivenUp) {
                 QTest::qWait(random.bounded(400)); // the moment is what is tried

@@ -58,8 +58,8 @@ Exchange::Exchange(RelayClient *client) : QObject(client), m_client(client)
 void Exchange::start(const HttpRequest &request)
 {
     m_request = request;
-    m_isRunning = true;
     m_isFirst = true;
+    m_isInChunks = false;
     m_length.reset();
     m_start = m_taken = m_takenBefore = 0;
     m_barrenParts = 0;
@@ -70,6 +70,7 @@ void Exchange::start(const HttpRequest &request)
 
 void Exchange::send(const HttpRequest &request)
 {
+    m_isRunning = true;
     beginPart();
     std::ostringstream wire;
     wire << request;
@@ -87,10 +88,29 @@ void Exchange::beginPart()
     m_buffer.clear();
 }
 
+void Exchange::resume()
+{
+    send(m_nextPart);
+}
+
 void Exchange::cancel()
 {
-    m_isRunning = false;
+    if (!m_isRunning)
+        return; // the client may be another's
+    rest();
     m_client->abandon();
+}
+
+/// What is asked next counts anew.
+void Exchange::rest()
+{
+    m_trafficBefore = traffic();
+    m_isRunning = false;
+}
+
+bool Exchange::isFlowing() const
+{
+    return m_isHeadTaken && (!m_isFirst || (m_parser->chunked() && m_client->isRelayWaiting()));
 }
 
 QByteArray Exchange::takeBody()
@@ -100,7 +120,7 @@ QByteArray Exchange::takeBody()
 
 RelayClient::Traffic Exchange::traffic() const
 {
-    const RelayClient::Traffic &part = m_client->traffic();
+    const RelayClient::Traffic part = m_isRunning ? m_client->traffic() : RelayClient::Traffic();
     return {m_trafficBefore.bytes + part.bytes, m_trafficBefore.packets + part.packets,
             m_trafficBefore.repeats + part.repeats};
 }
@@ -156,6 +176,7 @@ bool Exchange::takeHead()
         return false;
     }
     m_head = part;
+    m_isInChunks = m_parser->chunked();
     if (const auto length = m_parser->content_length())
         m_length = *length;
     if (part.result() == http::status::partial_content) {
@@ -205,7 +226,7 @@ void Exchange::endPart()
 {
     if (!m_isFirst && m_taken < *m_length)
         return fetchRest(); // the web server gave less than the range that was asked for
-    m_isRunning = false;
+    rest();
     m_client->finish();
     emit finished();
 }
@@ -223,21 +244,21 @@ void Exchange::fetchRest()
                              .arg(m_taken)
                              .arg(m_length.value_or(0)));
 
-    HttpRequest rest = m_request;
+    m_nextPart = m_request;
     for (const auto field : {http::field::if_match, http::field::if_none_match, http::field::if_modified_since,
                              http::field::if_unmodified_since, http::field::if_range})
-        rest.erase(field);
-    rest.set(http::field::range,
-             QStringLiteral("bytes=%1-%2").arg(m_start + m_taken).arg(m_start + *m_length - 1).toStdString());
+        m_nextPart.erase(field);
+    m_nextPart.set(http::field::range,
+                   QStringLiteral("bytes=%1-%2").arg(m_start + m_taken).arg(m_start + *m_length - 1).toStdString());
     const auto tag = m_head[http::field::etag];
     if (!tag.empty() && !tag.starts_with("W/"))
-        rest.set(http::field::if_range, tag);
+        m_nextPart.set(http::field::if_range, tag);
     else if (!m_head[http::field::last_modified].empty())
-        rest.set(http::field::if_range, m_head[http::field::last_modified]);
+        m_nextPart.set(http::field::if_range, m_head[http::field::last_modified]);
     m_isFirst = false;
-    m_trafficBefore = traffic();
+    rest();
     m_client->finish();
-    send(rest);
+    emit paused();
 }
 
 void Exchange::fail(unsigned status, const QString &reason)

@@ -22,7 +22,8 @@ using HttpRequest = boost::beast::http::request<boost::beast::http::string_body>
 using HttpResponseHead = boost::beast::http::response_header<>;
 
 /// One HTTP request (RFC 9110, RFC 9112) carried to the box's web server, and its whole response. The relay delivers of
-/// a response without chunks only what the web server had written when it looked; the rest is fetched in ranges.
+/// a response without chunks only what the web server had written when it looked; the rest is fetched in ranges,
+/// between which others may be served. Several may live at one client, of which one at a time is at work.
 class Exchange : public QObject
 {
     Q_OBJECT
@@ -34,6 +35,8 @@ public:
     void start(const HttpRequest &request);
     /// Ends without another signal.
     void cancel();
+    /// Goes on after a pause.
+    void resume();
 
     const HttpRequest &request() const { return m_request; }
     /// Status and fields of the response; valid once a body or the end has been told.
@@ -42,11 +45,17 @@ public:
     std::optional<quint64> length() const { return m_length; }
     /// The body's bytes since the last call, without the chunk framing.
     QByteArray takeBody();
+    /// Whether the rest will come too, as far as can be told: the body may be passed on before it is whole.
+    bool isFlowing() const;
+    /// Whether it holds the relay from its first byte to its last.
+    bool isInChunks() const { return m_isInChunks; }
     /// What the whole exchange has taken so far.
     RelayClient::Traffic traffic() const;
 
 signals:
     void progressed();
+    /// Part of the body is there. The client is free until resume().
+    void paused();
     void finished();
     /// `status`: what a gateway answers then, 502 or 504.
     void failed(unsigned status, const QString &reason);
@@ -64,9 +73,11 @@ private:
     void endPart();
     void fetchRest();
     void fail(unsigned status, const QString &reason);
+    void rest();
 
     RelayClient *m_client;
     HttpRequest m_request;
+    HttpRequest m_nextPart;
     std::optional<Parser> m_parser; // of the present part
     QByteArray m_buffer;            // not yet understood
     bool m_isHeadTaken = false;     // of the present part
@@ -79,5 +90,6 @@ private:
     int m_barrenParts = 0;
     QByteArray m_body; // not yet taken
     RelayClient::Traffic m_trafficBefore;
+    bool m_isInChunks = false;
     bool m_isRunning = false;
 };

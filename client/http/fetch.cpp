@@ -15,6 +15,7 @@ Fetch::Fetch(RelayClient *client, bool withHead) : m_client(client), m_exchange(
         emit progressed(m_exchange.traffic());
         write();
     });
+    connect(&m_exchange, &Exchange::paused, &m_exchange, &Exchange::resume);
     connect(&m_exchange, &Exchange::finished, this, [this] {
         write();
         end(QString());

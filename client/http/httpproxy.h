@@ -5,15 +5,17 @@
 #include <QByteArray>
 #include <QElapsedTimer>
 #include <QHostAddress>
-#include <QList>
 #include <QObject>
 #include <QString>
 #include <QTcpServer>
 
+#include <list>
+#include <memory>
+
 class ProxyConnection;
 
 /// An HTTP/1.1 server that brings every request to the box's web server and the response back: one at a time, as the
-/// relay works, the others wait in order.
+/// relay works. Between the parts of a long response others have their turn, those first that a page waits for.
 class HttpProxy : public QObject
 {
     Q_OBJECT
@@ -29,7 +31,7 @@ public:
     /// False when the address cannot be used; errorString() says why.
     bool listen(const QHostAddress &address, quint16 port) { return m_server.listen(address, port); }
     QString errorString() const { return m_server.errorString(); }
-    bool isBusy() const { return m_isBusy; }
+    bool isBusy() const { return m_current != nullptr; }
 
 signals:
     /// One line for a person.
@@ -38,20 +40,34 @@ signals:
     void progressed(const RelayClient::Traffic &traffic);
 
 private:
+    /// Who is served first.
+    enum class Rank { Page, Picture, Download };
+    struct Job {
+        explicit Job(RelayClient *client) : exchange(client) {}
+        ProxyConnection *connection = nullptr; // none any more: the client went away
+        Exchange exchange;
+        Rank rank = Rank::Page;
+        bool isBegun = false;
+        QByteArray held; // of a body that may still turn out to be short
+        QElapsedTimer sinceStart;
+    };
+    using Jobs = std::list<std::unique_ptr<Job>>;
+
+    static Rank rankOf(const HttpRequest &request);
     void accept();
     void leave(ProxyConnection *connection);
     void enqueue(ProxyConnection *connection);
     void next();
-    void forward();
+    void forward(Job *job);
+    void pause();
+    void finish();
     void end(const QString &outcome, bool isTold);
 
+    RelayClient *m_client;
     QTcpServer m_server;
-    Exchange m_exchange;
     const Options m_options;
     int m_connections = 0;
-    QList<ProxyConnection *> m_waiting;
-    ProxyConnection *m_current = nullptr;
-    bool m_isBusy = false;
-    QByteArray m_held; // of a body that may still turn out to be short
-    QElapsedTimer m_sinceStart;
+    Jobs m_waiting; // who has waited longest first
+    std::unique_ptr<Job> m_current;
+    int m_turns = 0;
 };
