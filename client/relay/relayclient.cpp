@@ -10,9 +10,8 @@
 //   waits its turn behind it. The relay is asked to forget (ConnectRequest) only where everything asked has been
 //   answered, or where no sign of an answer came for a minute, or no more of one in chunks for two seconds: then the
 //   web server has most likely closed the link, and the relay would wait for ever.
-// - After anything that leaves a doubt (given up, time-out, broken off, a start) two requests go ahead that harm
-// nobody,
-//   HEAD of a random path. The second one can only be answered when the first has been taken off the queue and its link
+// - After anything that leaves a doubt (given up, time-out, broken off, a start) two harmless requests go ahead, HEAD
+//   of a random path. The second one can only be answered when the first has been taken off the queue and its link
 //   closed, whatever answer the first one got. The states the relay can be in, and how each ends:
 //     - busy with a request of ours or another's: the two wait behind it;
 //     - a link that owes an answer nobody waits for: the first one gets it, or the rest of it, and the link is closed;
