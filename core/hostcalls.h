@@ -4,7 +4,7 @@
 
 #include <logger.h>
 
-/// What every call of the host's `Logger` and `Database` passes along.
+/// What every call of the host's `Database` passes along, and its log with the category of this program.
 namespace hostcalls
 {
 inline QString logCategory()

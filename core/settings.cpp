@@ -28,7 +28,7 @@ void UDPHandler::loadSettings()
     serverUpdateInterval = number("nat_server_update_interval");
 
     // The IV ends before its first zero byte, the key does not: on purpose. An IV of any length but 16 turns the cipher
-    // off, so a box with such an IV talks in plain; kept whole, it would no longer understand its peers.
+    // off, so a box with such an IV talks in plain.
     const QByteArray iv = QByteArray::fromHex(text("aes_iv").toUtf8());
     aesIv = iv.mid(0, iv.indexOf('\0')); // -1: the whole of it
     aesKey = QByteArray::fromHex(text("aes_key").toUtf8());

@@ -1,5 +1,6 @@
 // Datagrams on the main UDP socket: who sent it, of what kind it is, and one short function per kind. Runs inside the
-// event pumps, one datagram a call; waits for the store where a peer becomes connected.
+// event pumps, one datagram a call; waits for the store where a peer becomes connected
+// or asks for it.
 
 #include "core/hostcalls.h"
 #include "core/udphandler.h"

@@ -130,7 +130,8 @@ private slots:
         const QList<std::tuple<QString, std::function<void()>>> rows{
             {"box.sqlite", [this] { write("box.sqlite", ""); }},
             {"box.sqlite", [this] { QVERIFY(QFile::link("/no/such", path("box.sqlite"))); }},
-            {"box.sqlite-wal", [this] { write("box.sqlite-wal", "rest"); }}};
+            {"box.sqlite-wal", [this] { write("box.sqlite-wal", "rest"); }},
+            {"box.sqlite-journal", [this] { write("box.sqlite-journal", "rest"); }}};
         for (const auto &[name, make] : rows) {
             make();
             const QByteArray before = content(name);
@@ -155,7 +156,7 @@ private slots:
             {"nat_server_udpport", {}, {" 7"}, aPort},
             {"nat_maxconnecttries", {"0"}, {"-1"}, "a whole number from 0"},
             {"nat_connectioninterval", {}, {"0"}, "a whole number from 1"},
-            {"nat_server_update_interval", {}, {"2147483648"}, "to 2147483647"},
+            {"nat_server_update_interval", {}, {"0", "2147483648"}, "to 2147483647"},
             {"aes_key", {QByteArray(32, '0')}, {key + 'b', key.left(31) + 'g'}, "aes_key must be 32 hexadecimal digits"},
             {"aes_iv", {"100" + key.left(29)}, {key.left(30) + "00"}, "aes_iv must hold no byte 00"},
             {"uuid", {"{01234567-89AB-cdef-0123-456789abcdef}"}, {"01234567-89ab-cdef-0123-456789abcdef"}, "UUID in braces"},

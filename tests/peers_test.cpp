@@ -40,6 +40,7 @@ private slots:
         box.addPeer(peerUuid, 257, "192.0.2.1");
         box.start({});
         QVERIFY(box.client().status == 1 && box.client().udpPort == 4000 && box.client().udpPortRemote == 0); // comes with the next read
+        QVERIFY(box.client().lastSeen.isNull());
         box.client().tries = 5;
         box.client().lastSeen = box.client().lastAttempt = ago(5000);
         box.sql("DELETE FROM nat_traverse");
@@ -52,10 +53,12 @@ private slots:
         QCOMPARE(box.relay->remoteClients.size(), 2); // the row that has gone leaves its entry
         QVERIFY(box.client(otherUuid).host.isNull());
         box.addPeer(peerUuid, 1, "::1");
-        box.sql("UPDATE nat_traverse SET udp_port = '0x10', udp_port_remote = 4002");
+        box.loadClients();
+        QVERIFY(box.client().status == 1 && box.client().udpPort == 4000 && box.client().udpPortRemote == 4001);
+        box.sql("UPDATE nat_traverse SET udp_port = '0x10', udp_port_remote = '0x11', status = '0x12'"); // no decimal numbers
         box.loadClients();
         QCOMPARE(box.client().host.toString(), "::1");
-        QVERIFY(box.client().status == 1 && box.client().udpPort == 0 && box.client().udpPortRemote == 4002);
+        QVERIFY(box.client().status == 0 && box.client().udpPort == 0 && box.client().udpPortRemote == 0);
         QVERIFY(box.client().tries == 5 && box.client().lastSeen.isValid() && box.client().lastAttempt.isValid());
         box.sql("ALTER TABLE nat_traverse RENAME TO gone");
         box.loadClients();
@@ -116,11 +119,12 @@ private slots:
             QCOMPARE(logged(line), 1);                                              // a known peer is entered anew without a word
             QCOMPARE(logged("info Set connection status for 192.0.2.1 to 1"), time);
             QVERIFY(box.client(strangerUuid).host == QHostAddress("192.0.2.1") && peer.senderPort == 5001);
-            box.client(strangerUuid).lastAttempt = ago(0); // starts afresh with the repeated request
+            box.client(strangerUuid).udpPortRemote = 7;
+            box.client(strangerUuid).lastSeen = box.client(strangerUuid).lastAttempt = ago(0); // starts afresh with the repeated request
         }
         peer.sendPlain("\x03" + strangerUuid, 5001);
         QVERIFY(box.turnUntil([&] { return !clients.contains(strangerUuid); }));
-        peer.sendPlain("\x03" + strangerUuid, 5001); // unknown again: logged, and nothing else
+        peer.sendPlain("\x01" + strangerUuid, 5001); // unknown again: logged, and nothing else
         QVERIFY(box.turnUntil([&] { return logged(line) == 2; }));
         QVERIFY(peer.receive().isNull() && !clients.contains(strangerUuid));
     }

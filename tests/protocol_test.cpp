@@ -89,6 +89,7 @@ private slots:
             {"request", request, true, receipt, true, true},
             {"request in plain", request, false, receipt, true, true},
             {"confirmation", sender.confirmation(1, 1, 0, "x"), true, nothing, false, true},
+            {"confirmation in plain", sender.confirmation(1, 1, 0, "x"), false, nothing, false, true},
             {"unknown kind", sender.link(2), true, nothing, false, true},
             {"peer in other letters", Peer(peerUuid.toUpper()).link(3), true, nothing, false, false},
             {"stranger", Peer(strangerUuid).link(3), true, nothing, false, false},
@@ -141,8 +142,8 @@ private slots:
         Peer peer;
         Peer other(otherUuid);
         peer.send(peer.request(7, 1, "one"));
-        peer.send(peer.request(7, 2, "two"));
-        for (const int socketId : {1, 2}) { // one datagram a call; the socket id is taken from the repeated one too
+        peer.send(peer.request(7, 0xbeef, "two"));
+        for (const int socketId : {1, 0xbeef}) { // one datagram a call; the socket id is taken from the repeated one too
             QVERIFY(!box.reply(peer).isEmpty());
             QCOMPARE(requests.size(), 2);
             QCOMPARE(box.relay->currentSocket, socketId);
@@ -150,9 +151,12 @@ private slots:
         QCOMPARE(logged("debug Added to TCP queue id: 7 socket: 1 Queue size: 2"), 1);
         QCOMPARE(logged("debug Confirmation UDP msg sent! Msgid: 7"), 2);
         QCOMPARE(requests.at(1)->data, "one");
-        box.queue(peer, 9, 0, "answered a moment ago", true);
-        box.take(peer, peer.request(9, 5, "again"));
-        QVERIFY(requests.size() == 2 && logged("Msgid: 9") == 1 && logged("debug UDP request recv id: 9 socket: 5") == 1);
+        for (const int id : {9, 12}) {
+            box.queue(other, 11, 0, "another's");
+            box.queue(peer, id, 0, "just answered", id == 9);
+            box.take(peer, peer.request(quint32(id), 5, "again"));
+            QVERIFY(requests.size() == 2 && logged(QString("Msgid: %1").arg(id)) == 1);
+        }
         for (const int id : {7, 9})
             box.take(other, other.request(quint32(id), 3, "another peer's"));
         for (const int id : {8, 10})
@@ -169,18 +173,18 @@ private slots:
         StartedBox box;
         Peer peer;
         Peer other(otherUuid);
-        const QByteArray right = peer.confirmation(5, 2, 1, "slice");
-        const QByteArray whole = other.confirmation(5, 2, 1, "slice");
+        const QByteArray right = peer.confirmation(40005, 300, 257, "slice");
+        const QByteArray whole = other.confirmation(40005, 300, 257, "slice");
         const QList<std::tuple<Peer *, QByteArray, QList<bool>>> rows{
-            {&peer, peer.confirmation(6, 2, 1, "slice"), {false, false, false}},
-            {&peer, peer.confirmation(5, 2, 0, "slice"), {false, false, false}},
-            {&peer, peer.confirmation(5, 2, 1, "x"), {false, false, false}},
-            {&peer, peer.confirmation(5, 9, 1, "slice"), {false, true, false}}, // the count is only logged
+            {&peer, peer.confirmation(40006, 300, 257, "slice"), {false, false, false}},
+            {&peer, peer.confirmation(40005, 300, 256, "slice"), {false, false, false}},
+            {&peer, peer.confirmation(40005, 300, 257, "x"), {false, false, false}},
+            {&peer, peer.confirmation(40005, 9, 257, "slice"), {false, true, false}}, // the count is only logged
             {&peer, right, {false, true, false}},
             {&other, whole.left(9) + whole.right(5) + " anywhere " + whole.mid(9, 76), {true, true, false}}};
-        box.queue(other, 5, 1, "slice");
-        box.queue(peer, 5, 1, "slice");
-        box.queue(peer, 5, 1, "slice");          // the like of the one before: only the first is ever found
+        box.queue(other, 40005, 257, "slice");
+        box.queue(peer, 40005, 257, "slice");
+        box.queue(peer, 40005, 257, "slice");    // the like of the one before: only the first is ever found
         for (int kind = 0; kind < 256; kind++) { // of what is none of its kinds nothing comes, but that its sender is connected
             if (!QList<int>{1, 3, 9, 10}.contains(kind))
                 box.take(peer, char(kind) + right.mid(1));
@@ -191,7 +195,7 @@ private slots:
             for (int i = 0; i < 3; i++)
                 QCOMPARE(box.relay->udpQueue.at(i).confirmed, confirmed.at(i));
         }
-        QCOMPARE(logged("debug Remote Confirmation of msgID: 5. Package 1 of 9"), 1);
+        QCOMPARE(logged("debug Remote Confirmation of msgID: 40005. Package 257 of 9"), 1);
     }
 
     void connectRequestDropsThePeersTraffic()
@@ -258,6 +262,9 @@ private slots:
         }
         QVERIFY(packets.size() == 1 && packets.first().client.remoteUuid == otherUuid && box.storedStatus(peerUuid) == 0);
         QCOMPARE(logged("info Set connection status for 127.0.0.1 to 0"), 1);
+        box.queue(Peer(), 1, 3, "x", true).lastSent = ago(60001);
+        box.turns(1); // nor does one that waits keep what is in the way of nobody
+        QCOMPARE(packets.size(), 1);
     }
 
     void refusedSendsAreTriedAgain()
