@@ -39,8 +39,8 @@ private slots:
         Box box;
         box.addPeer(peerUuid, 257, "192.0.2.1");
         box.start({});
-        QVERIFY(box.client().status == 1 && box.client().udpPort == 4000 && box.client().udpPortRemote == 0); // comes with the next read
-        QVERIFY(box.client().lastSeen.isNull());
+        QVERIFY(box.client().status == 1 && box.client().udpPort == 4000 && box.client().udpPortRemote == 0 &&
+                box.client().lastSeen.isNull());
         box.client().tries = 5;
         box.client().lastSeen = box.client().lastAttempt = ago(5000);
         box.sql("DELETE FROM nat_traverse");

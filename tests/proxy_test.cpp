@@ -182,14 +182,12 @@ private slots:
             {form + "65427\r\n\r\n" + QByteArray(65427, 'x'), {}, "413", "must fit into 65426 bytes"},
             {form + "65400\r\n\r\n" + QByteArray(65400, 'x'), {}, "413", "must fit into 65426"},
             {"GET / HTTP/1.1\r\nX: " + QByteArray(40000, 'x') + "\r\n\r\n", {}, "431", "must fit into 32768 bytes"},
-            {page, {"HTTP/1.1 200 OK\r\n\r\nunsized"}, "502", "does not say how long it is: 7 bytes"},
             {page, {ok, ok}, "502", "delivered 5 of 9 bytes, and its web server gives no ranges"},
             {page,
              {ok, "HTTP/1.1 206 Partial\r\nContent-Range: bytes 5-8/10\r\nContent-Length: 4\r\nETag: \"1\"\r\n\r\nrest"},
              "502",
              "delivered 5 of 9 bytes"},
             {form + "0\r\n\r\n", {ok}, "502", "delivered 5 of 9 bytes, and there is no way"},
-            {page, {"SSH-2.0-box\r\n"}, "502", "the answer is no HTTP response"},
             {page, {""}, "504", "no answer to the request"}};
         WebServer web;
         startRelay();
@@ -223,9 +221,7 @@ private slots:
                 QVERIFY2(request(web).startsWith(QByteArray("GET ") + target + ' '), target);
             web.answer(QByteArray("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n") + target);
         }
-        QCOMPARE(body(answer(first)), "/0");
-        QCOMPARE(body(answer(third)), "/2");
-        QVERIFY(answer(second).count("200 OK") == 2);
+        QVERIFY(body(answer(first)) == "/0" && body(answer(third)) == "/2" && answer(second).count("200 OK") == 2);
     }
 
     void lateAnswerIsNotTakenForTheNext()
@@ -234,8 +230,7 @@ private slots:
         startRelay();
         startProxy({"--timeout", "1"});
         const auto first = get("/first");
-        QVERIFY(request(web).startsWith("GET /first "));
-        QVERIFY(body(answer(first)).startsWith("no answer"));
+        QVERIFY(request(web).startsWith("GET /first ") && body(answer(first)).startsWith("no answer"));
         const auto client = get("/second");
         web.answer("HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nold");
         QVERIFY(request(web).startsWith("GET /second "));
