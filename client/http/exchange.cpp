@@ -170,7 +170,8 @@ bool Exchange::takeHead()
     if (!m_isFirst) {
         if (isContinued(part))
             return true;
-        fail(502, QStringLiteral("the box delivered %1 of %2 bytes, and its web server gives no ranges of the rest")
+        fail(502, QStringLiteral("the box delivered %1 of %2 bytes, and its web server gives no ranges of the rest; an "
+                                 "nginx before it helps, as in scripts/nginx-site.conf")
                       .arg(m_taken)
                       .arg(*m_length));
         return false;
@@ -240,7 +241,8 @@ void Exchange::fetchRest()
                            (m_head.result() == http::status::ok ||
                             (m_head.result() == http::status::partial_content && contentRange(m_head)));
     if (!hasRanges || m_barrenParts > mostBarrenParts)
-        return fail(502, QStringLiteral("the box delivered %1 of %2 bytes, and there is no way to ask for the rest")
+        return fail(502, QStringLiteral("the box delivered %1 of %2 bytes, and there is no way to ask for the rest; an "
+                                        "nginx before its web server helps, as in scripts/nginx-site.conf")
                              .arg(m_taken)
                              .arg(m_length.value_or(0)));
 

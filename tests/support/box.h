@@ -141,9 +141,9 @@ struct StartedBox : Box {
     explicit StartedBox(const QList<QByteArray> &peers = {peerUuid, otherUuid}) { start(peers); }
 };
 
-/// A web server on port 80 that says what the test wants, in as many writes as it wants.
+/// A web server that says what the test wants, in as many writes as it wants.
 struct WebServer : QTcpServer {
-    WebServer() { listen(QHostAddress(QHostAddress::LocalHost), 80); }
+    explicit WebServer(quint16 port = 80) { listen(QHostAddress(QHostAddress::LocalHost), port); }
     /// What has been asked since the last call. What nat-peer asks for its own sake is answered and counted.
     QByteArray takeRequest()
     {

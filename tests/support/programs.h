@@ -70,10 +70,10 @@ struct Programs {
             },
             10000);
     }
-    void startNginx()
+    void startNginx(const QString &configuration = SOURCE_DIR "/scripts/nginx.conf")
     {
         nginx.reset(new QProcess);
-        nginx->start("nginx", {"-e", "stderr", "-p", box->folder.path(), "-c", QString(SOURCE_DIR "/scripts/nginx.conf")});
+        nginx->start("nginx", {"-e", "stderr", "-p", box->folder.path(), "-c", configuration});
         QVERIFY(isListening(80));
     }
     void startPeer(QProcess *peer, const QStringList &words) const
