@@ -20,9 +20,9 @@ QList<std::pair<int, QByteArray>> &sentDatagrams()
 } // namespace
 
 /// In the place of the system library's.
-extern "C" ssize_t sendmsg(int socket, const msghdr *message, int flags)
+extern "C" ssize_t sendmsg(int fd, const msghdr *message, int flags)
 {
-    const auto sent = syscall(SYS_sendmsg, socket, message, flags);
+    const auto sent = syscall(SYS_sendmsg, fd, message, flags);
     const auto *to = static_cast<const sockaddr_in *>(message->msg_name); // an IPv6 address has its port there too
     if (sent >= 0 && to != nullptr)
         sentDatagrams().append({ntohs(to->sin_port), QByteArray(static_cast<const char *>(message->msg_iov->iov_base), int(sent))});

@@ -112,7 +112,7 @@ private slots:
         startNginx();
         startRelay();
         startProxy({"--verbose"});
-        for (const QByteArray target : {"/page.txt", "/chunked"}) {
+        for (const QByteArray &target : {QByteArray("/page.txt"), QByteArray("/chunked")}) {
             QElapsedTimer timer;
             timer.start();
             const auto client = ask("GET " + target + " HTTP/1.0\r\n\r\n");
@@ -128,9 +128,9 @@ private slots:
         QVERIFY2(part.startsWith("HTTP/1.1 206 ") && body(part) == page.mid(5, 300000), part.left(500));
         const auto download = get("/page.txt"); // between its parts others have their turn, pages before most pictures
         QVERIFY(QTest::qWaitFor([&] { return download->bytesAvailable() > 0; }, 60000));
-        std::vector<std::unique_ptr<QTcpSocket>> others;
-        for (int i = 0; i < 14; i++)
-            others.push_back(ask(QByteArray("GET /short HTTP/1.0\r\nAccept: ") + (i < 6 ? "image/png" : "text/html") + "\r\n\r\n"));
+        std::vector<std::unique_ptr<QTcpSocket>> others(14);
+        for (size_t i = 0; i < others.size(); i++)
+            others[i] = ask(QByteArray("GET /short HTTP/1.0\r\nAccept: ") + (i < 6 ? "image/png" : "text/html") + "\r\n\r\n");
         const auto answered = [&others](int from, int to) {
             return std::count_if(others.begin() + from, others.begin() + to,
                                  [](const auto &client) { return client->state() == QAbstractSocket::UnconnectedState; });
