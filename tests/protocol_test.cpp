@@ -274,10 +274,9 @@ private slots:
         const QDateTime begin = QDateTime::currentDateTime();
         box.turns(1);
         QVERIFY(box.relay->udpQueue.first().lastSent > begin.addMSecs(3000)); // counted from the end of the pass
-        QCOMPARE(logged("warning UDP error "), 6);
         QCOMPARE(logged(QString(" (%1) .. sending again to 127.0.0.1:0").arg(box.relay->udpSocket->error())), 6);
         QVERIFY(logLines().last().startsWith("error UDP message failed to be sent.") && logLines().last().endsWith(" MsgID: A"));
-        QCOMPARE(box.relay->udpQueue.first().tries, 1);
+        QVERIFY(logged("warning UDP error ") == 6 && box.relay->udpQueue.first().tries == 1);
 
         peer.send(peer.link(3));
         peer.send(peer.confirmation(1, 1, 0, "x")); // taken in while the relay waits: no need to try on
