@@ -1,0 +1,300 @@
+// A source proves itself by a cookie: the first datagram from a new address is answered with one that is good for that
+// address and a minute or two, and only what comes with it changes anything. A box that registers again from where it
+// was needs none. Calls and replies leave nothing behind here: the ticket that goes to the box with a call, and comes
+// back, says for whom the reply is.
+
+#include "rendezvous/introducer.h"
+
+#include <cryptopp/base64.h>
+#include <cryptopp/filters.h>
+#include <cryptopp/hmac.h>
+#include <cryptopp/sha.h>
+#include <cryptopp/siphash.h>
+
+#include <utility>
+
+using namespace introduction;
+using namespace std::chrono_literals;
+
+namespace
+{
+constexpr std::chrono::seconds cookieTime = 64s;
+constexpr std::chrono::seconds credentialTime = 1h;
+constexpr Allowance::Rule sourceRule{50ms, 100}; // what is not a known box's own registration, for a whole network
+constexpr Allowance::Rule callRule{250ms, 40};   // for one box
+
+// The registration of a relay, in plain.
+constexpr std::uint8_t plainKind = 1;
+constexpr std::size_t plainUuidOffset = 5;
+
+constexpr std::array<std::uint8_t, 12> mappedPrefix{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+constexpr std::size_t networkLength = 8; // of an IPv6 address: what one household or host has
+
+void appendNumber(std::string *text, std::uint64_t number)
+{
+    for (int shift = 56; shift >= 0; shift -= 8)
+        *text += static_cast<char>(number >> static_cast<unsigned>(shift));
+}
+
+void appendAddress(std::string *text, const Address &address)
+{
+    text->append(reinterpret_cast<const char *>(address.ip.data()), address.ip.size());
+    appendNumber(text, address.port);
+}
+
+std::uint64_t shortMac(const std::string &text, const Key &key)
+{
+    const Mac mac = macOf(text, key);
+    std::uint64_t number = 0;
+    for (std::size_t byte = 0; byte < sizeof number; byte++)
+        number = number << 8U | mac[byte];
+    return number;
+}
+
+bool isEqual(std::uint64_t left, std::uint64_t right) // in constant time
+{
+    return isSame({reinterpret_cast<const char *>(&left), sizeof left},
+                  {reinterpret_cast<const char *>(&right), sizeof right});
+}
+
+std::string turnPassword(const std::string &user, const std::string &secret)
+{
+    CryptoPP::HMAC<CryptoPP::SHA1> hmac(reinterpret_cast<const CryptoPP::byte *>(secret.data()), secret.size());
+    std::string password;
+    const CryptoPP::StringSource source(
+        user, true,
+        new CryptoPP::HashFilter(hmac, new CryptoPP::Base64Encoder(new CryptoPP::StringSink(password), false)));
+    return password;
+}
+} // namespace
+
+Introducer::Introducer(const Options &options)
+    : m_options(options), m_cookieKey(cookieKey(options.secret)), m_sourceKey(freshKey()),
+      m_sources(std::make_unique<std::array<Allowance, sourceCount>>())
+{
+}
+
+std::optional<Datagram> Introducer::take(const Place &from, std::string_view bytes, Moment now,
+                                         std::chrono::seconds wallClock)
+{
+    const Incoming incoming{from, bytes, now, wallClock};
+    const auto kind = bytes.empty() ? std::uint8_t(0) : static_cast<std::uint8_t>(bytes.front());
+    Response response;
+    if (kind == static_cast<std::uint8_t>(MessageKind::Registration))
+        response = takeRegistration(incoming);
+    else if (kind == static_cast<std::uint8_t>(MessageKind::Call))
+        response = takeCall(incoming);
+    else if (kind == static_cast<std::uint8_t>(MessageKind::Reply))
+        response = takeReply(incoming);
+    else if (kind == plainKind)
+        response = takePlain(incoming);
+    else
+        response = drop();
+    forgetSilent(now);
+    return response;
+}
+
+void Introducer::forgetSilent(Moment now)
+{
+    m_boxes.forgetSilent(now);
+    m_counts.boxes.store(m_boxes.size(), std::memory_order_relaxed);
+}
+
+Introducer::Response Introducer::takeRegistration(const Incoming &incoming)
+{
+    const auto message = read<Registration>(incoming.bytes);
+    if (!message)
+        return drop();
+    const RegisteredBox *box = m_boxes.find(message->box);
+    const bool isKnown = box != nullptr && box->isSigned;
+    const bool isInPlace = isKnown && box->place == incoming.from;
+    if (isInPlace && box->nonce == message->nonce && message->count <= box->count)
+        return drop(); // a replay
+    if (!isInPlace) {
+        if (!isWithinLimit(incoming))
+            return std::nullopt;
+        if (!isProven(incoming, message->cookie))
+            return challenge(incoming, message->nonce, 0);
+    }
+    const Key token = isKnown ? box->token : boxToken(m_options.secret, message->box);
+    if (!isSigned(incoming.bytes, token))
+        return !isInPlace || isWithinLimit(incoming) ? refuse(incoming, message->nonce, Reason::BadToken)
+                                                     : std::nullopt;
+
+    if (isInPlace) {
+        box->nonce = message->nonce;
+        box->count = message->count;
+        m_boxes.see(box, incoming.now);
+    } else {
+        RegisteredBox changed;
+        changed.uuid = message->box;
+        changed.token = token;
+        changed.place = incoming.from;
+        changed.isSigned = true;
+        changed.count = message->count;
+        changed.nonce = message->nonce;
+        changed.seen = incoming.now;
+        m_boxes.put(changed);
+    }
+    Counts::add(&m_counts.registrations);
+    return Datagram{incoming.from, encode(Registered{message->count, incoming.from.address})};
+}
+
+/// Anybody can send one: it counts for where a box is only if that is wanted, and no agent has registered the box.
+Introducer::Response Introducer::takePlain(const Incoming &incoming)
+{
+    const auto uuid = incoming.bytes.size() > plainUuidOffset ? uuidOf(incoming.bytes.substr(plainUuidOffset))
+                                                              : std::optional<Uuid>();
+    if (!uuid)
+        return drop();
+    Counts::add(&m_counts.plainRegistrations);
+    const RegisteredBox *known = m_boxes.find(*uuid);
+    if (!m_options.trustsPlain || (known != nullptr && known->isSigned) || !isWithinLimit(incoming))
+        return std::nullopt;
+    RegisteredBox box;
+    box.uuid = *uuid;
+    box.token = boxToken(m_options.secret, *uuid);
+    box.place = incoming.from;
+    box.seen = incoming.now;
+    m_boxes.put(box);
+    return std::nullopt;
+}
+
+Introducer::Response Introducer::takeCall(const Incoming &incoming)
+{
+    const auto call = read<Call>(incoming.bytes);
+    if (!call)
+        return drop();
+    if (!isWithinLimit(incoming))
+        return std::nullopt;
+    const RegisteredBox *box = m_boxes.find(call->box);
+    if (!isProven(incoming, call->cookie))
+        return challenge(incoming, call->id, box == nullptr ? 0 : box->nonce);
+    if (box == nullptr) {
+        Counts::add(&m_counts.unknownBoxes);
+        return refuse(incoming, call->id, Reason::UnknownBox);
+    }
+    if (!isSigned(incoming.bytes, peerToken(box->token, call->peer)))
+        return refuse(incoming, call->id, Reason::BadToken);
+    if (!box->calls.take(incoming.now, callRule)) {
+        Counts::add(&m_counts.overLimit);
+        return refuse(incoming, call->id, Reason::Busy);
+    }
+    Counts::add(&m_counts.calls);
+    if (!box->isSigned)
+        return answer(*box, call->peer, call->id, incoming.from, std::string(), incoming.wallClock);
+    Ring ring;
+    ring.peer = call->peer;
+    ring.id = call->id;
+    ring.ticket.node = incoming.from.socket;
+    ring.ticket.peer = incoming.from.address;
+    ring.ticket.signature = signature(ring.ticket, call->box, call->id, incoming.wallClock / cookieTime);
+    ring.sealed = call->sealed;
+    return Datagram{box->place, encode(ring, box->token)};
+}
+
+Introducer::Response Introducer::takeReply(const Incoming &incoming)
+{
+    auto reply = read<Reply>(incoming.bytes);
+    if (!reply)
+        return drop();
+    const RegisteredBox *box = m_boxes.find(reply->box);
+    if (box == nullptr || !box->isSigned || box->place != incoming.from)
+        return drop();
+    const std::int64_t period = incoming.wallClock / cookieTime;
+    const auto isOf = [&](std::int64_t when) {
+        return isEqual(reply->ticket.signature, signature(reply->ticket, reply->box, reply->id, when));
+    };
+    if (!isSigned(incoming.bytes, box->token) || !(isOf(period) || isOf(period - 1)))
+        return drop();
+    if (!box->replies.take(incoming.now, callRule)) {
+        Counts::add(&m_counts.overLimit);
+        return std::nullopt;
+    }
+    Counts::add(&m_counts.answers);
+    const Place peer{reply->ticket.peer, static_cast<std::uint8_t>(reply->ticket.node)};
+    return answer(*box, reply->peer, reply->id, peer, std::move(reply->sealed), incoming.wallClock);
+}
+
+Datagram Introducer::answer(const RegisteredBox &box, const Uuid &peer, std::uint64_t id, const Place &to,
+                            std::string byBox, std::chrono::seconds wallClock) const
+{
+    return {to, encode(Answer{id, seal(box, peer, id, wallClock), std::move(byBox)})};
+}
+
+/// What the server itself tells a peer: where it sees the box, and how the peer may have its datagrams carried.
+std::string Introducer::seal(const RegisteredBox &box, const Uuid &peer, std::uint64_t id,
+                             std::chrono::seconds wallClock) const
+{
+    Items items;
+    items.add(Item::SeenAddress, box.place.address);
+    if (!m_options.turn.server.empty()) {
+        const std::string user = std::to_string((wallClock + credentialTime).count()) + ':' + textOf(peer);
+        items.add(Item::TurnServer, m_options.turn.server)
+            .add(Item::TurnUser, user)
+            .add(Item::TurnPassword, turnPassword(user, m_options.turn.secret));
+    }
+    return introduction::seal(items.bytes(), context(SealedFor::PeerByServer, box.uuid, peer, id),
+                              answerKey(peerToken(box.token, peer)));
+}
+
+Introducer::Response Introducer::challenge(const Incoming &incoming, std::uint64_t echo, std::uint64_t boxNonce)
+{
+    Counts::add(&m_counts.challenges);
+    const std::uint64_t proof = cookie(incoming.from, incoming.wallClock / cookieTime);
+    return Datagram{incoming.from, encode(Challenge{echo, proof, boxNonce})};
+}
+
+Introducer::Response Introducer::refuse(const Incoming &incoming, std::uint64_t echo, Reason reason)
+{
+    if (reason == Reason::BadToken)
+        Counts::add(&m_counts.badTokens);
+    return Datagram{incoming.from, encode(Refusal{echo, reason})};
+}
+
+Introducer::Response Introducer::drop()
+{
+    Counts::add(&m_counts.dropped);
+    return std::nullopt;
+}
+
+bool Introducer::isWithinLimit(const Incoming &incoming)
+{
+    const auto &ip = incoming.from.address.ip;
+    const bool isMapped = std::equal(mappedPrefix.cbegin(), mappedPrefix.cend(), ip.cbegin());
+    CryptoPP::SipHash<2, 4> hash(m_sourceKey.data(), CryptoPP::SipHash<2, 4>::DEFAULT_KEYLENGTH);
+    std::array<CryptoPP::byte, sizeof(std::uint64_t)> digest = {};
+    hash.CalculateDigest(digest.data(), ip.data(), isMapped ? ip.size() : networkLength);
+    const auto slot = static_cast<std::size_t>(digest[0] + 256U * digest[1]);
+    if (m_sources->at(slot % sourceCount).take(incoming.now, sourceRule))
+        return true;
+    Counts::add(&m_counts.overLimit);
+    return false;
+}
+
+bool Introducer::isProven(const Incoming &incoming, std::uint64_t proof) const
+{
+    const std::int64_t period = incoming.wallClock / cookieTime;
+    return isEqual(proof, cookie(incoming.from, period)) || isEqual(proof, cookie(incoming.from, period - 1));
+}
+
+/// Good for an address and one period of time.
+std::uint64_t Introducer::cookie(const Place &of, std::int64_t period) const
+{
+    std::string text("c");
+    appendAddress(&text, of.address);
+    appendNumber(&text, static_cast<std::uint64_t>(period));
+    return shortMac(text, m_cookieKey);
+}
+
+/// Good for as long as a cookie, so that nobody can have an old peer's address written to for ever.
+std::uint64_t Introducer::signature(const Ticket &ticket, const Uuid &box, std::uint64_t id, std::int64_t period) const
+{
+    std::string text("t");
+    appendAddress(&text, ticket.peer);
+    appendNumber(&text, ticket.node);
+    appendNumber(&text, id);
+    appendNumber(&text, static_cast<std::uint64_t>(period));
+    text.append(reinterpret_cast<const char *>(box.data()), box.size());
+    return shortMac(text, m_cookieKey);
+}

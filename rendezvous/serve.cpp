@@ -1,0 +1,84 @@
+// One thread: what comes is answered in the order in which it came. A registration is a look into one table and one
+// HMAC, so that a single core keeps pace with the boxes of a small country.
+
+#include "rendezvous/serve.h"
+
+#include "rendezvous/introducer.h"
+#include "rendezvous/metrics.h"
+#include "rendezvous/sockets.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <stdexcept>
+#include <system_error>
+
+using namespace std::chrono_literals;
+
+namespace
+{
+constexpr int longestWait = 5000; // milliseconds
+
+Moment now()
+{
+    return std::chrono::duration_cast<Moment>(std::chrono::steady_clock::now().time_since_epoch());
+}
+
+std::chrono::seconds wallClock()
+{
+    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch());
+}
+
+/// Becomes readable when the program is asked to end; before any thread is made, so that all of them leave it to this.
+int openEnd()
+{
+    sigset_t end;
+    sigemptyset(&end);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        sigaddset(&end, signal);
+    pthread_sigmask(SIG_BLOCK, &end, nullptr);
+    return signalfd(-1, &end, SFD_CLOEXEC);
+}
+
+Introducer::Options optionsOf(const Configuration &configuration)
+{
+    const auto secret = introduction::keyOf(configuration.secret);
+    if (!secret)
+        throw std::invalid_argument("the secret must be 64 hexadecimal digits; nat-rendezvousd setup makes one");
+    Introducer::Options options;
+    options.secret = *secret;
+    options.turn = {configuration.turn, configuration.turnSecret};
+    options.trustsPlain = configuration.trustsPlain;
+    return options;
+}
+} // namespace
+
+void serve(const Configuration &configuration)
+{
+    Introducer introducer(optionsOf(configuration));
+    const int end = openEnd();
+    Sockets sockets(configuration.listen);
+    std::shared_ptr<void> metrics;
+    if (!configuration.metrics.empty())
+        metrics = showMetrics(configuration.metrics, introducer.counts());
+
+    std::vector<pollfd> waiting{{end, POLLIN, 0}};
+    for (const int descriptor : sockets.descriptors())
+        waiting.push_back({descriptor, POLLIN, 0});
+    std::fprintf(stderr, "nat-rendezvousd: ready\n");
+    while (waiting.front().revents == 0) {
+        if (poll(waiting.data(), waiting.size(), longestWait) < 0 && errno != EINTR)
+            throw std::system_error(errno, std::generic_category(), "cannot wait for datagrams");
+        introducer.forgetSilent(now());
+        for (std::size_t index = 1; index < waiting.size(); index++) {
+            if (waiting.at(index).revents != 0)
+                sockets.serve(static_cast<std::uint8_t>(index - 1), [&](const Place &from, std::string_view bytes) {
+                    return introducer.take(from, bytes, now(), wallClock());
+                });
+        }
+    }
+}

@@ -1,0 +1,121 @@
+#include "rendezvous/setup.h"
+
+#include "introduction/secrets.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <filesystem>
+#include <stdexcept>
+#include <system_error>
+
+namespace
+{
+// Networks that are nobody's on the internet, and those that lead to IPv4 addresses in disguise: what coturn carries
+// must not reach the machine it runs on, nor its neighbours, nor a cloud's metadata.
+constexpr std::array<const char *, 22> denied{"0.0.0.0-0.255.255.255",
+                                              "10.0.0.0-10.255.255.255",
+                                              "100.64.0.0-100.127.255.255",
+                                              "127.0.0.0-127.255.255.255",
+                                              "169.254.0.0-169.254.255.255",
+                                              "172.16.0.0-172.31.255.255",
+                                              "192.0.0.0-192.0.0.255",
+                                              "192.0.2.0-192.0.2.255",
+                                              "192.88.99.0-192.88.99.255",
+                                              "192.168.0.0-192.168.255.255",
+                                              "198.51.100.0-198.51.100.255",
+                                              "203.0.113.0-203.0.113.255",
+                                              "224.0.0.0-255.255.255.255",
+                                              "::",
+                                              "::1",
+                                              "::ffff:0:0-::ffff:ffff:ffff",
+                                              "64:ff9b::-64:ff9b::ffff:ffff",
+                                              "64:ff9b:1::-64:ff9b:1:ffff:ffff:ffff:ffff:ffff",
+                                              "2002::-2002:ffff:ffff:ffff:ffff:ffff:ffff:ffff",
+                                              "fc00::-fdff:ffff:ffff:ffff:ffff:ffff:ffff:ffff",
+                                              "fe80::-febf:ffff:ffff:ffff:ffff:ffff:ffff:ffff",
+                                              "ff00::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"};
+
+std::string ofServer(const std::string &host, const std::string &secret, const std::string &turnSecret)
+{
+    return "# nat-rendezvousd. Whoever has the secret can make the token of any box; another one makes all boxes join "
+           "anew.\n"
+           "host=" +
+           host + "\nsecret=" + secret + "\nturn=" + host + ":3478\nturn-secret=" + turnSecret + '\n';
+}
+
+std::string ofCoturn(const Setup &setup, const std::string &turnSecret)
+{
+    std::string text =
+        "# coturn beside nat-rendezvousd: carries datagrams for peers with a credential of a call, and for\n"
+        "# nobody else; not over TCP, and to nothing but addresses of the internet.\n"
+        "listening-port=3478\n"
+        "realm=" +
+        setup.host + "\nuse-auth-secret\nstatic-auth-secret=" + turnSecret +
+        "\nfingerprint\n"
+        "stale-nonce=600\n"
+        "user-quota=8\n"
+        "total-quota=2000\n"
+        "min-port=49152\nmax-port=65535\n"
+        "no-tcp-relay\n"
+        "no-multicast-peers\n"
+        "no-cli\n"
+        "no-software-attribute\n"
+        "simple-log\nlog-file=stdout\n";
+    if (setup.certificate.empty())
+        text += "no-tls\nno-dtls\n";
+    else
+        text += "tls-listening-port=5349\nno-tlsv1\nno-tlsv1_1\nno-dtls\ncert=" + setup.certificate +
+                "\npkey=" + setup.key + '\n';
+    for (const char *network : denied)
+        text += std::string("denied-peer-ip=") + network + '\n';
+    return text;
+}
+
+/// Readable by its owner and group alone.
+void writeNew(const std::string &path, const std::string &text)
+{
+    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0640);
+    if (file < 0 && errno == EEXIST)
+        throw std::invalid_argument(path + " exists already and stays as it is; name another --folder");
+    const bool isWritten =
+        file >= 0 && write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size()) && fsync(file) == 0;
+    const int reason = errno;
+    if (file >= 0)
+        close(file);
+    if (isWritten)
+        return;
+    if (file >= 0)
+        unlink(path.c_str());
+    throw std::system_error(reason, std::generic_category(), "cannot write " + path);
+}
+} // namespace
+
+std::string Setup::run() const
+{
+    if (certificate.empty() != key.empty())
+        throw std::invalid_argument("--certificate and --key belong together");
+    std::filesystem::create_directories(folder);
+    const std::string server = folder + "/nat-rendezvousd.conf";
+    const std::string coturn = folder + "/turnserver.conf";
+    const std::string turnSecret = introduction::textOf(introduction::freshKey());
+    writeNew(server, ofServer(host, introduction::textOf(introduction::freshKey()), turnSecret));
+    try {
+        writeNew(coturn, ofCoturn(*this, turnSecret));
+    } catch (...) {
+        unlink(server.c_str());
+        throw;
+    }
+    return "Wrote " + server + " and " + coturn +
+           ". Keep a copy: without the secret all boxes must join anew.\n"
+           "Open to the internet:\n"
+           "  UDP 7000             nat-rendezvousd\n"
+           "  UDP and TCP 3478     coturn\n" +
+           (certificate.empty() ? "" : "  TCP 5349             coturn, TLS\n") +
+           "  UDP 49152 to 65535   coturn, what it carries\n"
+           "Then run nat-rendezvousd serve and turnserver -c " +
+           coturn + ",\nand for each box nat-rendezvousd token UUID.\n";
+}
