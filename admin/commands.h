@@ -18,6 +18,9 @@ QString init(const Request &request);
 QString get(const Request &request);
 QString set(const Request &request);
 
+QString join(const Request &request);
+QString leave(const Request &request);
+
 QString peers(const Request &request);
 QString addPeer(const Request &request);
 QString connectPeer(const Request &request);

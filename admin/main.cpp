@@ -25,6 +25,14 @@ get [NAME] [--json]
 set NAME VALUE
     Checks the value and changes the setting.
       nat-relay-admin set server_hostname relay.example.net
+join 'LINE'
+    Has the box register at a rendezvous server, where its peers call it from anywhere.
+    LINE is what nat-rendezvousd token printed there. Peers added from then on need no
+    address.
+      nat-relay-admin join 'relay.example.net:7000 0123...'
+leave
+    Undoes join.
+      nat-relay-admin leave
 peers [--json]
     Lists the peers: UUID, address, ports and status.
       nat-relay-admin peers
@@ -34,8 +42,9 @@ add-peer [--address IP[:PORT]] [--port PORT] [--box-address HOST:PORT] [--out FI
     --address      where the relay may call the peer; without it, or without a port,
                    the relay waits until the peer calls
     --port         the port of an --address that has none
-    --box-address  where the peer reaches the box; without it the peer has to find
-                   the box on its own network
+    --box-address  where the peer reaches the box; without it the peer finds the box
+                   on its own network, and through the rendezvous server that the box
+                   has joined
       nat-relay-admin add-peer --box-address box.example.net:5000 --out peer.ini
 connect UUID [--address IP:PORT]
     Has the relay call a peer, through the routers of both sides.
@@ -68,6 +77,8 @@ const QList<Command> &commands()
     static const QList<Command> all{{QStringLiteral("init"), 0, 0, {}, false, admin::init},
                                     {QStringLiteral("get"), 0, 1, {}, true, admin::get},
                                     {QStringLiteral("set"), 2, 2, {}, false, admin::set},
+                                    {QStringLiteral("join"), 1, 2, {}, false, admin::join},
+                                    {QStringLiteral("leave"), 0, 0, {}, false, admin::leave},
                                     {QStringLiteral("peers"), 0, 0, {}, true, admin::peers},
                                     {QStringLiteral("add-peer"), 0, 0, ofNewPeer, true, admin::addPeer},
                                     {QStringLiteral("connect"), 1, 1, {address}, false, admin::connectPeer},
@@ -140,8 +151,8 @@ int main(int argc, char **argv)
     const auto command = std::find_if(commands().cbegin(), commands().cend(),
                                       [&name](const Command &candidate) { return candidate.name == name; });
     if (command == commands().cend())
-        return complain(QStringLiteral("the command must be one of init, get, set, peers, add-peer, connect and "
-                                       "remove-peer; see nat-relay-admin --help"));
+        return complain(QStringLiteral("the command must be one of init, get, set, join, leave, peers, add-peer, "
+                                       "connect and remove-peer; see nat-relay-admin --help"));
     // A value may begin with a hyphen, and is told better what is wrong with it than that it is no option.
     if (name == QLatin1String("set") && !arguments.contains(QStringLiteral("--help")))
         arguments.insert(1, QStringLiteral("--"));

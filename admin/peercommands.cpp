@@ -5,6 +5,7 @@
 #include "handover/endpoint.h"
 #include "handover/peerfile.h"
 #include "handover/valuecheck.h"
+#include "introduction/secrets.h"
 #include "store/boxstore.h"
 
 #include <QJsonArray>
@@ -52,15 +53,35 @@ void setRoute(StoredPeer *peer, const Endpoint &endpoint)
     peer->udpPortRemote = endpoint.port == Endpoint::noPort ? StoredPeer::noPort : endpoint.port;
 }
 
+/// What the peer needs to call the box; nothing where the box has joined no rendezvous server.
+void addIntroduction(PeerFile *file, const QMap<QString, QString> &settings)
+{
+    const auto bytes = [&settings](const char *name) {
+        return settings.value(QString::fromLatin1(name)).toStdString();
+    };
+    const auto boxToken = introduction::keyOf(bytes("nat_introduction_token"));
+    const auto boxKey = introduction::keyOf(bytes("nat_introduction_key"));
+    const auto peer = introduction::uuidOf(file->uuid.toStdString());
+    if (!boxToken || !boxKey || !peer)
+        return;
+    file->server = settings.value(QStringLiteral("nat_introduction_server"));
+    if (file->server.isEmpty())
+        return;
+    file->token = QString::fromStdString(introduction::textOf(introduction::peerToken(*boxToken, *peer)));
+    file->callKey = QString::fromStdString(introduction::textOf(introduction::callKey(*boxKey, *peer)));
+}
+
 PeerFile newPeerFile(const BoxStore &store, const QString &boxAddress)
 {
     const auto settings = store.settings();
-    PeerFile file{store.error(),
-                  QUuid::createUuid().toString(),
-                  settings.value(QStringLiteral("uuid")),
-                  boxAddress,
-                  settings.value(QStringLiteral("aes_key")),
-                  settings.value(QStringLiteral("aes_iv"))};
+    PeerFile file;
+    file.error = store.error();
+    file.uuid = QUuid::createUuid().toString();
+    file.boxUuid = settings.value(QStringLiteral("uuid"));
+    file.address = boxAddress;
+    file.key = settings.value(QStringLiteral("aes_key"));
+    file.iv = settings.value(QStringLiteral("aes_iv"));
+    addIntroduction(&file, settings);
     if (file.error.isEmpty())
         file.error = file.check({QStringLiteral("uuid in the store"), QStringLiteral("aes_key in the store"),
                                  QStringLiteral("aes_iv in the store")});

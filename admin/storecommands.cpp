@@ -97,10 +97,8 @@ QString admin::set(const Request &request)
         if (settings.value(other).toInt() == value.toInt())
             return QStringLiteral("%1 must be another port than %2, which is %3").arg(name, other, value);
     }
-    if (settings.contains(name))
-        store.changeSetting(name, value);
-    else if (store.error().isEmpty())
-        store.addSetting(name, value);
+    if (store.error().isEmpty())
+        store.put({{name, value}});
     if (!store.error().isEmpty())
         return store.error();
 

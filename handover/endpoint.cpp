@@ -42,6 +42,15 @@ bool isOfOneMachine(const QHostAddress &address)
     return plain != QHostAddress(QHostAddress::AnyIPv4) && plain != QHostAddress(QHostAddress::AnyIPv6) &&
            plain != QHostAddress(QHostAddress::Broadcast) && !plain.isMulticast();
 }
+
+/// Reads HOST:PORT, where HOST is a name or an address; `demand` is what the error begins with.
+Endpoint ofHost(const QString &text, const QString &demand)
+{
+    Endpoint endpoint = split(text);
+    if (endpoint.port == Endpoint::noPort || !(isAddress(endpoint.host) || valuecheck::isHostName(endpoint.host)))
+        endpoint.error = demand + QStringLiteral(" or [2001:db8::7]:5000, with a port from 1 to 65535");
+    return endpoint;
+}
 } // namespace
 
 Endpoint Endpoint::ofAddress(const QString &text)
@@ -63,11 +72,12 @@ Endpoint Endpoint::ofPeer(const QString &text)
 
 Endpoint Endpoint::ofBox(const QString &text)
 {
-    Endpoint endpoint = split(text);
-    if (endpoint.port == noPort || !(isAddress(endpoint.host) || valuecheck::isHostName(endpoint.host)))
-        endpoint.error = QStringLiteral("the box's address must be HOST:PORT like box.example.net:5000 or "
-                                        "[2001:db8::7]:5000, with a port from 1 to 65535");
-    return endpoint;
+    return ofHost(text, QStringLiteral("the box's address must be HOST:PORT like box.example.net:5000"));
+}
+
+Endpoint Endpoint::ofServer(const QString &text)
+{
+    return ofHost(text, QStringLiteral("the rendezvous server must be HOST:PORT like relay.example.net:7000"));
 }
 
 int Endpoint::portOf(const QString &text)

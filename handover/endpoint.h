@@ -19,6 +19,9 @@ struct Endpoint {
     /// Reads HOST:PORT, where HOST is a name or an address.
     static Endpoint ofBox(const QString &text);
 
+    /// The same, of a rendezvous server.
+    static Endpoint ofServer(const QString &text);
+
     /// A port from 1 to 65535, or noPort when the text is none.
     static int portOf(const QString &text);
 };

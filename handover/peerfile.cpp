@@ -17,12 +17,15 @@ struct Field {
     QString PeerFile::*value;
 };
 
-// In the order of the file. An address that is empty is left out.
+// In the order of the file. What is empty is left out.
 constexpr Field fields[] = {{"peer", "uuid", &PeerFile::uuid},
                             {"box", "uuid", &PeerFile::boxUuid},
                             {"box", "address", &PeerFile::address},
                             {"box", "key", &PeerFile::key},
-                            {"box", "iv", &PeerFile::iv}};
+                            {"box", "iv", &PeerFile::iv},
+                            {"introduction", "server", &PeerFile::server},
+                            {"introduction", "token", &PeerFile::token},
+                            {"introduction", "key", &PeerFile::callKey}};
 } // namespace
 
 PeerFile PeerFile::read(const QString &path)
@@ -47,9 +50,14 @@ PeerFile PeerFile::read(const QString &path)
 
 QString PeerFile::check(const Names &names) const
 {
-    const QString wrong = valuecheck::firstError({valuecheck::uuid(uuid, QStringLiteral("uuid in [peer]")),
-                                                  valuecheck::uuid(boxUuid, names.uuid), box().error,
-                                                  valuecheck::key(key, names.key), valuecheck::iv(iv, names.iv)});
+    QStringList errors{valuecheck::uuid(uuid, QStringLiteral("uuid in [peer]")), valuecheck::uuid(boxUuid, names.uuid),
+                       box().error, valuecheck::key(key, names.key), valuecheck::iv(iv, names.iv)};
+    if (!(server + token + callKey).isEmpty()) {
+        const QString where = QStringLiteral(" in [introduction]");
+        errors += {Endpoint::ofServer(server).error, valuecheck::longKey(token, QStringLiteral("token") + where),
+                   valuecheck::longKey(callKey, QStringLiteral("key") + where)};
+    }
+    const QString wrong = valuecheck::firstError(errors);
     return wrong.isEmpty() && uuid == boxUuid ? QStringLiteral("uuid in [peer] must be the peer's own, not the box's")
                                               : wrong;
 }
@@ -59,17 +67,24 @@ Endpoint PeerFile::box() const
     return address.isEmpty() ? Endpoint() : Endpoint::ofBox(address);
 }
 
+Endpoint PeerFile::rendezvous() const
+{
+    return server.isEmpty() ? Endpoint() : Endpoint::ofServer(server);
+}
+
 QByteArray PeerFile::toIni() const
 {
     QString text;
     QLatin1String section;
     for (const Field &field : fields) {
+        const QString &value = this->*field.value;
+        if (value.isEmpty())
+            continue;
         if (section != QLatin1String(field.section)) {
             section = QLatin1String(field.section);
             text += QStringLiteral("[%1]\n").arg(section);
         }
-        if (const QString &value = this->*field.value; !value.isEmpty())
-            text += QStringLiteral("%1=%2\n").arg(QLatin1String(field.key), value);
+        text += QStringLiteral("%1=%2\n").arg(QLatin1String(field.key), value);
     }
     return text.toUtf8();
 }
@@ -78,9 +93,11 @@ QByteArray PeerFile::toJson() const
 {
     QJsonObject sections;
     for (const Field &field : fields) {
+        const QString &value = this->*field.value;
+        if (value.isEmpty())
+            continue;
         QJsonObject section = sections.value(QLatin1String(field.section)).toObject();
-        if (const QString &value = this->*field.value; !value.isEmpty())
-            section.insert(QLatin1String(field.key), value);
+        section.insert(QLatin1String(field.key), value);
         sections.insert(QLatin1String(field.section), section);
     }
     return QJsonDocument(sections).toJson();

@@ -13,6 +13,14 @@
 namespace
 {
 constexpr int longestHostName = 253; // characters, RFC 1035
+constexpr int longKeyLength = 32;    // bytes
+
+QString checkDigits(const QString &text, const QString &name, int bytes)
+{
+    const QRegularExpression hex(QStringLiteral("\\A[0-9a-fA-F]{%1}\\z").arg(2 * bytes));
+    return hex.match(text).hasMatch() ? QString()
+                                      : QStringLiteral("%1 must be %2 hexadecimal digits").arg(name).arg(2 * bytes);
+}
 } // namespace
 
 QString valuecheck::uuid(const QString &text, const QString &name)
@@ -24,10 +32,12 @@ QString valuecheck::uuid(const QString &text, const QString &name)
 
 QString valuecheck::key(const QString &text, const QString &name)
 {
-    static const QRegularExpression hex(QStringLiteral("\\A[0-9a-fA-F]{%1}\\z").arg(2 * cipher::blockLength));
-    return hex.match(text).hasMatch()
-               ? QString()
-               : QStringLiteral("%1 must be %2 hexadecimal digits").arg(name).arg(2 * cipher::blockLength);
+    return checkDigits(text, name, cipher::blockLength);
+}
+
+QString valuecheck::longKey(const QString &text, const QString &name)
+{
+    return checkDigits(text, name, longKeyLength);
 }
 
 QString valuecheck::iv(const QString &text, const QString &name)

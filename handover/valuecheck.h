@@ -16,6 +16,9 @@ QString key(const QString &text, const QString &name);
 /// Like a key, and none of its bytes is zero.
 QString iv(const QString &text, const QString &name);
 
+/// 64 hexadecimal digits: the tokens and keys of the introduction.
+QString longKey(const QString &text, const QString &name);
+
 /// The first text that is not empty; empty when there is none.
 QString firstError(const QStringList &errors);
 

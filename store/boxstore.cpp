@@ -58,14 +58,15 @@ QMap<QString, QString> BoxStore::settings() const
     return settings;
 }
 
-void BoxStore::changeSetting(const QString &name, const QString &value) const
+void BoxStore::put(const QMap<QString, QString> &settings) const
 {
-    run("UPDATE `box`.`settings` SET value = ? WHERE name = ?", {value, name});
-}
-
-void BoxStore::addSetting(const QString &name, const QString &value) const
-{
-    run("INSERT INTO `box`.`settings`(name, value, access_key) VALUES (?, ?, ?)", {name, value, accessKeyOf(name)});
+    QByteArray sql("REPLACE INTO `box`.`settings`(name, value, access_key) VALUES ");
+    QList<QString> params;
+    for (auto setting = settings.cbegin(); setting != settings.cend(); ++setting) {
+        sql += params.isEmpty() ? "(?, ?, ?)" : ", (?, ?, ?)";
+        params += {setting.key(), setting.value(), accessKeyOf(setting.key())};
+    }
+    run(sql.constData(), params);
 }
 
 QList<StoredPeer> BoxStore::peers() const
@@ -101,5 +102,6 @@ void BoxStore::removePeer(const QString &uuid) const
 
 QString BoxStore::accessKeyOf(const QString &setting)
 {
-    return setting == QLatin1String("uuid") ? hostcalls::accessKey() : hostcalls::noAccessKey();
+    const bool isProtected = setting == QLatin1String("uuid") || setting.startsWith(QLatin1String("nat_introduction_"));
+    return isProtected ? hostcalls::accessKey() : hostcalls::noAccessKey();
 }

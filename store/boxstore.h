@@ -29,8 +29,8 @@ public:
     QString error() const;
 
     QMap<QString, QString> settings() const;
-    void changeSetting(const QString &name, const QString &value) const;
-    void addSetting(const QString &name, const QString &value) const;
+    /// Changes or adds them, all or none.
+    void put(const QMap<QString, QString> &settings) const;
 
     QList<StoredPeer> peers() const;
     void addPeer(const StoredPeer &peer) const;

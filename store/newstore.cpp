@@ -72,6 +72,8 @@ public:
     bool fillSettings(const QString &table)
     {
         for (const SettingRule &rule : SettingRule::all()) {
+            if (rule.initial == nullptr)
+                continue;
             const QString name = QString::fromLatin1(rule.name);
             if (!run(QStringLiteral("INSERT INTO %1(name, value, access_key) VALUES (?, ?, ?)").arg(table),
                      {name, rule.initial(), BoxStore::accessKeyOf(name)}))

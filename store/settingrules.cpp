@@ -2,6 +2,7 @@
 
 #include "store/settingrules.h"
 
+#include "handover/endpoint.h"
 #include "handover/valuecheck.h"
 #include "protocol/cipher.h"
 
@@ -52,6 +53,11 @@ QString checkHostName(const QString &value, const QString &name)
                                 "backwards would stall the relay for seconds")
                      .arg(name);
 }
+
+QString checkServer(const QString &value, const QString & /*name*/)
+{
+    return value.isEmpty() ? QString() : Endpoint::ofServer(value).error;
+}
 } // namespace
 
 const QList<SettingRule> &SettingRule::all()
@@ -67,7 +73,11 @@ const QList<SettingRule> &SettingRule::all()
         {"nat_connectioninterval", [] { return QStringLiteral("5000"); }, checkCount<1>, Effect::Soon},
         {"nat_maxconnecttries", [] { return QStringLiteral("3"); }, checkCount<0>, Effect::Soon},
         {"aes_key", [] { return freshBytes(0); }, valuecheck::key, Effect::WithPeers},
-        {"aes_iv", [] { return freshBytes(1); }, valuecheck::iv, Effect::WithPeers}};
+        {"aes_iv", [] { return freshBytes(1); }, valuecheck::iv, Effect::WithPeers},
+        // Of nat-relay-agent; the relay does not read them.
+        {"nat_introduction_server", nullptr, checkServer, Effect::WithPeers},
+        {"nat_introduction_token", nullptr, valuecheck::longKey, Effect::WithPeers},
+        {"nat_introduction_key", nullptr, valuecheck::longKey, Effect::WithPeers}};
     return rules;
 }
 

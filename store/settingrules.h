@@ -12,12 +12,12 @@ struct SettingRule {
     };
 
     const char *name;
-    QString (*initial)(); // for a new store
+    QString (*initial)(); // for a new store; null: it has none
     /// Empty text, or what is wrong with the value, which is called `name`.
     QString (*check)(const QString &value, const QString &name);
     Effect effect;
 
-    /// Every setting that the relay reads.
+    /// Every setting that the programs of the box read.
     static const QList<SettingRule> &all();
 
     /// Null when there is no such setting.

@@ -72,7 +72,8 @@ class AdminTest : public QObject
             QCOMPARE(Database("Test").getSetting(name, ""), QByteArray(name) == "uuid" ? "" : value);
         }
         QCOMPARE(QJsonDocument(settings).toJson(QJsonDocument::Compact),
-                 R"({"nat_connectioninterval":"5000","nat_maxconnecttries":"3","nat_server_udpport":"7000",)"
+                 R"({"nat_connectioninterval":"5000","nat_introduction_key":null,"nat_introduction_server":null,)"
+                 R"("nat_introduction_token":null,"nat_maxconnecttries":"3","nat_server_udpport":"7000",)"
                  R"("nat_server_update_interval":"300","nat_tcpport":"80","nat_udpport":"5000","nat_udpportdiscover":"5001",)"
                  R"("server_hostname":"localhost"})");
 
@@ -210,6 +211,38 @@ private slots:
             QVERIFY2(table.contains(status) && !table.contains('\x1b'), table);
     }
 
+    void joinHandsOverWhatCallsNeed()
+    {
+        const QByteArray token(64, 'b');
+        const auto added = [this](const QString &name) {
+            const bool isAdded = run({"add-peer", "--out", path(name)}).status == 0;
+            const PeerFile file = PeerFile::read(path(name));
+            return isAdded && file.error.isEmpty() ? file : PeerFile();
+        };
+        for (const QByteArray &line : {"box.example.net:7000 " + token + "b", "box.example.net " + token, token})
+            QVERIFY(run({"join", line}).refuses("HOST:PORT and 64 hexadecimal digits") && setting("nat_introduction_server").isEmpty());
+        QVERIFY(run({"leave"}).refuses("joined no rendezvous server"));
+        QVERIFY(run({"join", "box.example.net:7001 " + token + "\n"}).status == 0 && setting("server_hostname") == "box.example.net");
+        const QString key = setting("nat_introduction_key");
+        QCOMPARE(sql("SELECT count(*) FROM `box`.`settings` WHERE name LIKE 'nat_introduction_%' AND access_key != ''").at(0).at(0), "3");
+        QVERIFY(setting("nat_server_udpport") == "7001" && setting("nat_introduction_token") == token && key.size() == 64);
+
+        const PeerFile first = added("first.ini");
+        const PeerFile second = added("second.ini");
+        QVERIFY(first.rendezvous().host == "box.example.net" && first.rendezvous().port == 7001);
+        QVERIFY2(first.token != second.token && first.callKey != second.callKey && first.token != token && first.callKey != key,
+                 "each peer has its own");
+        const auto half = content("first.ini").split('\n').mid(0, 8).join('\n');
+        write("half.ini", half);
+        QVERIFY(PeerFile::read(path("half.ini")).error.contains("token in [introduction] must be 64"));
+
+        QVERIFY(run({"join", "192.0.2.1:7000", token}).output.contains("were added at box.example.net:7001 cannot call"));
+        QVERIFY(setting("server_hostname") == "box.example.net" && setting("nat_introduction_key") == key);
+        QVERIFY(run({"leave"}).status == 0 && setting("nat_introduction_token").isEmpty() && setting("nat_introduction_key") == key);
+        QVERIFY(content("first.ini").contains("[introduction]") && added("third.ini").server.isEmpty());
+        QVERIFY(!content("third.ini").contains("[introduction]"));
+    }
+
     void refusalsChangeNothing()
     {
         write("taken", "a letter");
@@ -275,7 +308,7 @@ private slots:
         for (const QStringList &words : {QStringList("--help"), {"set", "--help"}, {"peers", "-h"}}) {
             const Result result = run(words);
             QVERIFY(result.status == 0 && result.error.isEmpty());
-            for (const char *command : {"init", "get", "set", "peers", "add-peer", "connect", "remove-peer"})
+            for (const char *command : {"init", "get", "set", "join", "leave", "peers", "add-peer", "connect", "remove-peer"})
                 QVERIFY2(result.output.contains(QByteArray("\n      nat-relay-admin ") + command), command);
         }
     }
