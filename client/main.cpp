@@ -25,13 +25,13 @@ const QList<Command> &commands()
     return all;
 }
 
-BoxPath::Options pathOptions(const CommandLine &line)
+BoxPath::Options pathOptions(const CommandLine &line, const PeerFile &peer)
 {
     constexpr std::chrono::seconds punchLimit(60); // through all steps
     BoxPath::Options how;
     how.udpPort = static_cast<quint16>(line.number("udp-port"));
     how.keepAlive = std::chrono::seconds(line.number("keep-alive"));
-    how.punch = line.isSet("punch");
+    how.punch = line.isSet("punch") || !peer.server.isEmpty();
     const std::chrono::seconds timeout(line.number("timeout"));
     how.openLimit = how.punch ? std::max(punchLimit, timeout) : std::min(how.openLimit, timeout);
     how.datagramsPerMinute = line.number("punch-rate");
@@ -56,7 +56,7 @@ int main(int argc, char **argv)
     if (!command.needsPath)
         return command.run({line, peer, nullptr, nullptr});
 
-    BoxPath path(peer, pathOptions(line));
+    BoxPath path(peer, pathOptions(line, peer));
     if (!path.error().isEmpty())
         return complain(path.error());
     QObject::connect(&path, &BoxPath::progress, tell);

@@ -5,9 +5,9 @@
 
 #include "client/path/byaddress.h"
 #include "client/path/bydiscovery.h"
+#include "client/path/byintroduction.h"
 #include "protocol/cipher.h"
 #include "protocol/datagram.h"
-#include "protocol/datagramio.h"
 #include "protocol/uuidscan.h"
 
 #include <sys/resource.h>
@@ -23,6 +23,8 @@ constexpr auto tickSpacing = 20ms;
 constexpr std::chrono::milliseconds answerSpacing = 100ms; // a burst brings up to 800 datagrams at once
 constexpr qintptr spareDescriptors = 300;                  // for connections of browsers
 constexpr std::chrono::milliseconds echoTime = 1s;
+constexpr std::chrono::milliseconds improveLimit = 60s; // through all steps of knocking
+constexpr auto carrierRest = 30s;                       // what the box has under way is still carried after a move
 
 bool isOver(const QElapsedTimer &timer, std::chrono::milliseconds time)
 {
@@ -35,13 +37,15 @@ BoxPath::BoxPath(const PeerFile &peer, const Options &options, QObject *parent)
       m_iv(QByteArray::fromHex(peer.iv.toLatin1())), m_options(options),
       m_plan(options.punch, options.datagramsPerMinute)
 {
-    if (peer.address.isEmpty())
-        addWay(new ByDiscovery(m_uuid, m_boxUuid, this));
-    else
-        addWay(new ByAddress(peer.box(), this));
     if (!addSocket(options.udpPort))
         m_error = QStringLiteral("UDP port %1 cannot be used: another program may have it; choose another one")
                       .arg(options.udpPort);
+    else if (!peer.server.isEmpty())
+        addWay(new ByIntroduction(peer, m_sockets.constFirst(), this));
+    if (!peer.address.isEmpty())
+        addWay(new ByAddress(peer.box(), this));
+    else if (peer.server.isEmpty())
+        addWay(new ByDiscovery(m_uuid, m_boxUuid, this));
     m_ticks.setInterval(tickSpacing);
     m_keepAlive.setInterval(options.keepAlive);
     connect(&m_ticks, &QTimer::timeout, this, &BoxPath::tick);
@@ -51,24 +55,74 @@ BoxPath::BoxPath(const PeerFile &peer, const Options &options, QObject *parent)
 void BoxPath::addWay(Way *way)
 {
     m_ways.append(way);
-    connect(way, &Way::found, this,
-            [this](const QList<QHostAddress> &addresses, quint16 port) { m_plan.aimAt(addresses, port); });
+    connect(way, &Way::found, this, [this, way](const QList<Target> &targets) {
+        m_found[way] = targets;
+        aim();
+    });
+    connect(way, &Way::carrierFound, this, &BoxPath::useCarrier);
     connect(way, &Way::failed, this, [this](const QString &reason) {
-        if (--m_waysLeft == 0)
+        if (--m_waysLeft == 0 && m_isOpening)
             giveUp(reason);
     });
 }
 
 bool BoxPath::addSocket(quint16 port)
 {
-    auto *socket = new QUdpSocket(this);
-    if (!socket->bind(QHostAddress(QHostAddress::Any), port, QUdpSocket::DontShareAddress)) {
+    auto *socket = new UdpChannel(this);
+    if (!socket->open(port)) {
         delete socket;
         return false;
     }
-    connect(socket, &QUdpSocket::readyRead, this, [this, socket] { readDatagrams(socket); });
+    connect(socket, &Channel::received, this,
+            [this, socket](const QByteArray &data, const QHostAddress &from, quint16 senderPort) {
+                if (m_sockets.contains(socket))
+                    hear(socket, data, from, senderPort);
+            });
     m_sockets.append(socket);
     return true;
+}
+
+void BoxPath::aim()
+{
+    QList<Target> targets;
+    for (const QList<Target> &ofWay : qAsConst(m_found)) {
+        for (const Target &target : ofWay) {
+            if (!targets.contains(target))
+                targets.append(target);
+        }
+    }
+    m_plan.aimAt(targets);
+    for (const Target &target : qAsConst(targets)) {
+        if (m_carrier != nullptr)
+            m_carrier->permit(target.address);
+    }
+}
+
+void BoxPath::useCarrier(const TurnAccount &account)
+{
+    if (m_carrier != nullptr)
+        return;
+    m_carrier = new TurnChannel(account, this);
+    connect(
+        m_carrier, &Channel::received, this,
+        [this](const QByteArray &data, const QHostAddress &from, quint16 port) { hear(m_carrier, data, from, port); });
+    connect(m_carrier, &TurnChannel::opened, this, [this](const QHostAddress &relayed, quint16 port) {
+        for (Way *way : qAsConst(m_ways))
+            way->useRelayed(relayed, port);
+    });
+    connect(m_carrier, &TurnChannel::failed, this, &BoxPath::progress);
+    aim();
+}
+
+void BoxPath::dropCarrier()
+{
+    if (m_carrier == nullptr)
+        return;
+    if (m_channel == m_carrier)
+        m_channel = nullptr;
+    m_carrier->disconnect(this);
+    m_carrier->deleteLater(); // it may be what is telling us something
+    m_carrier = nullptr;
 }
 
 bool BoxPath::isFresh() const
@@ -79,12 +133,15 @@ bool BoxPath::isFresh() const
 void BoxPath::send(const QByteArray &plain)
 {
     m_sinceSend.start();
-    m_socket->writeDatagram(cipher::encipher(plain, m_key, m_iv), m_address, m_port);
+    m_channel->send(cipher::encipher(plain, m_key, m_iv), m_address, m_port);
 }
 
 void BoxPath::open()
 {
+    stopKnocking();
     m_isOpening = true;
+    dropCarrier(); // its server may not be reached the same way any more
+    m_found.clear();
     m_undeciphered = 0;
     m_sinceOpening.start();
     m_plan.begin();
@@ -96,8 +153,10 @@ void BoxPath::open()
 
 void BoxPath::tick()
 {
-    if (isOver(m_sinceOpening, m_options.openLimit))
+    if (m_isOpening && isOver(m_sinceOpening, m_options.openLimit))
         return giveUp(silence());
+    if (!m_isOpening && isOver(m_sinceOpening, improveLimit))
+        return stopKnocking();
     if (!m_plan.hasTarget())
         return;
     if (m_plan.isStepOver())
@@ -106,8 +165,8 @@ void BoxPath::tick()
     for (const Knock &next : knocks)
         knock(m_sockets.at(next.socket), next.address, next.port);
     // Where the box has knocked, until it answers.
-    if (m_socket != nullptr && isOver(m_sinceKnock, KnockPlan::gentleSpacing))
-        knock(m_socket, m_address, m_port);
+    if (m_isOpening && m_channel != nullptr && isOver(m_sinceKnock, KnockPlan::gentleSpacing))
+        knock(m_channel, m_address, m_port);
 }
 
 void BoxPath::nextStep()
@@ -116,79 +175,120 @@ void BoxPath::nextStep()
     rlimit descriptors = {};
     getrlimit(RLIMIT_NOFILE, &descriptors);
     const auto most = static_cast<qintptr>(descriptors.rlim_cur) - spareDescriptors;
-    while (m_sockets.size() < wanted && m_sockets.constLast()->socketDescriptor() < most && addSocket(0)) {
+    while (m_sockets.size() < wanted && m_sockets.constLast()->descriptor() < most && addSocket(0)) {
     }
     m_plan.useSockets(m_sockets.size());
-    emit progress(m_plan.text());
+    for (Way *way : qAsConst(m_ways))
+        way->help();
+    if (m_isOpening)
+        emit progress(m_plan.text());
 }
 
-void BoxPath::knock(QUdpSocket *socket, const QHostAddress &address, quint16 port)
+void BoxPath::knock(Channel *channel, const QHostAddress &address, quint16 port)
 {
     const QByteArray plain = datagram::link(DatagramKind::KeepAlive, m_uuid, m_boxUuid);
-    socket->writeDatagram(cipher::encipher(plain, m_key, m_iv), address, port);
-    if (socket == m_socket)
+    channel->send(cipher::encipher(plain, m_key, m_iv), address, port);
+    if (channel == m_channel)
         m_sinceKnock.start();
 }
 
-void BoxPath::readDatagrams(QUdpSocket *socket)
+void BoxPath::hear(Channel *channel, const QByteArray &data, const QHostAddress &from, quint16 port)
 {
-    do {
-        QHostAddress address;
-        quint16 port = 0;
-        const QByteArray data = datagram::take(socket, &address, &port);
-        if (data.isEmpty())
-            continue;
-        const QByteArray plain = cipher::decipher(data, m_key, m_iv);
-        if (datagram::findUuids(plain) != QStringList{m_boxUuid, m_uuid}) {
-            m_undeciphered += m_plan.isTarget(address) ? 1 : 0;
-            continue;
+    if (channel == m_sockets.constFirst()) {
+        for (Way *way : qAsConst(m_ways)) {
+            if (way->take(data, from, port))
+                return;
         }
-        if (!m_isOpening && socket != m_socket)
-            continue;
-        m_socket = socket;
-        m_address = address;
-        m_port = port;
-        m_sinceHeard.start();
-        take(plain);
-    } while (m_sockets.contains(socket) && socket->hasPendingDatagrams());
+    }
+    const QByteArray plain = cipher::decipher(data, m_key, m_iv);
+    if (datagram::findUuids(plain) == QStringList{m_boxUuid, m_uuid})
+        take(channel, plain, from, port);
+    else
+        m_undeciphered += m_plan.isTarget(from) ? 1 : 0;
 }
 
-void BoxPath::take(const QByteArray &plain)
+void BoxPath::take(Channel *channel, const QByteArray &plain, const QHostAddress &from, quint16 port)
 {
+    const bool isPresent = m_isOpening || channel == m_channel;
+    const bool isBetter = m_isImproving && channel->isDirect();
+    const bool isLate = channel == m_carrier; // what was under way before a move
+    if (!isPresent && !isBetter && !isLate)
+        return;
+    if (isPresent) {
+        m_channel = channel;
+        m_address = from;
+        m_port = port;
+        m_sinceHeard.start();
+    }
     const bool isKnock = static_cast<DatagramKind>(plain.at(0)) == DatagramKind::ConnectRequest;
-    const bool isEcho = !m_isOpening && !isOver(m_sinceSend, echoTime); // of a ConnectRequest of ours
-    if (isKnock && !isEcho && isOver(m_sinceKnock, answerSpacing))
-        knock(m_socket, m_address, m_port);
+    const bool isEcho = !m_isOpening && isPresent && !isOver(m_sinceSend, echoTime); // of a ConnectRequest of ours
+    if (isKnock && !isEcho && (isBetter || isOver(m_sinceKnock, answerSpacing)))
+        knock(channel, from, port);
     if (m_isOpening && !isKnock)
         settle();
+    else if (isBetter && !isPresent && !isKnock)
+        move(channel, from, port);
     emit received(plain);
 }
 
 void BoxPath::settle()
 {
-    stopOpening();
+    m_isOpening = false;
+    m_openingTime = m_sinceOpening.elapsed();
     m_undeciphered = 0;
     m_keepAlive.start();
+    m_isImproving = !m_channel->isDirect();
+    if (!m_isImproving)
+        stopKnocking();
     emit opened();
 }
 
-/// Keeps the first socket, for its local port, and the one on which the box was heard.
-void BoxPath::stopOpening()
+/// What the box has under way still comes where it was asked from; what is asked from now on comes here.
+void BoxPath::move(Channel *channel, const QHostAddress &address, quint16 port)
 {
-    m_isOpening = false;
+    m_channel = channel;
+    m_address = address;
+    m_port = port;
+    m_openingTime = m_sinceOpening.elapsed();
+    stopKnocking();
+    emit moved();
+}
+
+/// Keeps the first socket, for its local port, and the one on which the box was heard.
+void BoxPath::stopKnocking()
+{
+    m_isOpening = m_isImproving = false;
     m_ticks.stop();
     for (Way *way : qAsConst(m_ways))
         way->end();
-    const auto isSpare = [this](QUdpSocket *socket) { return socket != m_socket && socket != m_sockets.constFirst(); };
+    const auto isSpare = [this](UdpChannel *socket) { return socket != m_channel && socket != m_sockets.constFirst(); };
     const auto firstSpare = std::stable_partition(m_sockets.begin() + 1, m_sockets.end(), std::not_fn(isSpare));
-    std::for_each(firstSpare, m_sockets.end(), [](QUdpSocket *socket) { socket->deleteLater(); });
+    std::for_each(firstSpare, m_sockets.end(), [](UdpChannel *socket) { socket->deleteLater(); });
     m_sockets.erase(firstSpare, m_sockets.end());
+    if (m_carrier != nullptr && m_carrier != m_channel)
+        QTimer::singleShot(carrierRest, m_carrier, [this] {
+            if (m_carrier != m_channel && !m_isOpening)
+                dropCarrier();
+        });
 }
 
 void BoxPath::giveUp(const QString &reason)
 {
-    stopOpening();
+    stopKnocking();
     emit failed(reason);
+}
+
+QString BoxPath::how() const
+{
+    if (m_channel == nullptr)
+        return QStringLiteral("not at all");
+    const QString time = QStringLiteral(", after %1 s").arg(static_cast<double>(m_openingTime) / 1000, 0, 'f', 1);
+    if (!m_channel->isDirect())
+        return QStringLiteral("carried by %1").arg(m_carrier->server()) + time;
+    return (m_plan.hasPunched() ? QStringLiteral("punched through the routers to %1")
+                                : QStringLiteral("directly at %1"))
+               .arg(m_address.toString()) +
+           time;
 }
 
 /// Why nobody may have answered.
@@ -206,5 +306,5 @@ QString BoxPath::silence() const
 
 void BoxPath::keepAlive()
 {
-    knock(m_socket, m_address, m_port);
+    knock(m_channel, m_address, m_port);
 }

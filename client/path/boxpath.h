@@ -1,23 +1,26 @@
 #pragma once
 
 #include "client/path/knockplan.h"
+#include "client/path/turnchannel.h"
+#include "client/path/udpchannel.h"
 #include "client/path/way.h"
 #include "handover/peerfile.h"
 
 #include <QByteArray>
 #include <QElapsedTimer>
+#include <QHash>
 #include <QHostAddress>
 #include <QList>
 #include <QObject>
 #include <QString>
 #include <QTimer>
-#include <QUdpSocket>
 
 #include <chrono>
 
 /// The way of the datagrams between a peer and its box: knocks where the box should be until it answers, enciphers,
-/// keeps the path open and follows a box whose address changes. Lives in the event loop of its thread; blocks only
-/// while the box's name is looked up.
+/// keeps the path open and follows a box whose address changes. All ways to find it race; where a server's carrying is
+/// what opens first, it goes on to look for a direct way and moves there. Lives in the event loop of its thread; blocks
+/// only while the box's name is looked up.
 class BoxPath : public QObject
 {
     Q_OBJECT
@@ -43,10 +46,14 @@ public:
     bool isFresh() const;
     /// Sends one datagram, enciphered. Only once the path has been open.
     void send(const QByteArray &plain);
+    /// How the box is reached, for a person to read.
+    QString how() const;
 
 signals:
     void opened();
     void failed(const QString &reason);
+    /// An open path has found a better way, on which it goes on.
+    void moved();
     /// A datagram from the box to this peer, deciphered.
     void received(const QByteArray &plain);
     /// What is tried next, for a person to read.
@@ -55,13 +62,17 @@ signals:
 private:
     void addWay(Way *way);
     bool addSocket(quint16 port);
+    void aim();
+    void useCarrier(const TurnAccount &account);
+    void dropCarrier();
     void tick();
     void nextStep();
-    void knock(QUdpSocket *socket, const QHostAddress &address, quint16 port);
-    void readDatagrams(QUdpSocket *socket);
-    void take(const QByteArray &plain);
+    void knock(Channel *channel, const QHostAddress &address, quint16 port);
+    void hear(Channel *channel, const QByteArray &data, const QHostAddress &from, quint16 port);
+    void take(Channel *channel, const QByteArray &plain, const QHostAddress &from, quint16 port);
     void settle();
-    void stopOpening();
+    void move(Channel *channel, const QHostAddress &address, quint16 port);
+    void stopKnocking();
     void giveUp(const QString &reason);
     QString silence() const;
     void keepAlive();
@@ -74,17 +85,21 @@ private:
     QString m_error;
     QList<Way *> m_ways; // all at the same time
     int m_waysLeft = 0;  // that have not failed
+    QHash<Way *, QList<Target>> m_found;
     KnockPlan m_plan;
-    QList<QUdpSocket *> m_sockets;  // the first one has the local port that was asked for
-    QUdpSocket *m_socket = nullptr; // where the box was heard last, and from which address
+    QList<UdpChannel *> m_sockets; // the first one has the local port that was asked for
+    TurnChannel *m_carrier = nullptr;
+    Channel *m_channel = nullptr; // where the box was heard last, and from which address
     QHostAddress m_address;
     quint16 m_port = 0;
     bool m_isOpening = false;
-    int m_undeciphered = 0; // datagrams since the path was last open
+    bool m_isImproving = false; // open, and still looking for a direct way
+    int m_undeciphered = 0;     // datagrams since the path was last open
     QTimer m_ticks;
     QTimer m_keepAlive;
     QElapsedTimer m_sinceOpening;
     QElapsedTimer m_sinceHeard;
     QElapsedTimer m_sinceSend;
     QElapsedTimer m_sinceKnock; // of ours, where the box was heard
+    qint64 m_openingTime = 0;   // ms that it took
 };

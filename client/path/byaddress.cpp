@@ -13,11 +13,15 @@ void ByAddress::begin()
     const auto port = static_cast<quint16>(m_box.port);
     const QHostAddress literal(m_box.host); // needs no look-up, which would ask for its name
     if (!literal.isNull())
-        return emit found({literal}, port);
+        return emit found({{literal, port}});
     // At once, for nothing can be done without it; and not from the cache of Qt's own look-ups: an address that has
     // changed may be why the path is opened anew.
     const QHostInfo host = QHostInfo::fromName(m_box.host);
-    if (!host.addresses().isEmpty())
-        return emit found(host.addresses(), port);
+    QList<Target> targets;
+    const auto addresses = host.addresses();
+    for (const QHostAddress &address : addresses)
+        targets.append({address, port});
+    if (!targets.isEmpty())
+        return emit found(targets);
     emit failed(QStringLiteral("no address found for %1, the box's host").arg(m_box.host));
 }

@@ -35,7 +35,7 @@ void ByDiscovery::ask()
         if (box.uuid != m_boxUuid)
             return;
         m_isSearching = false;
-        emit found({box.address}, box.udpPort);
+        emit found({{box.address, box.udpPort, false}});
     });
     connect(
         m_discovery.get(), &Discovery::finished, this,

@@ -48,18 +48,19 @@ void KnockPlan::begin()
     beginStep(0);
 }
 
-void KnockPlan::aimAt(const QList<QHostAddress> &addresses, quint16 port)
+void KnockPlan::aimAt(const QList<Target> &targets)
 {
-    m_targets = addresses;
-    m_targetPort = port;
+    if (targets == m_targets)
+        return;
+    m_targets = targets;
     m_round.clear();
     m_sinceRound.invalidate(); // at once
 }
 
 bool KnockPlan::isTarget(const QHostAddress &address) const
 {
-    return std::any_of(m_targets.cbegin(), m_targets.cend(), [&address](const QHostAddress &target) {
-        return target.isEqual(address, QHostAddress::TolerantConversion);
+    return std::any_of(m_targets.cbegin(), m_targets.cend(), [&address](const Target &target) {
+        return target.address.isEqual(address, QHostAddress::TolerantConversion);
     });
 }
 
@@ -120,8 +121,10 @@ QList<Knock> KnockPlan::due()
     QList<Knock> knocks;
     while (!m_round.isEmpty() && m_allowance >= 1) {
         const Planned next = m_round.takeFirst();
-        for (const QHostAddress &address : qAsConst(m_targets)) {
-            knocks.append({next.socket, address, static_cast<quint16>(m_targetPort + next.offset)});
+        for (const Target &target : qAsConst(m_targets)) {
+            if (!target.isBehindRouter && (next.socket > 0 || next.offset != 0))
+                continue; // one socket and one port are all that it takes there
+            knocks.append({next.socket, target.address, static_cast<quint16>(target.port + next.offset)});
             m_allowance--;
         }
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "client/path/target.h"
+
 #include <QElapsedTimer>
 #include <QHostAddress>
 #include <QList>
@@ -27,8 +29,8 @@ public:
     /// The first step, with nowhere to knock yet.
     void begin();
 
-    /// The box should be there, no longer where it was said to be before.
-    void aimAt(const QList<QHostAddress> &addresses, quint16 port);
+    /// The box should be at one of these, no longer where it was said to be before.
+    void aimAt(const QList<Target> &targets);
     bool hasTarget() const { return !m_targets.isEmpty(); }
     bool isTarget(const QHostAddress &address) const;
 
@@ -37,6 +39,8 @@ public:
     /// Goes on; gives the number of sockets that the new step is for. It makes do with what useSockets() says.
     int nextStep();
     void useSockets(int count);
+    /// Whether more than one socket at one port has been needed.
+    bool hasPunched() const { return m_step > 0; }
     /// The present step, for a person to read.
     QString text() const;
 
@@ -54,8 +58,7 @@ private:
 
     const bool m_mayPunch;
     const int m_datagramsPerMinute;
-    QList<QHostAddress> m_targets; // where the box should be
-    quint16 m_targetPort = 0;
+    QList<Target> m_targets;
     int m_step = 0;
     int m_sockets = 1;
     QElapsedTimer m_sinceStep;

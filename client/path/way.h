@@ -1,5 +1,9 @@
 #pragma once
 
+#include "client/path/target.h"
+#include "client/path/turnaccount.h"
+
+#include <QByteArray>
 #include <QHostAddress>
 #include <QList>
 #include <QObject>
@@ -18,12 +22,20 @@ public:
     virtual void begin() = 0;
     /// The path is open, or given up: looks no further.
     virtual void end() {}
+    /// A datagram that came to the path's first socket. Whether it was for this way, and not from the box.
+    virtual bool take(const QByteArray & /*data*/, const QHostAddress & /*from*/, quint16 /*port*/) { return false; }
+    /// The box has not answered for a while, and is knocked at in other ways from now on.
+    virtual void help() {}
+    /// Datagrams to this address and port are carried to the path.
+    virtual void useRelayed(const QHostAddress & /*address*/, quint16 /*port*/) {}
     /// Why nobody may have answered by now, where this way knows better than that the box is silent; else empty.
     virtual QString silence() const { return QString(); }
 
 signals:
-    /// The box should be at one of these addresses, and no longer at those before.
-    void found(const QList<QHostAddress> &addresses, quint16 port);
+    /// The box should be at one of these, and no longer at those that this way told before.
+    void found(const QList<Target> &targets);
+    /// Who would carry datagrams where no direct way opens.
+    void carrierFound(const TurnAccount &account);
     /// This way leads nowhere; one line that says why.
     void failed(const QString &reason);
 };

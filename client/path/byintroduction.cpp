@@ -1,0 +1,244 @@
+// A call is repeated under the same id until it is answered; the box acts on it once. The first datagram to a server is
+// answered with a cookie and the box's nonce, which the next one repeats. What may reach the box or its routers from
+// now on takes its course beside this: the path knocks at what is found here.
+
+#include "client/path/byintroduction.h"
+
+#include "introduction/hostaddress.h"
+
+#include <QHostInfo>
+#include <QNetworkInterface>
+
+#include <algorithm>
+#include <chrono>
+
+using namespace introduction;
+using namespace std::chrono_literals;
+
+namespace
+{
+constexpr std::chrono::milliseconds repeatSpacing = 500ms;
+constexpr std::chrono::milliseconds patientSpacing = 2s; // after a refusal that may pass
+constexpr int sendsPerServer = 4;                        // before the next of its addresses is tried
+constexpr int mostSends = 100;                           // of one call, whatever the server answers
+constexpr int mostOwnAddresses = 8;
+
+QList<QHostAddress> ownAddresses()
+{
+    QList<QHostAddress> addresses;
+    const auto all = QNetworkInterface::allAddresses();
+    for (const QHostAddress &address : all) {
+        if (!address.isLoopback() && !address.isLinkLocal() && addresses.size() < mostOwnAddresses)
+            addresses.append(address);
+    }
+    return addresses;
+}
+
+std::string_view viewOf(const QByteArray &bytes)
+{
+    return {bytes.constData(), static_cast<std::size_t>(bytes.size())};
+}
+
+QByteArray toBytes(std::string_view text)
+{
+    return QByteArray(text.data(), static_cast<int>(text.size()));
+}
+
+/// A peer file that has been read has none but good ones.
+template <typename Value> Value good(const std::optional<Value> &value)
+{
+    return value.value_or(Value());
+}
+} // namespace
+
+ByIntroduction::ByIntroduction(const PeerFile &peer, UdpChannel *channel, QObject *parent)
+    : Way(parent), m_server(peer.rendezvous()), m_box(good(uuidOf(peer.boxUuid.toStdString()))),
+      m_peer(good(uuidOf(peer.uuid.toStdString()))), m_token(good(keyOf(peer.token.toStdString()))),
+      m_key(good(keyOf(peer.callKey.toStdString()))), m_channel(channel)
+{
+    connect(&m_repeat, &QTimer::timeout, this, &ByIntroduction::transmit);
+}
+
+void ByIntroduction::begin()
+{
+    m_isHeard = m_wantsBurst = false;
+    m_relayed = {};
+    m_reason.clear();
+    m_addresses.clear();
+    const QHostAddress literal(m_server.host);
+    if (!literal.isNull()) {
+        m_addresses = {literal};
+        return call();
+    }
+    m_lookup = QHostInfo::lookupHost(m_server.host, this, [this](const QHostInfo &host) {
+        m_lookup = -1;
+        m_addresses = host.addresses();
+        if (m_addresses.isEmpty())
+            return emit failed(QStringLiteral("no address found for %1, the rendezvous server").arg(m_server.host));
+        // Routers that translate are those of IPv4: what the server sees of both sides there is what it takes.
+        std::stable_partition(m_addresses.begin(), m_addresses.end(), [](const QHostAddress &address) {
+            return address.protocol() == QAbstractSocket::IPv4Protocol;
+        });
+        call();
+    });
+}
+
+void ByIntroduction::end()
+{
+    m_repeat.stop();
+    if (m_lookup >= 0)
+        QHostInfo::abortHostLookup(m_lookup);
+    m_lookup = -1;
+}
+
+void ByIntroduction::help()
+{
+    m_wantsBurst = true;
+    if (!m_addresses.isEmpty())
+        call();
+}
+
+void ByIntroduction::useRelayed(const QHostAddress &address, quint16 port)
+{
+    m_relayed = addressOf(address, port);
+    if (!m_addresses.isEmpty())
+        call();
+}
+
+QString ByIntroduction::silence() const
+{
+    if (!m_reason.isEmpty())
+        return m_reason;
+    return m_isHeard ? QStringLiteral("the box answers the rendezvous server, but nothing opens between it and here")
+                     : QStringLiteral("no answer from %1, the rendezvous server: is UDP blocked on this network?")
+                           .arg(m_server.host);
+}
+
+void ByIntroduction::call()
+{
+    m_id = freshNumber();
+    m_sent = 0;
+    m_repeat.start(repeatSpacing);
+    transmit();
+}
+
+void ByIntroduction::transmit()
+{
+    if (++m_sent > mostSends)
+        return m_repeat.stop();
+    if (!m_isHeard && m_sent % (sendsPerServer + 1) == 0)
+        nextServer();
+    const std::string bytes = encode(Call{m_box, m_peer, m_id, m_cookie, sealed()}, m_token);
+    m_channel->send(QByteArray::fromStdString(bytes), m_addresses.constFirst(), static_cast<quint16>(m_server.port));
+}
+
+void ByIntroduction::nextServer()
+{
+    m_addresses.append(m_addresses.takeFirst());
+    m_cookie = 0;
+}
+
+std::string ByIntroduction::sealed() const
+{
+    Items items;
+    items.add(Item::BoxNonce, m_boxNonce);
+    const auto addresses = ownAddresses();
+    for (const QHostAddress &address : addresses)
+        items.add(Item::OwnAddress, addressOf(address, m_channel->port()));
+    if (m_relayed.port != 0)
+        items.add(Item::RelayedAddress, m_relayed);
+    if (m_wantsBurst)
+        items.add(Item::BurstWanted, std::string_view());
+    return seal(items.bytes(), context(SealedFor::BoxByPeer, m_box, m_peer, m_id), m_key);
+}
+
+bool ByIntroduction::take(const QByteArray &data, const QHostAddress &from, quint16 port)
+{
+    const bool isServer = port == m_server.port && !m_addresses.isEmpty() &&
+                          m_addresses.constFirst().isEqual(from, QHostAddress::TolerantConversion);
+    if (!isServer)
+        return false;
+    const std::string_view bytes = viewOf(data);
+    if (const auto challenge = read<Challenge>(bytes); challenge && challenge->echo == m_id)
+        takeChallenge(*challenge);
+    else if (const auto refusal = read<Refusal>(bytes); refusal && refusal->echo == m_id)
+        takeRefusal(*refusal);
+    else if (const auto answer = read<Answer>(bytes); answer && answer->id == m_id)
+        takeAnswer(*answer);
+    return true;
+}
+
+void ByIntroduction::takeChallenge(const Challenge &challenge)
+{
+    m_isHeard = true;
+    if (!m_repeat.isActive())
+        return;
+    m_cookie = challenge.cookie;
+    if (challenge.boxNonce != 0)
+        m_boxNonce = challenge.boxNonce;
+    transmit();
+}
+
+void ByIntroduction::takeRefusal(const Refusal &refusal)
+{
+    m_isHeard = true;
+    if (refusal.reason == Reason::UnknownBox)
+        m_reason =
+            QStringLiteral("the rendezvous server does not know the box: is it on, and connected to the internet?");
+    else if (refusal.reason == Reason::BadToken)
+        m_reason = QStringLiteral("the rendezvous server does not take this peer's token: the box has joined anew, and "
+                                  "must hand over a new configuration");
+    else
+        m_reason = QStringLiteral("the rendezvous server is busy with other calls for this box");
+    m_repeat.start(patientSpacing);
+}
+
+void ByIntroduction::takeAnswer(const Answer &answer)
+{
+    const auto byServer =
+        unseal(answer.byServer, context(SealedFor::PeerByServer, m_box, m_peer, m_id), answerKey(m_token));
+    const auto items = byServer ? Items::of(*byServer) : std::nullopt;
+    if (!items || !m_repeat.isActive())
+        return;
+    m_isHeard = true;
+    m_repeat.stop();
+    QList<Target> seen;
+    for (const Address &address : items->addresses(Item::SeenAddress))
+        seen.append({hostOf(address), address.port, true});
+    if (answer.byBox.empty()) { // a box with other software, of which the server only knows where it is
+        emit found(seen);
+    } else {
+        const auto plain = unseal(answer.byBox, context(SealedFor::PeerByBox, m_box, m_peer, m_id), m_key);
+        const auto byBox = plain ? Items::of(*plain) : std::nullopt;
+        if (byBox)
+            takeVerdict(*byBox, seen);
+        else
+            m_reason = QStringLiteral("what the box answers cannot be read: it must hand over a new configuration");
+    }
+    const Endpoint turn = Endpoint::ofBox(QString::fromUtf8(toBytes(items->first(Item::TurnServer))));
+    if (!turn.host.isEmpty() && turn.error.isEmpty() && m_relayed.port == 0 && m_reason.isEmpty())
+        emit carrierFound({turn.host, static_cast<quint16>(turn.port), toBytes(items->first(Item::TurnUser)),
+                           toBytes(items->first(Item::TurnPassword))});
+}
+
+void ByIntroduction::takeVerdict(const Items &byBox, const QList<Target> &seen)
+{
+    const std::string_view verdict = byBox.first(Item::Verdict);
+    const auto value = verdict.empty() ? Verdict::Busy : static_cast<Verdict>(verdict.front());
+    if (const std::uint64_t nonce = byBox.number(Item::BoxNonce); nonce != 0)
+        m_boxNonce = nonce;
+    m_reason.clear();
+    if (value == Verdict::StaleNonce)
+        return call();
+    if (value == Verdict::UnknownPeer)
+        return emit failed(QStringLiteral("the box refuses this peer: it has been removed there"));
+    if (value == Verdict::Busy) {
+        m_reason = QStringLiteral("the box has had too many calls of this peer; again in a minute");
+        return m_repeat.start(patientSpacing);
+    }
+    QList<Target> targets;
+    for (const Address &address : byBox.addresses(Item::OwnAddress))
+        targets.append({hostOf(address), address.port, false});
+    m_wantsBurst = false; // that one has been heard
+    emit found(targets + seen);
+}

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "client/path/udpchannel.h"
+#include "client/path/way.h"
+#include "handover/peerfile.h"
+#include "introduction/messages.h"
+
+#include <QElapsedTimer>
+#include <QTimer>
+
+/// The rendezvous server tells the box that this peer calls, and each where the other one is.
+class ByIntroduction : public Way
+{
+    Q_OBJECT
+
+public:
+    /// Calls leave from `channel`, at whose outside port the box knocks.
+    ByIntroduction(const PeerFile &peer, UdpChannel *channel, QObject *parent);
+
+    void begin() override;
+    void end() override;
+    bool take(const QByteArray &data, const QHostAddress &from, quint16 port) override;
+    void help() override;
+    void useRelayed(const QHostAddress &address, quint16 port) override;
+    QString silence() const override;
+
+private:
+    void call();
+    void transmit();
+    void takeChallenge(const introduction::Challenge &challenge);
+    void takeRefusal(const introduction::Refusal &refusal);
+    void takeAnswer(const introduction::Answer &answer);
+    void takeVerdict(const introduction::Items &byBox, const QList<Target> &seen);
+    std::string sealed() const;
+    void nextServer();
+
+    const Endpoint m_server;
+    const introduction::Uuid m_box;
+    const introduction::Uuid m_peer;
+    const introduction::Key m_token; // by which the server knows the peer
+    const introduction::Key m_key;   // by which the box does
+    UdpChannel *m_channel;
+    QList<QHostAddress> m_addresses; // of the server, the present one first
+    int m_lookup = -1;
+    QTimer m_repeat;
+    std::uint64_t m_id = 0; // of the present call
+    std::uint64_t m_cookie = 0;
+    std::uint64_t m_boxNonce = 0;
+    int m_sent = 0; // of the present call
+    bool m_wantsBurst = false;
+    introduction::Address m_relayed; // port 0: none
+    bool m_isHeard = false;          // the server, since the beginning
+    QString m_reason;                // why the server or the box said no, last
+};
