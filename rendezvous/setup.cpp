@@ -16,28 +16,28 @@ namespace
 {
 // Networks that are nobody's on the internet, and those that lead to IPv4 addresses in disguise: what coturn carries
 // must not reach the machine it runs on, nor its neighbours, nor a cloud's metadata.
-constexpr std::array<const char *, 22> denied{"0.0.0.0-0.255.255.255",
-                                              "10.0.0.0-10.255.255.255",
-                                              "100.64.0.0-100.127.255.255",
-                                              "127.0.0.0-127.255.255.255",
-                                              "169.254.0.0-169.254.255.255",
-                                              "172.16.0.0-172.31.255.255",
-                                              "192.0.0.0-192.0.0.255",
-                                              "192.0.2.0-192.0.2.255",
-                                              "192.88.99.0-192.88.99.255",
-                                              "192.168.0.0-192.168.255.255",
-                                              "198.51.100.0-198.51.100.255",
-                                              "203.0.113.0-203.0.113.255",
-                                              "224.0.0.0-255.255.255.255",
-                                              "::",
-                                              "::1",
-                                              "::ffff:0:0-::ffff:ffff:ffff",
-                                              "64:ff9b::-64:ff9b::ffff:ffff",
-                                              "64:ff9b:1::-64:ff9b:1:ffff:ffff:ffff:ffff:ffff",
-                                              "2002::-2002:ffff:ffff:ffff:ffff:ffff:ffff:ffff",
-                                              "fc00::-fdff:ffff:ffff:ffff:ffff:ffff:ffff:ffff",
-                                              "fe80::-febf:ffff:ffff:ffff:ffff:ffff:ffff:ffff",
-                                              "ff00::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"};
+constexpr std::array<const char *, 21> denied{
+    "0.0.0.0-0.255.255.255",
+    "10.0.0.0-10.255.255.255",
+    "100.64.0.0-100.127.255.255",
+    "127.0.0.0-127.255.255.255",
+    "169.254.0.0-169.254.255.255",
+    "172.16.0.0-172.31.255.255",
+    "192.0.0.0-192.0.0.255",
+    "192.0.2.0-192.0.2.255",
+    "192.88.99.0-192.88.99.255",
+    "192.168.0.0-192.168.255.255",
+    "198.51.100.0-198.51.100.255",
+    "203.0.113.0-203.0.113.255",
+    "224.0.0.0-255.255.255.255",
+    "::1-::ffff:ffff", // coturn itself denies ::, and would take a range from there for all addresses
+    "::ffff:0:0-::ffff:ffff:ffff",
+    "64:ff9b::-64:ff9b::ffff:ffff",
+    "64:ff9b:1::-64:ff9b:1:ffff:ffff:ffff:ffff:ffff",
+    "2002::-2002:ffff:ffff:ffff:ffff:ffff:ffff:ffff",
+    "fc00::-fdff:ffff:ffff:ffff:ffff:ffff:ffff:ffff",
+    "fe80::-febf:ffff:ffff:ffff:ffff:ffff:ffff:ffff",
+    "ff00::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"};
 
 std::string ofServer(const std::string &host, const std::string &secret, const std::string &turnSecret)
 {

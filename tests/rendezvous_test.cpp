@@ -299,7 +299,7 @@ private slots:
         const QByteArray token = hkdf(QByteArray::fromHex(made), "box" + boxUuid).toHex();
         QCOMPARE(run(config + QStringList{"token", boxText}), "0 rendezvous.example:7000 " + token + '\n');
         QVERIFY(run(config + QStringList{"token", "box"}).contains("must be 36 characters"));
-        QVERIFY(read("turnserver.conf").contains("denied-peer-ip=::ffff:0:0-"));
+        QVERIFY(read("turnserver.conf").contains("use-auth-secret"));
 
         QProcess server;
         server.start(BUILD_DIR "/nat-rendezvousd", config + QStringList{"serve", "--listen", "127.0.0.1:7000", "--listen", "[::1]:7000"});
@@ -326,6 +326,64 @@ private slots:
             run(config + QStringList{"serve", "--listen", "127.0.0.1:7000", "--metrics", ""}).contains("cannot listen on 127.0.0.1:7000"));
         server.terminate();
         QVERIFY(server.waitForFinished(5000) && server.exitCode() == 0);
+    }
+
+    /// coturn as it is shipped, asked by its own client for the way to an address.
+    void carriedDatagramsReachTheInternetAlone()
+    {
+        const auto run = [](const QStringList &words, int time = 20000) {
+            QProcess program;
+            program.setProcessChannelMode(QProcess::MergedChannels);
+            program.start(words.first(), words.mid(1));
+            if (!program.waitForFinished(time))
+                program.kill();
+            program.waitForFinished();
+            return program.readAll();
+        };
+        const QByteArrayList ours{"203.0.114.1", "203.0.114.2", "2001:470:1::1", "2001:470:1::2"};
+        for (const QByteArray &address : ours)
+            run({"ip", "address", "add", address, "dev", "lo"});
+        const QTemporaryDir folder;
+        run({BUILD_DIR "/nat-rendezvousd", "setup", "--host", ours.first(), "--folder", folder.path()});
+        QFile configuration(folder.filePath("turnserver.conf"));
+        QVERIFY(configuration.open(QIODevice::ReadOnly));
+        const QByteArray text = configuration.readAll();
+        const QByteArray key = text.mid(text.indexOf("auth-secret=") + 12, 64);
+        QProcess coturn;
+        coturn.setWorkingDirectory(folder.path());
+        coturn.start("turnserver", {"-c", configuration.fileName(), "--pidfile", folder.filePath("pid"), "--listening-ip", ours.at(0),
+                                    "--relay-ip", ours.at(0), "--relay-ip", ours.at(2)});
+        QProcess peer; // of coturn's, an echo
+        peer.start("turnutils_peer", {"-L", ours.at(1), "-L", ours.at(3)});
+        const auto ask = [&](const QByteArray &target) {
+            const QByteArray user = QByteArray::number(QDateTime::currentSecsSinceEpoch() + 60) + ':' + target;
+            QStringList words{"turnutils_uclient",
+                              "-v",
+                              "-u",
+                              user,
+                              "-w",
+                              hmac(user, key, QCryptographicHash::Sha1).toBase64(),
+                              "-e",
+                              target,
+                              "-n",
+                              "1",
+                              "-m",
+                              "1",
+                              "-X"};
+            return run(words + (target.contains(':') ? QStringList{"-x"} : QStringList()) + QStringList{ours.at(0)});
+        };
+        QVERIFY(QTest::qWaitFor([&] { return ask(ours.at(1)).contains("tot_recv_msgs=1"); }, 20000));
+        QVERIFY(ask(ours.at(3)).contains("tot_recv_msgs=1"));
+        for (const char *denied :
+             {"127.0.0.1", "10.1.2.3", "172.31.0.1", "192.168.1.1", "100.64.0.1", "169.254.169.254", "0.0.0.0", "::1", "::", "::127.0.0.1",
+              "::ffff:127.0.0.1", "::ffff:203.0.114.2", "fe80::1", "fd00::1", "64:ff9b::7f00:1", "2002:7f00:1::1"}) {
+            const QByteArray said = ask(denied);
+            QVERIFY2(said.contains("error 403 (Forbidden IP)") && !said.contains("tot_recv_msgs=1"), denied);
+        }
+        for (QProcess *program : {&coturn, &peer}) {
+            program->kill();
+            QVERIFY(program->waitForFinished(10000));
+        }
     }
 };
 
