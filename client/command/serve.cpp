@@ -35,7 +35,10 @@ int command::serve(const Job &job)
     const EndSignals signals_([&job] { job.client->leave(); });
     QObject::connect(job.client, &RelayClient::left, [] { QCoreApplication::exit(0); });
 
-    QObject::connect(job.path, &BoxPath::opened, [] { tell(QStringLiteral("the box answers")); });
+    QObject::connect(job.path, &BoxPath::opened,
+                     [&job] { tell(QStringLiteral("the box answers, ") + job.path->how()); });
+    QObject::connect(job.path, &BoxPath::moved,
+                     [&job] { tell(QStringLiteral("a better way has opened: the box is reached ") + job.path->how()); });
     QObject::connect(job.path, &BoxPath::failed, &proxy, [&proxy](const QString &reason) {
         if (!proxy.isBusy()) // or the request that fails tells
             tell(reason);
