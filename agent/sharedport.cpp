@@ -1,6 +1,7 @@
 // Two sockets may have the relay's port, as the relay binds it for sharing. The kernel gives a datagram to the one that is
-// connected to its sender, and any other datagram to one that is not connected at all. A second socket that is bound and
-// not connected would have the relay's datagrams: for no longer than between two system calls in a row.
+// connected to its sender, and any other datagram to one that is not connected at all: of several to the one that it finds
+// first, which is the one bound last. That would be this one, between its bind and its connect. With SO_REUSEPORT, which the
+// relay's does not have, it stands behind the relay's instead, so that not even then a datagram is lost to it.
 
 #include "agent/sharedport.h"
 
@@ -35,7 +36,8 @@ int openSocket(quint16 port, const Address &other)
     const int off = 0;
     const int on = 1;
     setsockopt(descriptor, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
-    setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    for (const int option : {SO_REUSEADDR, SO_REUSEPORT})
+        setsockopt(descriptor, SOL_SOCKET, option, &on, sizeof on);
     if (bind(descriptor, reinterpret_cast<const sockaddr *>(&from), sizeof from) == 0 &&
         connect(descriptor, reinterpret_cast<const sockaddr *>(&target), sizeof target) == 0)
         return descriptor;
