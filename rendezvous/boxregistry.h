@@ -1,7 +1,7 @@
 #pragma once
 
 #include "introduction/messages.h"
-#include "rendezvous/allowance.h"
+#include "introduction/allowance.h"
 
 #include <boost/multi_index/hashed_index.hpp>
 #include <boost/multi_index/member.hpp>

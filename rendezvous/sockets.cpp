@@ -3,6 +3,8 @@
 
 #include "rendezvous/sockets.h"
 
+#include "introduction/socketaddress.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -16,21 +18,13 @@
 #include <system_error>
 
 using introduction::Address;
+using introduction::socketAddress;
 
 namespace
 {
 constexpr std::size_t batchSize = 64;
 constexpr int bufferLength = 4 << 20; // bytes: some 5,000 registrations that come at once
 constexpr std::size_t receiveLength = introduction::longestMessage + 1; // what is longer is none, and shows it
-
-sockaddr_in6 socketAddress(const Address &address)
-{
-    sockaddr_in6 native = {};
-    native.sin6_family = AF_INET6;
-    native.sin6_port = htons(address.port);
-    std::copy(address.ip.cbegin(), address.ip.cend(), std::begin(native.sin6_addr.s6_addr));
-    return native;
-}
 
 Address fromNative(const sockaddr_in6 &native)
 {

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <cstdint>
 
-/// The server's time: since some moment before its start, never set back.
+/// A program's time: since some moment before its start, never set back.
 using Moment = std::chrono::milliseconds;
 
 /// How often something may happen: so many times at once, and again after each interval. In 8 bytes, and without a
