@@ -2,13 +2,10 @@
 
 #include "introduction/messages.h"
 
-#include <QHostAddress>
+#include <QString>
 
 #include <vector>
 
-/// Addresses as the introduction writes them and as Qt does: an IPv4 address is an IPv4-mapped one there, and none here.
-introduction::Address addressOf(const QHostAddress &host, quint16 port);
-QHostAddress hostOf(const introduction::Address &address);
 /// With the port, for a person.
 QString textOf(const introduction::Address &address);
 

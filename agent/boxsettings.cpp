@@ -27,7 +27,7 @@ BoxSettings BoxSettings::read()
     settings.udpPort = text("nat_udpport").toUShort();
     settings.aesKey = QByteArray::fromHex(text("aes_key").toLatin1());
     const QByteArray iv = QByteArray::fromHex(text("aes_iv").toLatin1());
-    settings.aesIv = iv.left(iv.indexOf('\0')); // as the relay reads it; -1: the whole of it
+    settings.aesIv = iv.mid(0, iv.indexOf('\0')); // as the relay reads it; -1: the whole of it
     settings.server = text("nat_introduction_server");
     settings.endpoint = Endpoint::ofServer(settings.server);
 

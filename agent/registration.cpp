@@ -6,6 +6,7 @@
 
 #include "agent/addresses.h"
 #include "agent/tell.h"
+#include "introduction/hostaddress.h"
 
 #include <QNetworkInterface>
 
@@ -83,7 +84,7 @@ void Registration::open(const QHostInfo &found)
         return tell(QStringLiteral("Cannot look up %1: %2").arg(m_settings.endpoint.host, found.errorString()));
     const QHostAddress &host = addresses.at(m_next % addresses.size());
     const QString error =
-        m_port->open(m_settings.udpPort, addressOf(host, static_cast<quint16>(m_settings.endpoint.port)));
+        m_port->open(m_settings.udpPort, introduction::addressOf(host, static_cast<quint16>(m_settings.endpoint.port)));
     m_isOpen = error.isEmpty();
     m_message.cookie = 0; // of the address before
     if (m_isOpen)
