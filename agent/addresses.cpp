@@ -16,15 +16,16 @@ constexpr std::size_t mostAddresses = 8; // in a reply
 QString textOf(const Address &address)
 {
     const QHostAddress host = hostOf(address);
-    const auto form = host.protocol() == QAbstractSocket::IPv6Protocol ? QStringLiteral("[%1]:%2") : QStringLiteral("%1:%2");
+    const auto form =
+        host.protocol() == QAbstractSocket::IPv6Protocol ? QStringLiteral("[%1]:%2") : QStringLiteral("%1:%2");
     return form.arg(host.toString()).arg(address.port);
 }
 
 bool mayBeAimedAt(const Address &address)
 {
     const QHostAddress host = hostOf(address);
-    const bool isThisNetwork = host.isInSubnet(QHostAddress(QStringLiteral("0.0.0.0")), 8) ||
-                               host == QHostAddress(QHostAddress::AnyIPv6);
+    const bool isThisNetwork =
+        host.isInSubnet(QHostAddress(QStringLiteral("0.0.0.0")), 8) || host == QHostAddress(QHostAddress::AnyIPv6);
     return address.port != 0 && !isThisNetwork && !host.isLoopback() && !host.isLinkLocal() && !host.isMulticast() &&
            !host.isBroadcast();
 }

@@ -1,6 +1,6 @@
-// The server forgets a box after a minute or so, and most routers forget a mapping after half a one: so this goes on as long
-// as the program runs. Where the server does not answer it is looked up anew and the port is opened anew, as the network
-// may have become another one without a sign of it.
+// The server forgets a box after a minute or so, and most routers forget a mapping after half a one: so this goes on as
+// long as the program runs. Where the server does not answer it is looked up anew and the port is opened anew, as the
+// network may have become another one without a sign of it.
 
 #include "agent/registration.h"
 
@@ -145,7 +145,8 @@ void Registration::onRefusal(const introduction::Refusal &message)
     m_silence.stop(); // it is there; the next refresh may find it in another mood
     m_silences = 0;
     if (message.reason == introduction::Reason::BadToken)
-        tell(QStringLiteral("%1 refuses the box's token: it belongs to another UUID, or the server has a new secret. Use "
-                            "nat-relay-admin join with the line that nat-rendezvousd token '%2' prints there.")
+        tell(QStringLiteral(
+                 "%1 refuses the box's token: it belongs to another UUID, or the server has a new secret. Use "
+                 "nat-relay-admin join with the line that nat-rendezvousd token '%2' prints there.")
                  .arg(m_settings.server, m_settings.uuid));
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+// clazy:excludeall=non-pod-global-static
+
 #include "tests/support/peer.h"
 #include "tests/support/secrets.h"
 
