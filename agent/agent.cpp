@@ -49,7 +49,8 @@ void Agent::begin()
     if (!m_settings.error.isEmpty())
         return tell(m_settings.error);
     if (!m_onlyOne.take(m_settings.udpPort)) {
-        tell(QStringLiteral("Another nat-relay-agent shares UDP port %1 already, and one is enough.").arg(m_settings.udpPort));
+        tell(QStringLiteral("Another nat-relay-agent shares UDP port %1 already, and one is enough.")
+                 .arg(m_settings.udpPort));
         return QCoreApplication::exit(1);
     }
     m_doorkeeper.emplace(m_settings);
@@ -70,8 +71,8 @@ void Agent::take(const QByteArray &bytes)
         m_bursts.attend(*decision->guest);
 }
 
-/// One datagram at each place where the guest may be. Like those of the relay's bursts it comes from the relay's port, and
-/// opens the way for what the guest sends there.
+/// One datagram at each place where the guest may be. Like those of the relay's bursts it comes from the relay's port,
+/// and opens the way for what the guest sends there.
 void Agent::knock(const Guest &guest) const
 {
     const QByteArray plain = datagram::link(DatagramKind::ConnectRequest, m_settings.uuid, guest.uuid);

@@ -27,7 +27,7 @@ BoxSettings BoxSettings::read()
     settings.udpPort = text("nat_udpport").toUShort();
     settings.aesKey = QByteArray::fromHex(text("aes_key").toLatin1());
     const QByteArray iv = QByteArray::fromHex(text("aes_iv").toLatin1());
-    settings.aesIv = QByteArray(iv.constData()); // up to a zero byte, as the relay reads it
+    settings.aesIv = iv.mid(0, iv.indexOf('\0')); // as the relay reads it; -1: the whole of it
     settings.server = text("nat_introduction_server");
     settings.endpoint = Endpoint::ofServer(settings.server);
 
@@ -37,11 +37,11 @@ BoxSettings BoxSettings::read()
         settings.error = QStringLiteral("nat_introduction_server in the store: ") + settings.endpoint.error;
     else if (settings.udpPort == 0)
         settings.error = QStringLiteral("nat_udpport in the store must be a port.");
-    settings.box = valueOf(introduction::uuidOf(settings.uuid.toStdString()), "uuid in the store must be a UUID in braces.",
-                           &settings.error);
-    settings.token = valueOf(introduction::keyOf(text("nat_introduction_token").toStdString()),
-                             "The store has no token for the rendezvous server; use nat-relay-admin join 'LINE'.",
-                             &settings.error);
+    settings.box = valueOf(introduction::uuidOf(settings.uuid.toStdString()),
+                           "uuid in the store must be a UUID in braces.", &settings.error);
+    settings.token =
+        valueOf(introduction::keyOf(text("nat_introduction_token").toStdString()),
+                "The store has no token for the rendezvous server; use nat-relay-admin join 'LINE'.", &settings.error);
     settings.callKey = valueOf(introduction::keyOf(text("nat_introduction_key").toStdString()),
                                "The store has no key for calls; use nat-relay-admin join 'LINE'.", &settings.error);
     return settings;
@@ -50,8 +50,8 @@ BoxSettings BoxSettings::read()
 bool BoxSettings::operator==(const BoxSettings &other) const
 {
     const auto all = [](const BoxSettings &settings) {
-        return std::tie(settings.error, settings.uuid, settings.udpPort, settings.aesKey, settings.aesIv, settings.server,
-                        settings.token, settings.callKey);
+        return std::tie(settings.error, settings.uuid, settings.udpPort, settings.aesKey, settings.aesIv,
+                        settings.server, settings.token, settings.callKey);
     };
     return all(*this) == all(other);
 }

@@ -4,6 +4,7 @@
 
 #include "agent/addresses.h"
 #include "agent/peerrow.h"
+#include "introduction/hostaddress.h"
 
 #include <QTimer>
 
@@ -24,7 +25,7 @@ Route routeOf(const Guest &guest)
     // Another one's port is next to a relayed one: nothing goes around it, and all to the one in front.
     const bool isRelayed = guest.relayed && !guest.wantsBurst;
     const introduction::Address &address = isRelayed ? *guest.relayed : guest.seen;
-    return {hostOf(address).toString(), address.port - 1, isRelayed ? -1 : address.port};
+    return {introduction::hostOf(address).toString(), address.port - 1, isRelayed ? -1 : address.port};
 }
 } // namespace
 

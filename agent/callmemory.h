@@ -9,8 +9,8 @@
 #include <utility>
 
 /// The box's nonce, which a call must repeat, and what calls with it were answered: a call that was heard before does
-/// nothing again, whoever repeats it. With a nonce that is no longer good, what came with it is forgotten. Needs no clock
-/// that is right, and keeps nothing over a restart.
+/// nothing again, whoever repeats it. With a nonce that is no longer good, what came with it is forgotten. Needs no
+/// clock that is right, and keeps nothing over a restart.
 class CallMemory
 {
 public:

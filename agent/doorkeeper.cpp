@@ -1,5 +1,5 @@
-// A call passes the server, which is not trusted: it may lose a call and choose the address that it says to have seen, but
-// what the peer has sealed it can neither read nor make, nor have it count twice.
+// A call passes the server, which is not trusted: it may lose a call and choose the address that it says to have seen,
+// but what the peer has sealed it can neither read nor make, nor have it count twice.
 
 #include "agent/doorkeeper.h"
 

@@ -12,11 +12,12 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 /// A peer that is let in, and where it may be.
 struct Guest {
-    QString uuid; // as its row has it
+    QString uuid;               // as its row has it
     introduction::Address seen; // by the server
     std::vector<introduction::Address> own;
     std::optional<introduction::Address> relayed;
@@ -27,14 +28,15 @@ struct Guest {
 class Doorkeeper
 {
 public:
-    explicit Doorkeeper(const BoxSettings &settings) : m_settings(settings) {}
+    explicit Doorkeeper(BoxSettings settings) : m_settings(std::move(settings)) {}
 
-    /// What goes back to the server, and whom to knock at. Neither for what is no call of a peer's own.
+    /// What goes back to the server, and whom to knock at.
     struct Decision {
         std::string reply;
         std::optional<Guest> guest;
     };
-    std::optional<Decision> take(std::string_view ring, Moment now);
+    /// Takes a ring; nothing for what is no call of a peer's own.
+    std::optional<Decision> take(std::string_view bytes, Moment now);
 
     /// The box's, which the server must know.
     std::uint64_t nonce(Moment now) { return m_memory.nonce(now); }

@@ -60,7 +60,8 @@ int main(int argc, char **argv)
         if (signal.ssi_signo == SIGHUP)
             return agent.refresh();
         tell(QStringLiteral("Ends."));
-        std::_Exit(0); // a name that is being looked up would hold up any other end, and there is nothing to be put away
+        std::_Exit(
+            0); // a name that is being looked up would hold up any other end, and there is nothing to be put away
     });
     return QCoreApplication::exec();
 }

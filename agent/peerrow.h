@@ -22,5 +22,6 @@ struct Route {
     int udpPortRemote;
 };
 
-/// Asks the relay to connect to the peer there. Where `always` is false, a peer that has connected meanwhile is left alone.
+/// Asks the relay to connect to the peer there. Where `always` is false, a peer that has connected meanwhile is left
+/// alone.
 void askForConnection(const QString &peer, const Route &route, bool always);

@@ -1,11 +1,12 @@
-// The server forgets a box after a minute or so, and most routers forget a mapping after half a one: so this goes on as long
-// as the program runs. Where the server does not answer it is looked up anew and the port is opened anew, as the network
-// may have become another one without a sign of it.
+// The server forgets a box after a minute or so, and most routers forget a mapping after half a one: so this goes on as
+// long as the program runs. Where the server does not answer it is looked up anew and the port is opened anew, as the
+// network may have become another one without a sign of it.
 
 #include "agent/registration.h"
 
 #include "agent/addresses.h"
 #include "agent/tell.h"
+#include "introduction/hostaddress.h"
 
 #include <QNetworkInterface>
 
@@ -83,7 +84,7 @@ void Registration::open(const QHostInfo &found)
         return tell(QStringLiteral("Cannot look up %1: %2").arg(m_settings.endpoint.host, found.errorString()));
     const QHostAddress &host = addresses.at(m_next % addresses.size());
     const QString error =
-        m_port->open(m_settings.udpPort, addressOf(host, static_cast<quint16>(m_settings.endpoint.port)));
+        m_port->open(m_settings.udpPort, introduction::addressOf(host, static_cast<quint16>(m_settings.endpoint.port)));
     m_isOpen = error.isEmpty();
     m_message.cookie = 0; // of the address before
     if (m_isOpen)
@@ -144,7 +145,8 @@ void Registration::onRefusal(const introduction::Refusal &message)
     m_silence.stop(); // it is there; the next refresh may find it in another mood
     m_silences = 0;
     if (message.reason == introduction::Reason::BadToken)
-        tell(QStringLiteral("%1 refuses the box's token: it belongs to another UUID, or the server has a new secret. Use "
-                            "nat-relay-admin join with the line that nat-rendezvousd token '%2' prints there.")
+        tell(QStringLiteral(
+                 "%1 refuses the box's token: it belongs to another UUID, or the server has a new secret. Use "
+                 "nat-relay-admin join with the line that nat-rendezvousd token '%2' prints there.")
                  .arg(m_settings.server, m_settings.uuid));
 }

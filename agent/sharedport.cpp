@@ -1,7 +1,8 @@
-// Two sockets may have the relay's port, as the relay binds it for sharing. The kernel gives a datagram to the one that is
-// connected to its sender, and any other datagram to one that is not connected at all: of several to the one that it finds
-// first, which is the one bound last. That would be this one, between its bind and its connect. With SO_REUSEPORT, which the
-// relay's does not have, it stands behind the relay's instead, so that not even then a datagram is lost to it.
+// Two sockets may have the relay's port, as the relay binds it for sharing. The kernel gives a datagram to the one that
+// is connected to its sender, and any other datagram to one that is not connected at all: of several to the one that it
+// finds first, which is the one bound last. That would be this one, between its bind and its connect. With
+// SO_REUSEPORT, which the relay's does not have, it stands behind the relay's instead, so that not even then a datagram
+// is lost to it.
 
 #include "agent/sharedport.h"
 

@@ -2,16 +2,14 @@
 
 #include "introduction/messages.h"
 #include "rendezvous/introducer.h"
+#include "tests/support/secrets.h"
 
-#include <QCryptographicHash>
 #include <QFile>
 #include <QFileInfo>
-#include <QMessageAuthenticationCode>
 #include <QProcess>
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QUdpSocket>
-#include <QtEndian>
 #include <QtTest>
 
 using namespace introduction;
@@ -24,23 +22,9 @@ const QByteArray boxUuid = QByteArray::fromHex("00112233445566778899aabbccddeeff
 const QByteArray peerUuid = QByteArray::fromHex("0f1e2d3c4b5a69788796a5b4c3d2e1f0");
 const QByteArray boxText = "{00112233-4455-6677-8899-aabbccddeeff}";
 
-QByteArray hmac(const QByteArray &bytes, const QByteArray &key, QCryptographicHash::Algorithm how = QCryptographicHash::Sha256)
-{
-    return QMessageAuthenticationCode::hash(bytes, key, how);
-}
-QByteArray hkdf(const QByteArray &key, const QByteArray &info) // RFC 5869, one block
-{
-    return hmac(info + '\1', hmac(key, QByteArray(32, '\0')));
-}
 const QByteArray tokenOfBox = hkdf(secret, "box" + boxUuid);
 const QByteArray tokenOfPeer = hkdf(tokenOfBox, "peer" + peerUuid);
 
-template <typename Integer> QByteArray bytesOf(Integer number)
-{
-    number = qToBigEndian(number);
-    return QByteArray(reinterpret_cast<const char *>(&number), sizeof number);
-}
-QByteArray sign(const QByteArray &bytes, const QByteArray &key) { return bytes + hmac(bytes, key).left(16); }
 QByteArray registration(quint64 nonce, quint32 count, const QByteArray &cookie, const QByteArray &token = tokenOfBox)
 {
     return sign("\xa1" + boxUuid + bytesOf(nonce) + bytesOf(count) + cookie, token);
