@@ -20,6 +20,7 @@ namespace
 constexpr std::uint32_t longestHead = 64 * 1024;
 constexpr int shortestEnd = 5;          // of chunks: the last one's "0" and two line ends
 constexpr int longestLine = 128 * 1024; // or head; what is not understood before it
+constexpr char helpfulSite[] = "an nginx before the web server helps, as in scripts/nginx-site.conf";
 constexpr int mostBarrenParts = 3; // a read may bring the header alone; so many in a row bring no more the next time
 
 struct ContentRange {
@@ -35,6 +36,11 @@ std::optional<ContentRange> contentRange(const HttpResponseHead &head)
     if (!match.hasMatch())
         return std::nullopt;
     return ContentRange{match.captured(1).toULongLong(), match.captured(2).toULongLong(), match.captured(3)};
+}
+
+bool isEventStream(const HttpResponseHead &head)
+{
+    return toByteArray(head[http::field::content_type]).toLower().startsWith("text/event-stream");
 }
 
 bool mayRepeat(http::verb method) // RFC 9110, 9.2.2
@@ -170,16 +176,20 @@ bool Exchange::takeHead()
     if (!m_isFirst) {
         if (isContinued(part))
             return true;
-        fail(502, QStringLiteral("the box delivered %1 of %2 bytes, and its web server gives no ranges of the rest; an "
-                                 "nginx before it helps, as in scripts/nginx-site.conf")
+        fail(502, QStringLiteral("the box delivered %1 of %2 bytes, and its web server gives no ranges of the rest; %3")
                       .arg(m_taken)
-                      .arg(*m_length));
+                      .arg(*m_length)
+                      .arg(QLatin1String(helpfulSite)));
         return false;
     }
     m_head = part;
     m_isInChunks = m_parser->chunked();
     if (const auto length = m_parser->content_length())
         m_length = *length;
+    if (isEventStream(part) && !m_length && !m_parser->is_done()) {
+        fail(501, QLatin1String(noStreams)); // its end may be far, and what a page waits for is behind it
+        return false;
+    }
     if (part.result() == http::status::partial_content) {
         if (const auto range = contentRange(part))
             m_start = range->first;
@@ -217,8 +227,9 @@ void Exchange::endSeries()
         fail(502, QStringLiteral("the response is cut short: the relay follows chunks only under \"%1\"")
                       .arg(QLatin1String(RelayClient::chunkedField)));
     else if (m_parser->need_eof())
-        fail(502, QStringLiteral("the response does not say how long it is: %1 bytes came, and more may be missing")
-                      .arg(m_taken));
+        fail(502, QStringLiteral("the response does not say how long it is: %1 bytes came, and more may be missing; %2")
+                      .arg(m_taken)
+                      .arg(QLatin1String(helpfulSite)));
     else
         fetchRest();
 }
@@ -241,10 +252,10 @@ void Exchange::fetchRest()
                            (m_head.result() == http::status::ok ||
                             (m_head.result() == http::status::partial_content && contentRange(m_head)));
     if (!hasRanges || m_barrenParts > mostBarrenParts)
-        return fail(502, QStringLiteral("the box delivered %1 of %2 bytes, and there is no way to ask for the rest; an "
-                                        "nginx before its web server helps, as in scripts/nginx-site.conf")
+        return fail(502, QStringLiteral("the box delivered %1 of %2 bytes, and there is no way to ask for the rest; %3")
                              .arg(m_taken)
-                             .arg(m_length.value_or(0)));
+                             .arg(m_length.value_or(0))
+                             .arg(QLatin1String(helpfulSite)));
 
     m_nextPart = m_request;
     for (const auto field : {http::field::if_match, http::field::if_none_match, http::field::if_modified_since,
