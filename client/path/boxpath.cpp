@@ -10,6 +10,8 @@
 #include "protocol/datagramio.h"
 #include "protocol/uuidscan.h"
 
+#include <QUuid>
+
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -23,6 +25,15 @@ constexpr auto tickSpacing = 20ms;
 constexpr std::chrono::milliseconds answerSpacing = 100ms; // a burst brings up to 800 datagrams at once
 constexpr qintptr spareDescriptors = 300;                  // for connections of browsers
 constexpr std::chrono::milliseconds echoTime = 1s;
+
+/// The same at every start, so that what the relay still sends to one that was killed reaches the next one, which
+/// confirms it: otherwise everybody would wait until the relay gives it up.
+quint16 usualPort(const QString &uuid)
+{
+    constexpr uint first = 49152; // of the ports that nobody is assigned (RFC 6335)
+    constexpr uint count = 16384;
+    return static_cast<quint16>(first + QUuid(uuid).data1 % count);
+}
 
 bool isOver(const QElapsedTimer &timer, std::chrono::milliseconds time)
 {
@@ -39,7 +50,9 @@ BoxPath::BoxPath(const PeerFile &peer, const Options &options, QObject *parent)
         addWay(new ByDiscovery(m_uuid, m_boxUuid, this));
     else
         addWay(new ByAddress(peer.box(), this));
-    if (!addSocket(options.udpPort))
+    const bool isBound =
+        options.udpPort == 0 ? addSocket(usualPort(m_uuid)) || addSocket(0) : addSocket(options.udpPort);
+    if (!isBound)
         m_error = QStringLiteral("UDP port %1 cannot be used: another program may have it; choose another one")
                       .arg(options.udpPort);
     m_ticks.setInterval(tickSpacing);
