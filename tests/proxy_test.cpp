@@ -261,6 +261,13 @@ private slots:
         web.answer("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nfirst\r\n");
         QVERIFY(QTest::qWaitFor([&] { return broken->peek(1000).endsWith("\r\n5\r\nfirst\r\n"); }, 900));
         QVERIFY(answer(broken).endsWith("\r\n5\r\nfirst\r\n"));
+        startRelay();
+        web.probeTime = 2200; // what is asked for its own sake is slow as well
+        startProxy({"--timeout", "15"});
+        const auto slow = get("/slow");
+        QVERIFY(request(web).startsWith("GET /slow "));
+        web.answer("HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nown");
+        QCOMPARE(body(answer(slow)), "own");
     }
 
     void pagesGivenUpHarmNobody()
