@@ -307,6 +307,13 @@ private slots:
         web.answer("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nfirst\r\n");
         QVERIFY(QTest::qWaitFor([&] { return broken->peek(1000).endsWith("\r\n5\r\nfirst\r\n"); }, 900));
         QVERIFY(answer(broken).endsWith("\r\n5\r\nfirst\r\n"));
+        startRelay();
+        web.probeTime = 2200; // what is asked for its own sake is slow as well
+        startProxy({"--timeout", "15"});
+        const auto slow = get("/slow");
+        QVERIFY(request(web).startsWith("GET /slow "));
+        web.answer("HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nown");
+        QCOMPARE(body(answer(slow)), "own");
     }
 
     void pagesGivenUpHarmNobody()
@@ -331,6 +338,16 @@ private slots:
             }
         }
         QVERIFY(whole > 5);
+        const auto broken = get("/broken"); // the last that its peer asks: others must not wait for what comes next
+        QVERIFY(QTest::qWaitFor([&] { return broken->bytesAvailable() > 0; }, 15000));
+        broken->abort();
+        box->addPeer(otherUuid);
+        write("other.ini", QByteArray(config).replace(peerUuid, otherUuid));
+        for (const char *target : {"/whole1", "/whole2"}) {
+            const auto [status, output, error] = fetch({"--config", path("other.ini"), "--timeout", "8", "get", target});
+            QVERIFY2(output == Site::page(target), error);
+            QVERIFY(body(answer(get("/whole3"))) == Site::page("/whole3"));
+        }
     }
 
     void responsesThatLookLikeOthersDoNoHarm()
@@ -418,6 +435,11 @@ private slots:
         QVERIFY(awaitLog([this] { return log.contains("Failed to write to TCP port"); }));
         startNginx();
         QCOMPARE(body(answer(waiting)), "there");
+        write("pages/long", QByteArray(400000, 'x'));
+        const auto cut = get("/long");
+        QVERIFY(QTest::qWaitFor([&] { return cut->bytesAvailable() > 0; }, 15000));
+        startProxy({"--timeout", "5"}); // kills the one that takes in the packets
+        QCOMPARE(body(answer(get("/page.html"))), "there");
         proxy->terminate(); // tells the relay good-bye
         QVERIFY(QTest::qWaitFor([this] { return proxy->state() == QProcess::NotRunning; }, 10000) && proxy->exitCode() == 0);
         const int connects = log.count("Connection requested");
