@@ -260,7 +260,8 @@ private slots:
                 web.answer(bytes);
             }
             const QByteArray got = answer(client);
-            QVERIFY2(got.startsWith("HTTP/1.1 " + status + ' ') && body(got).contains(reason) && body(got).count('\n') == 1, got);
+            QVERIFY2(got.startsWith("HTTP/1.1 " + status + ' ') && body(got).contains(reason) && body(got).count('\n') == 1,
+                     status + ' ' + reason + " but " + got);
         }
     }
 

@@ -45,6 +45,8 @@ Exchange::Exchange(RelayClient *client) : QObject(client), m_client(client)
             return;
         if (failure == RelayClient::Failure::Fragments && m_request.method() == http::verb::get && !m_small)
             return startSmall();
+        if (failure == RelayClient::Failure::CutShort && m_isHeadTaken && !m_isQuestion && hasRanges())
+            return fetchRest(); // what is missing, perhaps over a new path
         if (failure == RelayClient::Failure::TooLong)
             fail(tooLong, reason);
         else
@@ -278,15 +280,20 @@ void Exchange::endQuestion()
         emit failed(502, refusal);
 }
 
+/// Whether the web server may be asked for the rest.
+bool Exchange::hasRanges() const
+{
+    return m_request.method() == http::verb::get && m_length &&
+           (m_head.result() == http::status::ok ||
+            (m_head.result() == http::status::partial_content && contentRange(m_head)));
+}
+
 void Exchange::fetchRest()
 {
     const bool isBarren = m_taken == m_takenBefore;
     m_barrenParts = isBarren ? m_barrenParts + 1 : 0;
     m_takenBefore = m_taken;
-    const bool hasRanges = m_request.method() == http::verb::get && m_length &&
-                           (m_head.result() == http::status::ok ||
-                            (m_head.result() == http::status::partial_content && contentRange(m_head)));
-    if (!hasRanges || m_barrenParts > mostBarrenParts)
+    if (!hasRanges() || m_barrenParts > mostBarrenParts)
         return fail(502, QStringLiteral("the box delivered %1 of %2 bytes, and there is no way to ask for the rest; %3")
                              .arg(m_taken)
                              .arg(m_length.value_or(0))

@@ -71,6 +71,7 @@ private:
     void endPart();
     void startSmall();
     void endQuestion();
+    bool hasRanges() const;
     void fetchRest();
     void fail(unsigned status, const QString &reason);
     void rest();

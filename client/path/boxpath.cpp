@@ -124,7 +124,10 @@ void BoxPath::useCarrier(const TurnAccount &account)
         for (Way *way : qAsConst(m_ways))
             way->useRelayed(relayed, port);
     });
-    connect(m_carrier, &TurnChannel::failed, this, &BoxPath::progress);
+    connect(m_carrier, &TurnChannel::failed, this, [this](const QString &reason) {
+        if (m_isOpening)
+            emit progress(reason);
+    });
     aim();
 }
 

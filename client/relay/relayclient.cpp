@@ -46,8 +46,10 @@ namespace
 {
 constexpr auto tickSpacing = 100ms;
 constexpr std::chrono::milliseconds resendSpacing = 500ms;
-constexpr std::chrono::milliseconds reminder = 5s;     // a relay that was restarted has forgotten the request
-constexpr std::chrono::milliseconds pathPatience = 4s; // unconfirmed so long, the request has no path any more
+constexpr std::chrono::milliseconds reminder = 5s;         // a relay that was restarted has forgotten the request
+constexpr std::chrono::milliseconds pathPatience = 4s;     // unconfirmed so long, the request has no path any more
+constexpr std::chrono::milliseconds packetPatience = 2s;   // four sends of the relay that do not come
+constexpr std::chrono::milliseconds reopenedPatience = 1s; // two, on a path that has been opened anew
 constexpr std::chrono::milliseconds leaveLimit = 3s;
 constexpr std::chrono::milliseconds signLimit = 60s;    // as long as web servers themselves wait for an application
 constexpr std::chrono::milliseconds answerGap = 1s;     // between answers, or parts of one, that follow each other
@@ -104,6 +106,8 @@ RelayClient::RelayClient(BoxPath *path, QString uuid, QString boxUuid, int timeo
         m_fragments.forget();
         if (m_state == State::Opening)
             proceed();
+        else if (m_state == State::Receiving)
+            m_sinceReopened.start();
     });
     connect(path, &BoxPath::moved, this, [this] {
         m_fragments.forget();
@@ -138,6 +142,7 @@ void RelayClient::send(const QByteArray &httpRequest, bool mayRepeat, bool isSho
     m_sinceSend.start();
     m_hasRequest = true;
     m_hasReopened = false;
+    m_sinceReopened.invalidate();
     if (!m_path->isFresh())
         enter(State::Opening);
     else if (!isBefore())
@@ -147,7 +152,7 @@ void RelayClient::send(const QByteArray &httpRequest, bool mayRepeat, bool isSho
 /// The path is open: on with what comes before the request, if anything, or with the request.
 void RelayClient::proceed()
 {
-    const bool isHopeless = !m_isSure && isSilent();
+    const bool isHopeless = !m_isSure && (m_isLost || isSilent());
     if (!m_isCleared && (isHopeless || (m_isSure && (m_isRelayWaiting || m_isLeaving))))
         enter(State::Clearing);
     else if (m_isLeaving && (m_isSure || m_isCleared))
@@ -283,6 +288,8 @@ void RelayClient::tick()
         m_isDoubtful = true;
         return emit seriesEnded();
     }
+    if (m_state == State::Receiving && m_series.index + 1 != m_series.count && isStuck(packetPatience) && !tickPath())
+        return;
     if (m_hasRequest && isBefore() && m_sinceSend.hasExpired(m_timeout))
         return fail(Failure::NoAnswer,
                     QStringLiteral("no answer: the box still waits for its web server's answer to an "
@@ -321,6 +328,22 @@ void RelayClient::tick()
     }
 }
 
+/// The rest of a read is sent where the request came from. Where a router has been restarted, or this machine has moved
+/// to another network, that is nowhere any more: false, and the response is given up. What the relay has of it has left
+/// the web server, so that it may forget it.
+bool RelayClient::tickPath()
+{
+    if (!m_hasReopened) {
+        m_hasReopened = true;
+        m_path->open();
+    } else if (m_sinceReopened.isValid() && m_sinceReopened.hasExpired(reopenedPatience.count())) {
+        m_isLost = true;
+        fail(Failure::CutShort, QStringLiteral("the response is cut short, the network has changed"));
+        return false;
+    }
+    return true;
+}
+
 void RelayClient::tickProof()
 {
     // Answered and still at the head of the relay's queue: the relay waits for an end that will not come. Nothing that
@@ -346,6 +369,7 @@ void RelayClient::take(const QByteArray &data)
     const auto kind = static_cast<DatagramKind>(data.at(0));
     if (kind == DatagramKind::ConnectRequest && m_state == State::Clearing) {
         m_isCleared = true;
+        m_isLost = false;
         m_unanswered = {};
         m_isAnswered = false;
         m_sinceSign.start();
@@ -408,6 +432,8 @@ void RelayClient::takePacket(const QByteArray &packet)
     // Meanwhile another peer may have left the relay waiting for an end: then this request stays at its head.
     m_isDoubtful |= m_state == State::Requesting && gap > othersTurn.count();
     m_state = State::Receiving;
+    m_hasReopened = false;
+    m_sinceReopened.invalidate();
     m_sinceProgress.start();
     m_traffic.packets++;
     m_traffic.bytes += slice.size();

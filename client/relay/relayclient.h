@@ -89,6 +89,7 @@ private:
     void takeSlice(const datagram::ResponseHeader &header, const QByteArray &slice);
     bool isRepeated(const QByteArray &packet);
     void tick();
+    bool tickPath();
     void tickProof();
     void checkUnanswered();
     bool isSilent() const;
@@ -110,9 +111,10 @@ private:
     QElapsedTimer m_sinceProgress;
     QElapsedTimer m_sinceHeld; // the relay has confirmed the request; invalid: not yet
     QElapsedTimer m_sinceTransmit;
-    QElapsedTimer m_sinceSend;  // or since the end of what was sent
-    QElapsedTimer m_sinceSign;  // of an answer to anything of ours
-    QElapsedTimer m_sinceProbe; // was sent, the first of the proof
+    QElapsedTimer m_sinceSend;     // or since the end of what was sent
+    QElapsedTimer m_sinceSign;     // of an answer to anything of ours
+    QElapsedTimer m_sinceReopened; // the path, in the middle of a response; invalid: it has not been
+    QElapsedTimer m_sinceProbe;    // was sent, the first of the proof
     State m_state = State::Idle;
     bool m_isSure = false;         // the web server owes this peer nothing but the answer to the present request
     bool m_isRelayWaiting = false; // for the end of chunks
@@ -120,6 +122,7 @@ private:
     QByteArray m_tail;             // the last bytes of the relay's present read
     bool m_isDoubtful = false;     // whether it does so for another peer
     bool m_isAnswered = false;     // the relay's last packet for this peer was the end of one of its reads
+    bool m_isLost = false;         // what the relay sends this peer at present
     bool m_hasRequest = false;
     bool m_isAsked = false;    // the present request may be at the web server
     bool m_isCleared = false;  // nothing has been asked since the relay was told to forget
