@@ -62,5 +62,6 @@ int main(int argc, char **argv)
     QObject::connect(&path, &BoxPath::progress, tell);
     constexpr int millisecondsPerSecond = 1000;
     RelayClient client(&path, peer.uuid, peer.boxUuid, millisecondsPerSecond * line.number("timeout"));
+    QObject::connect(&client, &RelayClient::noticed, tell);
     return command.run({line, peer, &path, &client});
 }

@@ -5,6 +5,7 @@
 #include <QCryptographicHash>
 #include <QRandomGenerator>
 #include <QRegularExpression>
+#include <QScopeGuard>
 #include <QTimer>
 
 namespace
@@ -163,6 +164,40 @@ private slots:
             application.answer(QByteArray("HTTP/1.1 200 OK\r\n") + field + length + page);
             QVERIFY2(body(answer(client)) == page, method);
         }
+    }
+
+    void networksMayDropFragments()
+    {
+        const QByteArray page = Programs::page("line", 2500);
+        write("pages/page.txt", page);
+        write("pages/chunked", page); // without length and ranges
+        startNginx();
+        startRelay();
+        const auto reset = qScopeGuard([] { nft({"flush ruleset"}), QProcess::execute("ip", {"link", "set", "lo", "mtu", "65536"}); });
+        QCOMPARE(QProcess::execute("ip", {"link", "set", "lo", "mtu", "1500"}), 0);
+        startProxy();
+        QVERIFY(body(answer(get("/page.txt"))) == page && awaitLog([] { return true; }));
+        const QByteArray told = proxy->readAllStandardError();
+        QVERIFY2(!log.contains("HEAD /page.txt ") && !told.contains("fragments"), told); // nothing is asked ahead where they pass
+
+        QVERIFY(nft({"add table ip raw; add chain ip raw in { type filter hook prerouting priority -450; };"
+                     "add rule ip raw in ip frag-off & 0x3fff != 0 drop"}));
+        startProxy();
+        const QByteArray ask206 = "GET /page.txt HTTP/1.1\r\nHost: x\r\nConnection: close\r\nRange: bytes=";
+        const QByteArray got = answer(get("/page.txt"));
+        QVERIFY2(got.startsWith("HTTP/1.1 200 OK\r\n") && body(got) == page && !got.contains("Content-Range"), got.left(500));
+        for (const auto &[range, first, length] : {std::tuple("9-4000", 9, 3992), std::tuple("-3000", page.size() - 3000, 3000)}) {
+            const QByteArray part = answer(ask(ask206 + range + "\r\n\r\n"));
+            QVERIFY2(part.startsWith("HTTP/1.1 206 ") && body(part) == page.mid(first, length), part.left(500));
+            QVERIFY2(part.contains("bytes " + QByteArray::number(first) + '-' + QByteArray::number(first + length - 1) + '/'),
+                     part.left(500));
+        }
+        QElapsedTimer timer;
+        timer.start();
+        const QByteArray refused = answer(get("/chunked"));
+        QVERIFY2(refused.startsWith("HTTP/1.1 502 ") && refused.contains("drops IP fragments") && timer.elapsed() < 2000, refused);
+        QVERIFY(answer(get("/" + QByteArray(2000, 'x'))).startsWith("HTTP/1.1 413 "));
+        QCOMPARE(proxy->readAllStandardError().count("this network drops IP fragments: long pages"), 1);
     }
 
     void fieldsOfOneConnectionStayThere()

@@ -7,8 +7,7 @@
 #include <boost/beast/core/buffers_to_string.hpp>
 #include <boost/beast/http/write.hpp>
 
-#include <QRegularExpression>
-
+#include <algorithm>
 #include <limits>
 #include <sstream>
 #include <utility>
@@ -22,21 +21,6 @@ constexpr int shortestEnd = 5;          // of chunks: the last one's "0" and two
 constexpr int longestLine = 128 * 1024; // or head; what is not understood before it
 constexpr int mostBarrenParts = 3; // a read may bring the header alone; so many in a row bring no more the next time
 
-struct ContentRange {
-    quint64 first = 0;
-    quint64 last = 0;
-    QString total; // may be unknown: *
-};
-
-std::optional<ContentRange> contentRange(const HttpResponseHead &head)
-{
-    static const QRegularExpression pattern(QStringLiteral("\\Abytes (\\d+)-(\\d+)/(\\d+|\\*)\\z"));
-    const auto match = pattern.match(QString::fromLatin1(toByteArray(head[http::field::content_range])));
-    if (!match.hasMatch())
-        return std::nullopt;
-    return ContentRange{match.captured(1).toULongLong(), match.captured(2).toULongLong(), match.captured(3)};
-}
-
 bool mayRepeat(http::verb method) // RFC 9110, 9.2.2
 {
     return method != http::verb::post && method != http::verb::patch && method != http::verb::unknown;
@@ -48,10 +32,17 @@ Exchange::Exchange(RelayClient *client) : QObject(client), m_client(client)
     connect(client, &RelayClient::received, this, &Exchange::take);
     connect(client, &RelayClient::seriesEnded, this, &Exchange::endSeries);
     connect(client, &RelayClient::failed, this, [this](RelayClient::Failure failure, const QString &reason) {
+        constexpr unsigned tooLong = 413;
         constexpr unsigned badGateway = 502;
         constexpr unsigned gatewayTimeout = 504;
-        if (m_isRunning)
-            fail(failure == RelayClient::Failure::CutShort ? badGateway : gatewayTimeout, reason);
+        if (!m_isRunning)
+            return;
+        if (failure == RelayClient::Failure::Fragments && m_request.method() == http::verb::get && !m_small)
+            return startSmall();
+        if (failure == RelayClient::Failure::TooLong)
+            fail(tooLong, reason);
+        else
+            fail(failure == RelayClient::Failure::NoAnswer ? gatewayTimeout : badGateway, reason);
     });
 }
 
@@ -59,7 +50,8 @@ void Exchange::start(const HttpRequest &request)
 {
     m_request = request;
     m_isFirst = true;
-    m_isInChunks = false;
+    m_isInChunks = m_isQuestion = m_isInParts = false;
+    m_small.reset();
     m_length.reset();
     m_start = m_taken = m_takenBefore = 0;
     m_barrenParts = 0;
@@ -74,7 +66,8 @@ void Exchange::send(const HttpRequest &request)
     beginPart();
     std::ostringstream wire;
     wire << request;
-    m_client->send(QByteArray::fromStdString(wire.str()), mayRepeat(request.method()));
+    const bool isShort = m_small || request.method() != http::verb::get;
+    m_client->send(QByteArray::fromStdString(wire.str()), mayRepeat(request.method()), isShort);
 }
 
 void Exchange::beginPart()
@@ -83,7 +76,7 @@ void Exchange::beginPart()
     m_parser->eager(true);
     m_parser->header_limit(longestHead);
     m_parser->body_limit(std::numeric_limits<std::uint64_t>::max()); // none at all, as "none" is the strictest
-    m_parser->skip(m_request.method() == http::verb::head);
+    m_parser->skip(m_request.method() == http::verb::head || m_isQuestion);
     m_isHeadTaken = false;
     m_buffer.clear();
 }
@@ -167,6 +160,8 @@ bool Exchange::takeHead()
 {
     m_isHeadTaken = true;
     const HttpResponseHead &part = m_parser->get().base();
+    if (m_isQuestion)
+        return true;
     if (!m_isFirst) {
         if (isContinued(part))
             return true;
@@ -176,15 +171,26 @@ bool Exchange::takeHead()
                       .arg(*m_length));
         return false;
     }
+    return takeFirstHead(part);
+}
+
+bool Exchange::takeFirstHead(const HttpResponseHead &part)
+{
     m_head = part;
     m_isInChunks = m_parser->chunked();
     if (const auto length = m_parser->content_length())
         m_length = *length;
-    if (part.result() == http::status::partial_content) {
-        if (const auto range = contentRange(part))
-            m_start = range->first;
-    }
-    return true;
+    if (part.result() != http::status::partial_content)
+        return true;
+    if (const auto range = contentRange(part))
+        m_start = range->first;
+    m_isInParts = m_small && m_small->isInParts();
+    if (!m_isInParts)
+        return true;
+    m_length = m_small->completeHead(&m_head);
+    if (!m_length)
+        fail(502, QStringLiteral("the web server gives another range than the one that was asked for"));
+    return m_length.has_value();
 }
 
 /// Whether this is the range that was asked for, of the same version of the same thing.
@@ -225,11 +231,40 @@ void Exchange::endSeries()
 
 void Exchange::endPart()
 {
-    if (!m_isFirst && m_taken < *m_length)
-        return fetchRest(); // the web server gave less than the range that was asked for
+    if (m_isQuestion)
+        return endQuestion();
+    if (m_isInParts && m_taken < *m_length)
+        return fetchRest(); // or the web server gave less than the range that was asked for
     rest();
     m_client->finish();
     emit finished();
+}
+
+/// The answer to the present part was lost, or would be, as it is longer than what this network lets pass.
+void Exchange::startSmall()
+{
+    rest();
+    if (!m_client->areFragmentsDropped()) // they passed before
+        return send(m_isFirst ? m_request : m_nextPart);
+    if (m_isFirst) // what is compressed on the fly has neither length nor ranges
+        m_request.set(http::field::accept_encoding, "identity");
+    m_small.emplace(m_request, Fragments::longestResponse);
+    if (!m_isFirst)
+        return fetchRest();
+    m_isQuestion = true;
+    send(m_small->question());
+}
+
+void Exchange::endQuestion()
+{
+    const QString refusal = m_small->takeAnswer(m_parser->get().base(), static_cast<int>(m_client->traffic().bytes));
+    m_isQuestion = false;
+    rest();
+    m_client->finish();
+    if (refusal.isEmpty())
+        send(m_small->first());
+    else
+        emit failed(502, refusal);
 }
 
 void Exchange::fetchRest()
@@ -246,18 +281,24 @@ void Exchange::fetchRest()
                              .arg(m_taken)
                              .arg(m_length.value_or(0)));
 
+    const quint64 next = m_start + m_taken;
+    const quint64 end = m_start + *m_length;
+    const quint64 most = m_small ? m_small->partSize() : *m_length;
     m_nextPart = m_request;
     for (const auto field : {http::field::if_match, http::field::if_none_match, http::field::if_modified_since,
                              http::field::if_unmodified_since, http::field::if_range})
         m_nextPart.erase(field);
     m_nextPart.set(http::field::range,
-                   QStringLiteral("bytes=%1-%2").arg(m_start + m_taken).arg(m_start + *m_length - 1).toStdString());
+                   QStringLiteral("bytes=%1-%2").arg(next).arg(std::min(end, next + most) - 1).toStdString());
     const auto tag = m_head[http::field::etag];
-    if (!tag.empty() && !tag.starts_with("W/"))
+    if (m_small) { // nothing may bring everything
+    } else if (!tag.empty() && !tag.starts_with("W/")) {
         m_nextPart.set(http::field::if_range, tag);
-    else if (!m_head[http::field::last_modified].empty())
+    } else if (!m_head[http::field::last_modified].empty()) {
         m_nextPart.set(http::field::if_range, m_head[http::field::last_modified]);
+    }
     m_isFirst = false;
+    m_isInParts = true;
     rest();
     m_client->finish();
     emit paused();

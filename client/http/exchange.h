@@ -1,11 +1,11 @@
 #pragma once
 
+#include "client/http/message.h"
+#include "client/http/smallparts.h"
 #include "client/relay/relayclient.h"
 
 #include <boost/beast/http/dynamic_body.hpp>
-#include <boost/beast/http/message.hpp>
 #include <boost/beast/http/parser.hpp>
-#include <boost/beast/http/string_body.hpp>
 
 #include <QByteArray>
 #include <QObject>
@@ -13,17 +13,10 @@
 
 #include <optional>
 
-inline QByteArray toByteArray(boost::beast::string_view text)
-{
-    return QByteArray(text.data(), static_cast<int>(text.size()));
-}
-
-using HttpRequest = boost::beast::http::request<boost::beast::http::string_body>;
-using HttpResponseHead = boost::beast::http::response_header<>;
-
 /// One HTTP request (RFC 9110, RFC 9112) carried to the box's web server, and its whole response. The relay delivers of
 /// a response without chunks only what the web server had written when it looked; the rest is fetched in ranges,
-/// between which others may be served. Several may live at one client, of which one at a time is at work.
+/// between which others may be served; where the network drops IP fragments, all of it is. Several may live at one
+/// client, of which one at a time is at work.
 class Exchange : public QObject
 {
     Q_OBJECT
@@ -67,10 +60,13 @@ private:
     void beginPart();
     void take(const QByteArray &bytes);
     bool takeHead();
+    bool takeFirstHead(const HttpResponseHead &part);
     bool isContinued(const HttpResponseHead &part) const;
     void takePartsBody();
     void endSeries();
     void endPart();
+    void startSmall();
+    void endQuestion();
     void fetchRest();
     void fail(unsigned status, const QString &reason);
     void rest();
@@ -78,10 +74,13 @@ private:
     RelayClient *m_client;
     HttpRequest m_request;
     HttpRequest m_nextPart;
-    std::optional<Parser> m_parser; // of the present part
-    QByteArray m_buffer;            // not yet understood
-    bool m_isHeadTaken = false;     // of the present part
-    bool m_isFirst = true;          // part
+    std::optional<Parser> m_parser;    // of the present part
+    QByteArray m_buffer;               // not yet understood
+    bool m_isHeadTaken = false;        // of the present part
+    bool m_isFirst = true;             // part
+    std::optional<SmallParts> m_small; // where only short responses come through
+    bool m_isQuestion = false;         // the present part is the answer to its question
+    bool m_isInParts = false;          // more follow after the present one, if that is not the last
     HttpResponseHead m_head;
     std::optional<quint64> m_length;
     quint64 m_start = 0;       // of the body within what it is a part of

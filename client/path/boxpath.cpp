@@ -6,6 +6,7 @@
 #include "client/path/byaddress.h"
 #include "client/path/bydiscovery.h"
 #include "client/path/byintroduction.h"
+#include "introduction/hostaddress.h"
 #include "protocol/cipher.h"
 #include "protocol/datagram.h"
 #include "protocol/uuidscan.h"
@@ -138,6 +139,8 @@ void BoxPath::send(const QByteArray &plain)
 
 void BoxPath::open()
 {
+    if (m_isOpening)
+        return m_sinceOpening.start(); // under way already, and has its time anew
     stopKnocking();
     m_isOpening = true;
     dropCarrier(); // its server may not be reached the same way any more
@@ -287,7 +290,7 @@ QString BoxPath::how() const
         return QStringLiteral("carried by %1").arg(m_carrier->server()) + time;
     return (m_plan.hasPunched() ? QStringLiteral("punched through the routers to %1")
                                 : QStringLiteral("directly at %1"))
-               .arg(m_address.toString()) +
+               .arg(introduction::hostOf(introduction::addressOf(m_address, m_port)).toString()) +
            time;
 }
 

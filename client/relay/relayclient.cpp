@@ -19,6 +19,11 @@
 //       head. When the second one is silent then, the relay is asked to forget both, and from there on before every
 //       request, until a chunked response has come to its end: that ends the relay's waiting too;
 //     - a head that nobody will answer: no sign, see above, and once more from the start.
+//
+// On a network that drops IP fragments a long answer never comes. The relay repeats its packet for 25 s, holds all
+// others up, and then drops what it has for this peer, answers of harmless requests too; asked again, those are
+// answered anew. One that is answered then, while the request before it was not, tells that the answer is lost, and the
+// relay free.
 
 #include "client/relay/relayclient.h"
 
@@ -46,6 +51,31 @@ constexpr std::chrono::milliseconds secondProof = 1500ms; // behind the first; a
 constexpr std::chrono::milliseconds packetMemory = 60s;   // as long as the relay itself tells a packet from its like
 constexpr int mostSeen = 10000;                           // more than the relay sends in that time
 constexpr quint16 socketId = 1;                           // one request at a time needs no more
+constexpr quint16 paddedSocketId = 2;                 // tells the confirmations of a long copy from those of the short
+constexpr std::chrono::milliseconds packetLife = 24s; // for so long the relay repeats a packet, at the least
+constexpr std::chrono::milliseconds answerLife = 26s; // and not so long
+constexpr std::chrono::milliseconds lastReminder = 22s; // later ones might have the web server answer once more
+constexpr std::chrono::milliseconds lookReminder = 1s;
+
+bool isOf(quint16 messageId, const QByteArray &request)
+{
+    return !request.isEmpty() && datagram::readInteger<quint16>(request, datagram::messageIdOffset) == messageId;
+}
+
+/// A request that changes nothing. HTTP/1.0, as no server answers that with chunks.
+QByteArray harmless(const QByteArray &fields = QByteArray())
+{
+    const QByteArray path = QByteArray::number(QRandomGenerator::global()->generate64(), 16);
+    return "HEAD /nat-peer-" + path + " HTTP/1.0\r\nHost: localhost\r\nUser-Agent: nat-peer\r\n" + fields + "\r\n";
+}
+
+/// Makes a request longer than any usual MTU, in lines that small web servers take too.
+QByteArray padding()
+{
+    constexpr int lines = 4;
+    constexpr int length = 450;
+    return ("X-Padding: " + QByteArray(length, 'x') + "\r\n").repeated(lines);
+}
 } // namespace
 
 RelayClient::RelayClient(BoxPath *path, QString uuid, QString boxUuid, int timeout, QObject *parent)
@@ -57,8 +87,21 @@ RelayClient::RelayClient(BoxPath *path, QString uuid, QString boxUuid, int timeo
     m_resend.setInterval(resendSpacing);
     connect(&m_resend, &QTimer::timeout, this, &RelayClient::tick);
     connect(path, &BoxPath::received, this, &RelayClient::take);
+    connect(&m_fragments, &Fragments::due, path, &BoxPath::send);
+    connect(&m_fragments, &Fragments::noticed, this, &RelayClient::noticed);
+    connect(&m_fragments, &Fragments::decided, this, [this] {
+        if (m_state == State::Sizing)
+            proceed();
+    });
     connect(path, &BoxPath::opened, this, [this] {
+        m_fragments.forget();
         if (m_state == State::Opening)
+            proceed();
+    });
+    connect(path, &BoxPath::moved, this, [this] {
+        m_fragments.forget();
+        m_isSure &= m_state != State::Sizing;
+        if (m_state == State::Sizing)
             proceed();
     });
     connect(path, &BoxPath::failed, this, [this](const QString &reason) {
@@ -72,18 +115,14 @@ QByteArray RelayClient::request(const QByteArray &http)
     return datagram::request(++m_lastId, socketId, m_uuid, m_boxUuid, http);
 }
 
-/// HTTP/1.0, as no server answers that with chunks.
-QByteArray RelayClient::probe()
-{
-    const QByteArray path = QByteArray::number(QRandomGenerator::global()->generate64(), 16);
-    return request("HEAD /nat-peer-" + path + " HTTP/1.0\r\nHost: localhost\r\nUser-Agent: nat-peer\r\n\r\n");
-}
-
-void RelayClient::send(const QByteArray &httpRequest, bool mayRepeat)
+void RelayClient::send(const QByteArray &httpRequest, bool mayRepeat, bool isShort)
 {
     m_request = request(httpRequest);
     m_messageId = m_lastId;
     m_mayRepeat = mayRepeat;
+    m_isShort = isShort;
+    m_isSure &= m_fragments.isTried(); // what proves the one finds out about the other
+    m_look.clear();
     m_series = {};
     m_taken = 0;
     m_traffic = {};
@@ -107,6 +146,13 @@ void RelayClient::proceed()
         enter(State::Proving);
     else if (m_isLeaving)
         emit left();
+    else if (m_fragments.isTrying())
+        enter(State::Sizing);
+    else if (!m_fragments.reachesBox(m_request.size()))
+        fail(Failure::TooLong, QStringLiteral("this network drops IP fragments: a request must fit into %1 bytes")
+                                   .arg(Fragments::longestSafe - datagram::requestPayloadOffset));
+    else if (!m_isShort && areFragmentsDropped())
+        fail(Failure::Fragments, QStringLiteral("this network drops IP fragments"));
     else
         enter(State::Requesting);
 }
@@ -129,6 +175,8 @@ void RelayClient::abandon()
         m_isSure = false;
         m_sinceSign.start();
     }
+    if (m_state == State::Requesting)
+        m_unanswered = {m_messageId, m_sinceHeld};
     m_isAsked = false;
     enter(State::Idle);
 }
@@ -156,9 +204,11 @@ void RelayClient::enter(State state)
         m_resend.stop();
     else
         m_resend.start();
+    if (state == State::Clearing)
+        m_fragments.stop();
     if (state == State::Proving) {
         m_proof = {};
-        m_proof.first = probe();
+        m_proof.first = request(harmless());
     }
     if (state == State::Opening)
         m_path->open();
@@ -176,7 +226,7 @@ void RelayClient::transmit()
         m_path->send(m_proof.second.isEmpty() ? m_proof.first : m_proof.second);
     } else if (m_state == State::Requesting) {
         m_isAsked = true;
-        m_path->send(m_request);
+        m_path->send(m_look.isEmpty() ? m_request : m_look);
     }
 }
 
@@ -193,17 +243,30 @@ void RelayClient::tick()
     if (!m_isLeaving && !isBefore && isStuck(std::chrono::milliseconds(m_timeout)))
         return m_state == State::Receiving
                    ? fail(Failure::CutShort, QStringLiteral("the response is cut short, the rest does not come"))
-                   : fail(Failure::NoAnswer, QStringLiteral("no answer to the request"));
+                   : fail(Failure::NoAnswer,
+                          areFragmentsDropped()
+                              ? QStringLiteral("no answer to the request; this network drops IP fragments, and it may "
+                                               "have been too long to come without")
+                              : QStringLiteral("no answer to the request"));
 
     if (m_state == State::Proving)
         tickProof();
+    const auto isHeldFor = [this](std::chrono::milliseconds time) {
+        return m_state == State::Requesting && m_sinceHeld.isValid() && m_sinceHeld.hasExpired(time.count());
+    };
+    if (isHeldFor(answerLife) && m_look.isEmpty()) {
+        m_look = request(harmless());
+        return transmit();
+    }
     const bool isHeld =
         (m_state == State::Requesting && m_sinceHeld.isValid()) || (m_state == State::Proving && m_proof.isHeld);
-    const bool mayRepeat = m_mayRepeat || m_state == State::Proving;
+    const bool isLooking = m_state == State::Proving || !m_look.isEmpty();
+    const bool mayRepeat = isLooking || (m_mayRepeat && !isHeldFor(lastReminder));
+    const std::chrono::milliseconds spacing = isLooking ? lookReminder : reminder;
     if (!m_isLeaving && !isHeld && m_state != State::Receiving && !m_hasReopened && isStuck(pathPatience)) {
         m_hasReopened = true;
         enter(State::Opening);
-    } else if (!isHeld || (mayRepeat && m_sinceTransmit.hasExpired(reminder.count()))) {
+    } else if (!isHeld || (mayRepeat && m_sinceTransmit.hasExpired(spacing.count()))) {
         transmit();
     }
 }
@@ -237,9 +300,11 @@ void RelayClient::take(const QByteArray &data)
     if (kind == DatagramKind::ConnectRequest && m_state == State::Clearing) {
         m_isCleared = true;
         m_isRelayWaiting &= m_isSure; // or that is to be found out
+        m_unanswered = {};
         m_sinceSign.start();
         proceed();
     } else if (kind == DatagramKind::Confirmation) {
+        m_fragments.takeConfirmation(data);
         takeConfirmation(datagram::readInteger<quint16>(data, datagram::messageIdOffset));
     } else if (kind == DatagramKind::DataPacket && data.size() >= datagram::responsePayloadOffset) {
         takePacket(data);
@@ -248,15 +313,15 @@ void RelayClient::take(const QByteArray &data)
 
 void RelayClient::takeConfirmation(quint16 messageId)
 {
-    const auto isOf = [messageId](const QByteArray &request) {
-        return datagram::readInteger<quint16>(request, datagram::messageIdOffset) == messageId;
-    };
     if (m_state == State::Requesting && messageId == m_messageId && !m_sinceHeld.isValid()) {
         m_sinceHeld.start();
-    } else if (m_state == State::Proving && m_proof.second.isEmpty() && isOf(m_proof.first)) {
-        m_proof.second = probe();
+    } else if (m_state == State::Proving && m_proof.second.isEmpty() && isOf(messageId, m_proof.first)) {
+        m_proof.second = request(harmless());
         transmit();
-    } else if (m_state == State::Proving && isOf(m_proof.second)) {
+        // Under the same id the relay takes one of the two, and confirms each copy of both.
+        m_fragments.tryWith(datagram::request(m_lastId, paddedSocketId, m_uuid, m_boxUuid, harmless(padding())),
+                            m_proof.second);
+    } else if (m_state == State::Proving && isOf(messageId, m_proof.second)) {
         m_proof.isHeld = true;
     }
 }
@@ -269,9 +334,22 @@ void RelayClient::takePacket(const QByteArray &packet)
     m_path->send(datagram::packetReceipt(header, m_uuid, m_boxUuid, slice));
 
     m_sinceSign.start();
+    m_fragments.takeSize(packet.size());
+    if (header.messageId == m_unanswered.messageId)
+        m_unanswered = {};
     watchRelay(header, slice);
     if (m_state == State::Proving)
         return takeProof(header, slice);
+    if (m_state == State::Requesting && isOf(header.messageId, m_look)) {
+        m_unanswered = {m_messageId, m_sinceHeld};
+        checkUnanswered();
+        m_sinceHeld.invalidate();
+        return fail(Failure::Fragments,
+                    areFragmentsDropped()
+                        ? QStringLiteral("the answer was lost on its way: it is too long for this network, which drops "
+                                         "IP fragments")
+                        : QStringLiteral("the answer was lost on its way"));
+    }
     const bool isExpected = m_state == State::Requesting || m_state == State::Receiving;
     if (!isExpected || header.messageId != m_messageId)
         return;
@@ -300,18 +378,24 @@ void RelayClient::watchRelay(const datagram::ResponseHeader &header, const QByte
 
 void RelayClient::takeProof(const datagram::ResponseHeader &header, const QByteArray &slice)
 {
-    const auto isOf = [&header](const QByteArray &request) {
-        return !request.isEmpty() &&
-               datagram::readInteger<quint16>(request, datagram::messageIdOffset) == header.messageId;
-    };
-    if (isOf(m_proof.second)) {
+    if (isOf(header.messageId, m_proof.second)) {
+        checkUnanswered();
+        m_fragments.goOn();
         m_isSure = true;
         m_isRelayWaiting = false;
         proceed();
-    } else if (isOf(m_proof.first)) {
+    } else if (isOf(header.messageId, m_proof.first)) {
         m_proof.answer = header.count == 1 ? slice : QByteArray();
         m_proof.sinceIt.start();
     }
+}
+
+/// A later request has been answered, so that the relay has nothing any more for the one that was given up.
+void RelayClient::checkUnanswered()
+{
+    const QElapsedTimer since = std::exchange(m_unanswered, {}).sinceHeld;
+    if (since.isValid() && since.hasExpired(packetLife.count()))
+        m_fragments.takeLoss();
 }
 
 bool RelayClient::isRepeated(const QByteArray &packet)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "client/relay/fragments.h"
 #include "protocol/datagram.h"
 
 #include <QByteArray>
@@ -20,8 +21,10 @@ class RelayClient : public QObject
 
 public:
     enum class Failure {
-        NoAnswer, // the box or its web server does not answer
-        CutShort, // part of the response is lost for good
+        NoAnswer,  // the box or its web server does not answer
+        CutShort,  // part of the response is lost for good
+        Fragments, // the response did not come, or is not asked for, as it may be too long for this network
+        TooLong,   // the request is
     };
     /// What the transfer of the present response has taken so far.
     struct Traffic {
@@ -38,8 +41,9 @@ public:
     static constexpr int longestRequest = 65507 - datagram::requestPayloadOffset;
 
     /// Brings a request to the box; one at a time. `mayRepeat`: the web server may well get it twice (RFC 9110 calls
-    /// such methods idempotent), as it does when the relay is restarted meanwhile.
-    void send(const QByteArray &httpRequest, bool mayRepeat);
+    /// such methods idempotent), as it does when the relay is restarted meanwhile. `isShort`: it is sent also where a
+    /// long response would not come through.
+    void send(const QByteArray &httpRequest, bool mayRepeat, bool isShort);
 
     /// Tells that the response is whole.
     void finish();
@@ -51,6 +55,10 @@ public:
     bool isRelayWaiting() const { return m_isRelayWaiting; }
     /// What it takes for the beginning of chunks, in these letters and anywhere.
     static constexpr char chunkedField[] = "Transfer-Encoding: chunked";
+
+    /// Whether the network drops IP fragments, so that no response longer than Fragments::longestResponse comes
+    /// through.
+    bool areFragmentsDropped() const { return m_fragments.areDropped(); }
 
     /// Takes in what the relay still has for this peer and has it forget the rest, so that it resends nothing to a peer
     /// that has gone; left() follows, also when the relay does not answer, and nothing else does.
@@ -65,9 +73,11 @@ signals:
     void seriesEnded();
     void failed(RelayClient::Failure failure, const QString &reason);
     void left();
+    /// What is special about the network, for a person.
+    void noticed(const QString &text);
 
 private:
-    enum class State { Idle, Opening, Proving, Clearing, Requesting, Receiving };
+    enum class State { Idle, Opening, Proving, Clearing, Sizing, Requesting, Receiving };
 
     void take(const QByteArray &datagram);
     void takeConfirmation(quint16 messageId);
@@ -78,13 +88,13 @@ private:
     bool isRepeated(const QByteArray &packet);
     void tick();
     void tickProof();
+    void checkUnanswered();
     bool isSilent() const;
     void enter(State state);
     void proceed();
     void transmit();
     void fail(Failure failure, const QString &reason);
     QByteArray request(const QByteArray &http);
-    QByteArray probe();
 
     BoxPath *m_path;
     const QString m_uuid;
@@ -108,6 +118,13 @@ private:
     quint16 m_lastId;
     quint16 m_messageId = 0; // of the present request
     QByteArray m_request;    // datagram
+    bool m_isShort = false;  // the response, or it is to be tried
+    QByteArray m_look;       // datagram that is asked behind the request, whether that has been answered
+    struct {
+        quint16 messageId = 0;
+        QElapsedTimer sinceHeld; // invalid: there is none
+    } m_unanswered;              // request, given up before any of its answer came
+    Fragments m_fragments;
     struct {
         QByteArray first; // datagrams; the second one is empty until the relay has the first
         QByteArray second;
