@@ -2,6 +2,7 @@
 
 // clazy:excludeall=non-pod-global-static
 
+#include "introduction/secrets.h"
 #include "tests/support/peer.h"
 #include "tests/support/secrets.h"
 
@@ -24,13 +25,16 @@ inline QByteArray address(const QHostAddress &host, quint16 port)
 /// A peer that calls its box, and computes every byte of it by itself.
 struct Caller : Peer {
     explicit Caller(const QByteArray &own = peerUuid) : Peer(own, "192.0.2.1") {}
-    QByteArray key() const { return hkdf(boxCallKey, "call" + bytesOfUuid(uuid)); }
-    QByteArray context(char whom) const { return QByteArray(1, whom) + bytesOfUuid(boxUuid) + bytesOfUuid(uuid) + id; }
-    /// For the box, with its nonce.
+    introduction::Key key() const
+    {
+        const QByteArray bytes = hkdf(boxCallKey, "call" + bytesOfUuid(uuid));
+        return *introduction::keyOf(bytes.toHex().toStdString());
+    }
+    std::string context(char whom) const { return (QByteArray(1, whom) + bytesOfUuid(boxUuid) + bytesOfUuid(uuid) + id).toStdString(); }
+    /// For the box, with its nonce. How a seal is made has been checked against the standard's own.
     QByteArray sealed(const QByteArray &nonce, const QByteArray &items = QByteArray()) const
     {
-        const QByteArray start(24, 'n');
-        return start + xchacha(item(1, nonce) + items, key(), start, context(1), true);
+        return QByteArray::fromStdString(introduction::seal((item(1, nonce) + items).toStdString(), context(1), key()));
     }
     QByteArray call(const QByteArray &cookie, const QByteArray &sealed) const
     {
@@ -47,7 +51,8 @@ struct Caller : Peer {
     QMultiMap<char, QByteArray> opened(const QByteArray &sealed) const
     {
         QMultiMap<char, QByteArray> items;
-        const QByteArray plain = xchacha(sealed.mid(24), key(), sealed.left(24), context(2), false);
+        const auto unsealed = introduction::unseal(sealed.toStdString(), context(2), key());
+        const QByteArray plain = QByteArray::fromStdString(unsealed.value_or(std::string()));
         for (int place = 0; place + 1 < plain.size(); place += 2 + plain.at(place + 1))
             items.insert(plain.at(place), plain.mid(place + 2, plain.at(place + 1)));
         return items;
