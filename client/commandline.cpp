@@ -51,7 +51,7 @@ CommandLine::CommandLine(const QList<Command> &commands) : m_commands(commands)
                                        "the fewest first.")});
     addNumber("timeout", "Give up when nothing new comes for so long", "seconds", 30);
     addNumber("queue", "serve: so many requests may wait", "requests", 32);
-    addNumber("udp-port", "Local UDP port, 0 for any", "port", 0);
+    addNumber("udp-port", "Local UDP port, 0 for one that is free", "port", 0);
     addNumber("keep-alive", "Time between datagrams that keep the path open", "seconds", 15);
     addNumber("punch-rate", "Send at most so many datagrams while punching", "a minute", 20000);
 }

@@ -164,6 +164,10 @@ private slots:
             application.answer(QByteArray("HTTP/1.1 200 OK\r\n") + field + length + page);
             QVERIFY2(body(answer(client)) == page, method);
         }
+        const auto stream = get("/"); // ends at once, for the application and the relay too
+        QVERIFY(!request(application).isEmpty());
+        application.answer("HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\nTransfer-Encoding: chunked\r\n\r\n3\r\n: \n\r\n");
+        QVERIFY(answer(stream).startsWith("HTTP/1.1 501 ") && QTest::qWaitFor([&] { return application.isClosed(); }, 5000));
     }
 
     void networksMayDropFragments()
@@ -234,14 +238,16 @@ private slots:
             {"CONNECT box:443 HTTP/1.1\r\nConnection: close\r\n\r\n", {}, "501", "this is a way to one box"},
             {"GET / HTTP/1.1\r\nConnection: Upgrade, close\r\nUpgrade: websocket\r\n\r\n", {}, "501", "do not pass"},
             {"GET / HTTP/1.1\r\nConnection: close\r\nAccept: text/event-stream\r\n\r\n", {}, "501", "do not pass"},
+            {page, {"HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\n\r\n"}, "501", "do not pass"},
             {form + "65427\r\n\r\n" + QByteArray(65427, 'x'), {}, "413", "must fit into 65426 bytes"},
             {form + "65400\r\n\r\n" + QByteArray(65400, 'x'), {}, "413", "must fit into 65426"},
             {"GET / HTTP/1.1\r\nX: " + QByteArray(40000, 'x') + "\r\n\r\n", {}, "431", "must fit into 32768 bytes"},
-            {page, {ok, ok}, "502", "5 of 9 bytes, and its web server gives no ranges of the rest; an nginx before it helps"},
+            {page, {ok, ok}, "502", "5 of 9 bytes, and its web server gives no ranges of the rest; an nginx before the web server helps"},
             {page,
              {ok, "HTTP/1.1 206 Partial\r\nContent-Range: bytes 5-8/10\r\nContent-Length: 4\r\nETag: \"1\"\r\n\r\nrest"},
              "502",
              "delivered 5 of 9 bytes"},
+            {page, {"HTTP/1.1 200 OK\r\n\r\nsome"}, "502", "4 bytes came, and more may be missing; an nginx before"},
             {form + "0\r\n\r\n", {ok}, "502", "delivered 5 of 9 bytes, and there is no way"},
             {page, {""}, "504", "no answer to the request"}};
         WebServer web;
@@ -291,11 +297,23 @@ private slots:
         QVERIFY(request(web).startsWith("GET /second "));
         web.answer("HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nnew");
         QCOMPARE(body(answer(client)), "new");
+        const auto stream = get("/stream"); // refused, and let go by the relay when the web server ends it
+        QVERIFY(request(web).startsWith("GET /stream "));
+        web.answer("HTTP/1.1 200 OK\r\nContent-Type: Text/Event-Stream; v=1\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nevent\r\n");
+        QVERIFY(answer(stream).startsWith("HTTP/1.1 501 "));
+        web.answer("0\r\n\r\n");
         const auto broken = get("/broken"); // what has come is passed on, and not taken for all
         QVERIFY(request(web).startsWith("GET /broken "));
         web.answer("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nfirst\r\n");
         QVERIFY(QTest::qWaitFor([&] { return broken->peek(1000).endsWith("\r\n5\r\nfirst\r\n"); }, 900));
         QVERIFY(answer(broken).endsWith("\r\n5\r\nfirst\r\n"));
+        startRelay();
+        web.probeTime = 2200; // what is asked for its own sake is slow as well
+        startProxy({"--timeout", "15"});
+        const auto slow = get("/slow");
+        QVERIFY(request(web).startsWith("GET /slow "));
+        web.answer("HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nown");
+        QCOMPARE(body(answer(slow)), "own");
     }
 
     void pagesGivenUpHarmNobody()
@@ -320,6 +338,16 @@ private slots:
             }
         }
         QVERIFY(whole > 5);
+        const auto broken = get("/broken"); // the last that its peer asks: others must not wait for what comes next
+        QVERIFY(QTest::qWaitFor([&] { return broken->bytesAvailable() > 0; }, 15000));
+        broken->abort();
+        box->addPeer(otherUuid);
+        write("other.ini", QByteArray(config).replace(peerUuid, otherUuid));
+        for (const char *target : {"/whole1", "/whole2"}) {
+            const auto [status, output, error] = fetch({"--config", path("other.ini"), "--timeout", "8", "get", target});
+            QVERIFY2(output == Site::page(target), error);
+            QVERIFY(body(answer(get("/whole3"))) == Site::page("/whole3"));
+        }
     }
 
     void responsesThatLookLikeOthersDoNoHarm()
@@ -328,12 +356,23 @@ private slots:
         startRelay();
         startProxy({"--timeout", "5", "--verbose"});
         const QByteArray ok = "HTTP/1.1 200 OK\r\nContent-Length: ";
-        auto client = get("/a%20b"); // the header alone, as a web server may write it
+        auto client = get("/a%20b"); // the header alone, as a web server may write it; its page stays before pictures
         QVERIFY(request(web).startsWith("GET /a%20b "));
+        const auto picture = ask("GET /picture HTTP/1.0\r\nAccept: image/png\r\n\r\n");
         web.answer(ok + "5\r\n\r\n");
         QVERIFY(request(web).contains("\r\nRange: bytes=0-4\r\n"));
         web.answer("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-4/5\r\nContent-Length: 5\r\n\r\nwhole");
         QCOMPARE(body(answer(client)), "whole");
+        QVERIFY(request(web).startsWith("GET /picture "));
+        client = get("/between");
+        web.answer(ok + "9\r\n\r\nfirst");
+        QVERIFY(request(web).startsWith("GET /between "));
+        picture->abort(); // between two parts
+        QByteArray told;
+        const auto isTold = [&](const char *line) { return (told += proxy->readAllStandardError()).contains(line); };
+        QVERIFY(QTest::qWaitFor([&] { return isTold("GET /picture: the client went away; "); }, 5000));
+        web.answer(ok + "0\r\n\r\n");
+        QVERIFY(body(answer(client)).isEmpty());
         // The relay takes this page for a beginning of chunks, and does not know its end: the next requests must all the
         // same be answered.
         const QByteArray page = QByteArray(9000, 'x') + "Transfer-Encoding: chunked" + QByteArray(9000, 'x');
@@ -347,7 +386,7 @@ private slots:
         QVERIFY(request(web).startsWith("HEAD / HTTP/1.0\r\n")); // to which no server answers with chunks
         web.answer("HTTP/1.1 200 OK\r\nContent-Length: 7\r\n\r\n");
         QVERIFY(answer(client).contains("\r\nContent-Length: 7\r\n"));
-        QVERIFY(proxy->readAllStandardError().contains("GET /a%20b: 200; "));
+        QVERIFY(isTold("GET /a%20b: 200; "));
     }
 
     void clientsMayGoAtAnyTime()
@@ -396,6 +435,11 @@ private slots:
         QVERIFY(awaitLog([this] { return log.contains("Failed to write to TCP port"); }));
         startNginx();
         QCOMPARE(body(answer(waiting)), "there");
+        write("pages/long", QByteArray(400000, 'x'));
+        const auto cut = get("/long");
+        QVERIFY(QTest::qWaitFor([&] { return cut->bytesAvailable() > 0; }, 15000));
+        startProxy({"--timeout", "5"}); // kills the one that takes in the packets
+        QCOMPARE(body(answer(get("/page.html"))), "there");
         proxy->terminate(); // tells the relay good-bye
         QVERIFY(QTest::qWaitFor([this] { return proxy->state() == QProcess::NotRunning; }, 10000) && proxy->exitCode() == 0);
         const int connects = log.count("Connection requested");

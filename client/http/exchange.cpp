@@ -19,7 +19,13 @@ namespace
 constexpr std::uint32_t longestHead = 64 * 1024;
 constexpr int shortestEnd = 5;          // of chunks: the last one's "0" and two line ends
 constexpr int longestLine = 128 * 1024; // or head; what is not understood before it
+constexpr char helpfulSite[] = "an nginx before the web server helps, as in scripts/nginx-site.conf";
 constexpr int mostBarrenParts = 3; // a read may bring the header alone; so many in a row bring no more the next time
+
+bool isEventStream(const HttpResponseHead &head)
+{
+    return toByteArray(head[http::field::content_type]).toLower().startsWith("text/event-stream");
+}
 
 bool mayRepeat(http::verb method) // RFC 9110, 9.2.2
 {
@@ -165,10 +171,10 @@ bool Exchange::takeHead()
     if (!m_isFirst) {
         if (isContinued(part))
             return true;
-        fail(502, QStringLiteral("the box delivered %1 of %2 bytes, and its web server gives no ranges of the rest; an "
-                                 "nginx before it helps, as in scripts/nginx-site.conf")
+        fail(502, QStringLiteral("the box delivered %1 of %2 bytes, and its web server gives no ranges of the rest; %3")
                       .arg(m_taken)
-                      .arg(*m_length));
+                      .arg(*m_length)
+                      .arg(QLatin1String(helpfulSite)));
         return false;
     }
     return takeFirstHead(part);
@@ -180,6 +186,10 @@ bool Exchange::takeFirstHead(const HttpResponseHead &part)
     m_isInChunks = m_parser->chunked();
     if (const auto length = m_parser->content_length())
         m_length = *length;
+    if (isEventStream(part) && !m_length && !m_parser->is_done()) {
+        fail(501, QLatin1String(noStreams)); // its end may be far, and what a page waits for is behind it
+        return false;
+    }
     if (part.result() != http::status::partial_content)
         return true;
     if (const auto range = contentRange(part))
@@ -223,8 +233,9 @@ void Exchange::endSeries()
         fail(502, QStringLiteral("the response is cut short: the relay follows chunks only under \"%1\"")
                       .arg(QLatin1String(RelayClient::chunkedField)));
     else if (m_parser->need_eof())
-        fail(502, QStringLiteral("the response does not say how long it is: %1 bytes came, and more may be missing")
-                      .arg(m_taken));
+        fail(502, QStringLiteral("the response does not say how long it is: %1 bytes came, and more may be missing; %2")
+                      .arg(m_taken)
+                      .arg(QLatin1String(helpfulSite)));
     else
         fetchRest();
 }
@@ -276,10 +287,10 @@ void Exchange::fetchRest()
                            (m_head.result() == http::status::ok ||
                             (m_head.result() == http::status::partial_content && contentRange(m_head)));
     if (!hasRanges || m_barrenParts > mostBarrenParts)
-        return fail(502, QStringLiteral("the box delivered %1 of %2 bytes, and there is no way to ask for the rest; an "
-                                        "nginx before its web server helps, as in scripts/nginx-site.conf")
+        return fail(502, QStringLiteral("the box delivered %1 of %2 bytes, and there is no way to ask for the rest; %3")
                              .arg(m_taken)
-                             .arg(m_length.value_or(0)));
+                             .arg(m_length.value_or(0))
+                             .arg(QLatin1String(helpfulSite)));
 
     const quint64 next = m_start + m_taken;
     const quint64 end = m_start + *m_length;

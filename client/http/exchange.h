@@ -13,6 +13,10 @@
 
 #include <optional>
 
+inline constexpr char noStreams[] =
+    "WebSocket and event streams do not pass: the way to the box carries whole responses, "
+    "one at a time";
+
 /// One HTTP request (RFC 9110, RFC 9112) carried to the box's web server, and its whole response. The relay delivers of
 /// a response without chunks only what the web server had written when it looked; the rest is fetched in ranges,
 /// between which others may be served; where the network drops IP fragments, all of it is. Several may live at one
@@ -50,7 +54,7 @@ signals:
     /// Part of the body is there. The client is free until resume().
     void paused();
     void finished();
-    /// `status`: what a gateway answers then, 502 or 504.
+    /// `status`: what a gateway answers then, 501 for a stream, 502 or 504.
     void failed(unsigned status, const QString &reason);
 
 private:

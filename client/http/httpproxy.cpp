@@ -51,12 +51,18 @@ void HttpProxy::leave(ProxyConnection *connection)
 {
     if (m_connections-- == connectionLimit)
         m_server.resumeAccepting();
-    m_waiting.remove_if([connection](const auto &job) { return job->connection == connection; });
+    const QString gone = QStringLiteral("the client went away");
+    m_waiting.remove_if([&](const auto &job) {
+        const bool isItsOwn = job->connection == connection;
+        if (isItsOwn && job->isBegun && m_options.isVerbose)
+            tell(*job, gone);
+        return isItsOwn;
+    });
     if (m_current == nullptr || connection != m_current->connection)
         return;
     m_current->connection = nullptr;
     m_current->exchange.cancel();
-    end(QStringLiteral("the client went away"), m_options.isVerbose);
+    end(gone, m_options.isVerbose);
 }
 
 void HttpProxy::enqueue(ProxyConnection *connection)
@@ -112,7 +118,8 @@ void HttpProxy::forward(Job *job)
 void HttpProxy::pause()
 {
     m_current->held += m_current->exchange.takeBody();
-    m_current->rank = Rank::Download;
+    if (m_current->connection->isHeadSent() || !m_current->held.isEmpty()) // a page's header may come alone
+        m_current->rank = Rank::Download;
     m_waiting.push_back(std::move(m_current));
     QMetaObject::invokeMethod(this, &HttpProxy::next, Qt::QueuedConnection);
 }
@@ -137,11 +144,15 @@ void HttpProxy::end(const QString &outcome, bool isTold)
     const std::shared_ptr<Job> job = std::move(m_current);
     QMetaObject::invokeMethod(
         this, [this, job] { next(); }, Qt::QueuedConnection);
-    if (!isTold)
-        return;
-    const HttpRequest &request = job->exchange.request();
-    const RelayClient::Traffic traffic = job->exchange.traffic();
-    const double seconds = static_cast<double>(job->sinceStart.elapsed()) / 1000;
+    if (isTold)
+        tell(*job, outcome);
+}
+
+void HttpProxy::tell(const Job &job, const QString &outcome)
+{
+    const HttpRequest &request = job.exchange.request();
+    const RelayClient::Traffic traffic = job.exchange.traffic();
+    const double seconds = static_cast<double>(job.sinceStart.elapsed()) / 1000;
     const QString rate = QString::number(static_cast<double>(traffic.bytes) / 1000 / std::max(seconds, 0.001), 'f', 0);
     // All at once: a target may hold %1 too.
     emit logged(QStringLiteral("%1 %2: %3; %4 bytes in %5 packets, %6 came again, %7 s, %8 kB/s")

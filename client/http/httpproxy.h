@@ -62,6 +62,7 @@ private:
     void pause();
     void finish();
     void end(const QString &outcome, bool isTold);
+    void tell(const Job &job, const QString &outcome);
 
     RelayClient *m_client;
     QTcpServer m_server;

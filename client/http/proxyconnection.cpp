@@ -142,8 +142,7 @@ void ProxyConnection::takeRequest()
     if (m_request.method() == http::verb::connect)
         return fail(501, QStringLiteral("this is a way to one box, not to everywhere"));
     if (isForStream(m_request))
-        return fail(501, QStringLiteral("WebSocket and event streams do not pass: the way to the box carries whole "
-                                        "responses, one at a time"));
+        return fail(501, QLatin1String(noStreams));
 
     const QByteArray target = toByteArray(m_request.target());
     static const QByteArray scheme("http://");

@@ -11,6 +11,8 @@
 #include "protocol/datagram.h"
 #include "protocol/uuidscan.h"
 
+#include <QUuid>
+
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -27,6 +29,15 @@ constexpr std::chrono::milliseconds echoTime = 1s;
 constexpr std::chrono::milliseconds improveLimit = 60s; // through all steps of knocking
 constexpr auto carrierRest = 30s;                       // what the box has under way is still carried after a move
 
+/// The same at every start, so that what the relay still sends to one that was killed reaches the next one, which
+/// confirms it: otherwise everybody would wait until the relay gives it up.
+quint16 usualPort(const QString &uuid)
+{
+    constexpr uint first = 49152; // of the ports that nobody is assigned (RFC 6335)
+    constexpr uint count = 16384;
+    return static_cast<quint16>(first + QUuid(uuid).data1 % count);
+}
+
 bool isOver(const QElapsedTimer &timer, std::chrono::milliseconds time)
 {
     return !timer.isValid() || timer.hasExpired(time.count());
@@ -38,7 +49,9 @@ BoxPath::BoxPath(const PeerFile &peer, const Options &options, QObject *parent)
       m_iv(QByteArray::fromHex(peer.iv.toLatin1())), m_options(options),
       m_plan(options.punch, options.datagramsPerMinute)
 {
-    if (!addSocket(options.udpPort))
+    const bool isBound =
+        options.udpPort == 0 ? addSocket(usualPort(m_uuid)) || addSocket(0) : addSocket(options.udpPort);
+    if (!isBound)
         m_error = QStringLiteral("UDP port %1 cannot be used: another program may have it; choose another one")
                       .arg(options.udpPort);
     else if (!peer.server.isEmpty())

@@ -27,7 +27,7 @@ class BoxPath : public QObject
 
 public:
     struct Options {
-        quint16 udpPort = 0;                // local port; 0: any
+        quint16 udpPort = 0;                // local port; 0: always the same for a peer, any where that is taken
         std::chrono::seconds keepAlive{15}; // routers forget a silent path, some after 30 s
         std::chrono::seconds openLimit{10}; // how long the box may take to answer
         bool punch = false;                 // go on to more ports and sockets while the box does not answer

@@ -8,17 +8,20 @@
 //
 // - A request that is given up stays in the relay's queue. Its packets are confirmed and thrown away; the next request
 //   waits its turn behind it. The relay is asked to forget (ConnectRequest) only where everything asked has been
-//   answered, or where no sign of an answer came for a minute, or no more of one in chunks for two seconds: then the
-//   web server has most likely closed the link, and the relay would wait for ever.
+//   answered, or where no sign of an answer came for a minute, or an answer has come and for a second neither more of
+//   it nor the one behind it: then the web server has most likely closed the link, and the relay would wait for ever.
 // - After anything that leaves a doubt (given up, time-out, broken off, a start) two harmless requests go ahead, HEAD
 //   of a random path. The second one can only be answered when the first has been taken off the queue and its link
 //   closed, whatever answer the first one got. The states the relay can be in, and how each ends:
 //     - busy with a request of ours or another's: the two wait behind it;
 //     - a link that owes an answer nobody waits for: the first one gets it, or the rest of it, and the link is closed;
 //     - waiting for the end of chunks that never comes, with nothing owed: the first one is answered and stays at the
-//       head. When the second one is silent then, the relay is asked to forget both, and from there on before every
-//       request, until a chunked response has come to its end: that ends the relay's waiting too;
+//       head. When the second one is silent then, the relay is asked to forget both, and from there on behind every
+//       response, until a chunked response has come to its end: that ends the relay's waiting too;
 //     - a head that nobody will answer: no sign, see above, and once more from the start.
+// - Whatever stays at the head holds up every other peer too. So all this is done at once, and not only when there is a
+//   next request; and another peer's chunks may have left the relay waiting while it gave us nothing for a second, so
+//   that our response stays at the head although it is whole: that is a doubt as well.
 //
 // On a network that drops IP fragments a long answer never comes. The relay repeats its packet for 25 s, holds all
 // others up, and then drops what it has for this peer, answers of harmless requests too; asked again, those are
@@ -41,16 +44,20 @@ using namespace std::chrono_literals;
 
 namespace
 {
-constexpr auto resendSpacing = 500ms;
+constexpr auto tickSpacing = 100ms;
+constexpr std::chrono::milliseconds resendSpacing = 500ms;
 constexpr std::chrono::milliseconds reminder = 5s;     // a relay that was restarted has forgotten the request
 constexpr std::chrono::milliseconds pathPatience = 4s; // unconfirmed so long, the request has no path any more
 constexpr std::chrono::milliseconds leaveLimit = 3s;
-constexpr std::chrono::milliseconds signLimit = 60s; // as long as web servers themselves wait for an application
-constexpr std::chrono::milliseconds chunkLimit = 2s; // what comes later is taken for no response by whoever gets it
-constexpr std::chrono::milliseconds secondProof = 1500ms; // behind the first; a HEAD takes a fraction of it
-constexpr std::chrono::milliseconds packetMemory = 60s;   // as long as the relay itself tells a packet from its like
-constexpr int mostSeen = 10000;                           // more than the relay sends in that time
-constexpr quint16 socketId = 1;                           // one request at a time needs no more
+constexpr std::chrono::milliseconds signLimit = 60s;    // as long as web servers themselves wait for an application
+constexpr std::chrono::milliseconds answerGap = 1s;     // between answers, or parts of one, that follow each other
+constexpr std::chrono::milliseconds drainTime = 300ms;  // in which a link that owes something gives it
+constexpr int probeShare = 3;                           // both are longer where a HEAD takes more than this part of it
+constexpr std::chrono::milliseconds othersTurn = 800ms; // in less nobody can have left the relay waiting
+constexpr std::chrono::milliseconds backgroundLimit = 120s;
+constexpr std::chrono::milliseconds packetMemory = 60s; // as long as the relay itself tells a packet from its like
+constexpr int mostSeen = 10000;                         // more than the relay sends in that time
+constexpr quint16 socketId = 1;                         // one request at a time needs no more
 constexpr quint16 paddedSocketId = 2;                 // tells the confirmations of a long copy from those of the short
 constexpr std::chrono::milliseconds packetLife = 24s; // for so long the relay repeats a packet, at the least
 constexpr std::chrono::milliseconds answerLife = 26s; // and not so long
@@ -84,7 +91,7 @@ RelayClient::RelayClient(BoxPath *path, QString uuid, QString boxUuid, int timeo
 {
     m_clock.start();
     m_sinceSign.start(); // a peer of the same name may have been at work until now
-    m_resend.setInterval(resendSpacing);
+    m_resend.setInterval(tickSpacing);
     connect(&m_resend, &QTimer::timeout, this, &RelayClient::tick);
     connect(path, &BoxPath::received, this, &RelayClient::take);
     connect(&m_fragments, &Fragments::due, path, &BoxPath::send);
@@ -129,11 +136,12 @@ void RelayClient::send(const QByteArray &httpRequest, bool mayRepeat, bool isSho
     m_seen.clear();
     m_sinceHeld.invalidate();
     m_sinceSend.start();
-    m_hasReopened = m_isCleared = false;
-    if (m_path->isFresh())
-        proceed();
-    else
+    m_hasRequest = true;
+    m_hasReopened = false;
+    if (!m_path->isFresh())
         enter(State::Opening);
+    else if (!isBefore())
+        proceed();
 }
 
 /// The path is open: on with what comes before the request, if anything, or with the request.
@@ -142,57 +150,89 @@ void RelayClient::proceed()
     const bool isHopeless = !m_isSure && isSilent();
     if (!m_isCleared && (isHopeless || (m_isSure && (m_isRelayWaiting || m_isLeaving))))
         enter(State::Clearing);
-    else if (!m_isSure)
-        enter(State::Proving);
-    else if (m_isLeaving)
+    else if (m_isLeaving && (m_isSure || m_isCleared))
         emit left();
+    else if (!m_isSure || m_isDoubtful)
+        enter(State::Proving);
+    else if (!m_hasRequest)
+        enter(State::Idle);
     else if (m_fragments.isTrying())
         enter(State::Sizing);
     else if (!m_fragments.reachesBox(m_request.size()))
-        fail(Failure::TooLong, QStringLiteral("this network drops IP fragments: a request must fit into %1 bytes")
-                                   .arg(Fragments::longestSafe - datagram::requestPayloadOffset));
+        refuse(Failure::TooLong, QStringLiteral("this network drops IP fragments: a request must fit into %1 bytes")
+                                     .arg(Fragments::longestSafe - datagram::requestPayloadOffset));
     else if (!m_isShort && areFragmentsDropped())
-        fail(Failure::Fragments, QStringLiteral("this network drops IP fragments"));
+        refuse(Failure::Fragments, QStringLiteral("this network drops IP fragments"));
     else
         enter(State::Requesting);
 }
 
-/// Whether what was given up gave no sign of an answer for so long that there will be none.
+/// Before it is sent.
+void RelayClient::refuse(Failure failure, const QString &reason)
+{
+    enter(State::Idle);
+    fail(failure, reason);
+}
+
+/// Whether the relay gave no sign of an answer for so long that there will be none.
 bool RelayClient::isSilent() const
 {
-    return m_sinceSign.hasExpired((m_isRelayWaiting ? chunkLimit : signLimit).count());
+    return m_sinceSign.hasExpired(m_isAnswered ? patience(answerGap) : signLimit.count());
+}
+
+qint64 RelayClient::patience(std::chrono::milliseconds least) const
+{
+    return std::max<qint64>(least.count(), probeShare * m_probeTime);
+}
+
+bool RelayClient::isBefore() const
+{
+    return m_state == State::Proving || m_state == State::Clearing;
 }
 
 void RelayClient::finish()
 {
-    m_isAsked = false;
-    enter(State::Idle);
+    rest();
 }
 
 void RelayClient::abandon()
 {
     if (m_isAsked) { // what has not been sent leaves no doubt behind
         m_isSure = false;
-        m_sinceSign.start();
+        if (m_state != State::Receiving) {
+            m_isAnswered = false;
+            m_sinceSign.start();
+        }
     }
     if (m_state == State::Requesting)
         m_unanswered = {m_messageId, m_sinceHeld};
-    m_isAsked = false;
-    enter(State::Idle);
+    rest();
+}
+
+/// Settles what the request leaves open, at once and not before the next one, as other peers wait behind it.
+void RelayClient::rest()
+{
+    m_isAsked = m_hasRequest = false;
+    if (isBefore())
+        return;
+    m_sinceSend.start();
+    if (m_path->isFresh() && m_state != State::Opening)
+        proceed();
+    else
+        enter(State::Idle);
 }
 
 void RelayClient::leave()
 {
     if (m_isLeaving)
         return;
+    m_isLeaving = true;
+    QTimer::singleShot(leaveLimit, this, &RelayClient::left);
     if (m_state != State::Idle)
         abandon();
-    m_isLeaving = true;
-    m_isCleared = false;
-    QTimer::singleShot(leaveLimit, this, &RelayClient::left);
-    if (m_path->isFresh())
+    else if (m_path->isFresh())
         proceed();
-    else
+    if (m_state == State::Idle)
         emit left();
 }
 
@@ -207,8 +247,10 @@ void RelayClient::enter(State state)
     if (state == State::Clearing)
         m_fragments.stop();
     if (state == State::Proving) {
+        m_isSure = m_isDoubtful = false;
         m_proof = {};
         m_proof.first = request(harmless());
+        m_sinceProbe.start();
     }
     if (state == State::Opening)
         m_path->open();
@@ -220,6 +262,7 @@ void RelayClient::enter(State state)
 void RelayClient::transmit()
 {
     m_sinceTransmit.start();
+    m_isCleared &= m_state == State::Clearing || m_state == State::Idle;
     if (m_state == State::Clearing) {
         m_path->send(datagram::link(DatagramKind::ConnectRequest, m_uuid, m_boxUuid));
     } else if (m_state == State::Proving) {
@@ -235,12 +278,16 @@ void RelayClient::tick()
     const auto isStuck = [this](std::chrono::milliseconds time) { return m_sinceProgress.hasExpired(time.count()); };
     if (m_state == State::Opening)
         return; // the path has its own limit
-    const bool isBefore = m_state == State::Proving || m_state == State::Clearing;
-    if (!m_isLeaving && isBefore && m_sinceSend.hasExpired(m_timeout))
+    if (m_state == State::Receiving && m_isRelayWaiting && !m_isInChunks && m_isAnswered && isStuck(answerGap)) {
+        m_isRelayWaiting = false; // another peer's chunks have come to their end, and the relay has gone on
+        m_isDoubtful = true;
+        return emit seriesEnded();
+    }
+    if (m_hasRequest && isBefore() && m_sinceSend.hasExpired(m_timeout))
         return fail(Failure::NoAnswer,
                     QStringLiteral("no answer: the box still waits for its web server's answer to an "
                                    "earlier request"));
-    if (!m_isLeaving && !isBefore && isStuck(std::chrono::milliseconds(m_timeout)))
+    if (!isBefore() && isStuck(std::chrono::milliseconds(m_timeout)))
         return m_state == State::Receiving
                    ? fail(Failure::CutShort, QStringLiteral("the response is cut short, the rest does not come"))
                    : fail(Failure::NoAnswer,
@@ -249,6 +296,8 @@ void RelayClient::tick()
                                                "have been too long to come without")
                               : QStringLiteral("no answer to the request"));
 
+    if (!m_hasRequest && m_sinceSend.hasExpired(backgroundLimit.count()))
+        return enter(State::Idle);
     if (m_state == State::Proving)
         tickProof();
     const auto isHeldFor = [this](std::chrono::milliseconds time) {
@@ -265,25 +314,23 @@ void RelayClient::tick()
     const std::chrono::milliseconds spacing = isLooking ? lookReminder : reminder;
     if (!m_isLeaving && !isHeld && m_state != State::Receiving && !m_hasReopened && isStuck(pathPatience)) {
         m_hasReopened = true;
-        enter(State::Opening);
-    } else if (!isHeld || (mayRepeat && m_sinceTransmit.hasExpired(spacing.count()))) {
+        enter(m_hasRequest ? State::Opening : State::Idle);
+    } else if (m_sinceTransmit.hasExpired(resendSpacing.count()) &&
+               (!isHeld || (mayRepeat && m_sinceTransmit.hasExpired(spacing.count())))) {
         transmit();
     }
 }
 
 void RelayClient::tickProof()
 {
-    if (isSilent()) {
-        m_isCleared = false;
-        return proceed();
-    }
     // Answered and still at the head of the relay's queue: the relay waits for an end that will not come. Nothing that
     // has been asked is unanswered, so that it may forget.
-    const bool isWhole =
-        m_proof.answer.startsWith("HTTP/1.") && m_proof.answer.indexOf("\r\n\r\n") == m_proof.answer.size() - 4;
-    if (isWhole && m_proof.isHeld && m_proof.sinceIt.hasExpired(secondProof.count())) {
+    const auto wait = patience(m_isRelayWaiting ? drainTime : answerGap);
+    if (m_proof.isAnswered && m_proof.isHeld && m_sinceSign.hasExpired(wait)) {
         m_isSure = m_isRelayWaiting = true;
-        m_isCleared = false;
+        proceed();
+    } else if (isSilent()) {
+        m_isRelayWaiting |= m_isAnswered;
         proceed();
     }
 }
@@ -299,8 +346,8 @@ void RelayClient::take(const QByteArray &data)
     const auto kind = static_cast<DatagramKind>(data.at(0));
     if (kind == DatagramKind::ConnectRequest && m_state == State::Clearing) {
         m_isCleared = true;
-        m_isRelayWaiting &= m_isSure; // or that is to be found out
         m_unanswered = {};
+        m_isAnswered = false;
         m_sinceSign.start();
         proceed();
     } else if (kind == DatagramKind::Confirmation) {
@@ -333,13 +380,14 @@ void RelayClient::takePacket(const QByteArray &packet)
     // Always: the relay sends nothing else to anybody before this packet is confirmed.
     m_path->send(datagram::packetReceipt(header, m_uuid, m_boxUuid, slice));
 
-    m_sinceSign.start();
+    m_isAnswered = header.index + 1 == header.count;
+    const qint64 gap = m_sinceSign.restart();
     m_fragments.takeSize(packet.size());
     if (header.messageId == m_unanswered.messageId)
         m_unanswered = {};
     watchRelay(header, slice);
     if (m_state == State::Proving)
-        return takeProof(header, slice);
+        return takeProof(header, slice, gap);
     if (m_state == State::Requesting && isOf(header.messageId, m_look)) {
         m_unanswered = {m_messageId, m_sinceHeld};
         checkUnanswered();
@@ -357,6 +405,8 @@ void RelayClient::takePacket(const QByteArray &packet)
         m_traffic.repeats++;
         return;
     }
+    // Meanwhile another peer may have left the relay waiting for an end: then this request stays at its head.
+    m_isDoubtful |= m_state == State::Requesting && gap > othersTurn.count();
     m_state = State::Receiving;
     m_sinceProgress.start();
     m_traffic.packets++;
@@ -370,13 +420,15 @@ void RelayClient::watchRelay(const datagram::ResponseHeader &header, const QByte
 {
     constexpr int endReach = 7;
     const QByteArray seen = (header.index == 0 ? QByteArray() : m_tail) + slice;
-    m_isRelayWaiting |= seen.contains(chunkedField);
+    const bool isBeginning = seen.contains(chunkedField);
+    m_isInChunks = isBeginning || (m_isInChunks && m_state == State::Receiving);
+    m_isRelayWaiting |= isBeginning;
     if (header.index + 1 == header.count && seen.right(endReach).contains("0\r\n\r\n"))
         m_isRelayWaiting = false;
     m_tail = seen.right(static_cast<int>(sizeof chunkedField) - 2);
 }
 
-void RelayClient::takeProof(const datagram::ResponseHeader &header, const QByteArray &slice)
+void RelayClient::takeProof(const datagram::ResponseHeader &header, const QByteArray &slice, qint64 gap)
 {
     if (isOf(header.messageId, m_proof.second)) {
         checkUnanswered();
@@ -385,8 +437,11 @@ void RelayClient::takeProof(const datagram::ResponseHeader &header, const QByteA
         m_isRelayWaiting = false;
         proceed();
     } else if (isOf(header.messageId, m_proof.first)) {
-        m_proof.answer = header.count == 1 ? slice : QByteArray();
-        m_proof.sinceIt.start();
+        const bool isHead =
+            header.count == 1 && slice.startsWith("HTTP/1.") && slice.indexOf("\r\n\r\n") == slice.size() - 4;
+        if (isHead && !m_proof.isAnswered) // the relay may send it again
+            m_probeTime = std::min({m_probeTime, gap, m_sinceProbe.elapsed()});
+        m_proof.isAnswered = isHead;
     }
 }
 

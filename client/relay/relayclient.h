@@ -10,6 +10,8 @@
 #include <QString>
 #include <QTimer>
 
+#include <chrono>
+
 class BoxPath;
 
 /// The peer's side of the conversation: brings one HTTP request at a time to the box and confirms the packets of the
@@ -47,7 +49,7 @@ public:
 
     /// Tells that the response is whole.
     void finish();
-    /// Gives the present request up. What still comes for it is taken in and thrown away.
+    /// Gives the present request up. What still comes for it is taken in and thrown away, also when none follows.
     void abandon();
 
     /// Whether the relay waits for the end of a chunked response, as far as is known here: with it, and not before, it
@@ -81,7 +83,7 @@ private:
 
     void take(const QByteArray &datagram);
     void takeConfirmation(quint16 messageId);
-    void takeProof(const datagram::ResponseHeader &header, const QByteArray &slice);
+    void takeProof(const datagram::ResponseHeader &header, const QByteArray &slice, qint64 gap);
     void takePacket(const QByteArray &packet);
     void watchRelay(const datagram::ResponseHeader &header, const QByteArray &slice);
     void takeSlice(const datagram::ResponseHeader &header, const QByteArray &slice);
@@ -90,9 +92,13 @@ private:
     void tickProof();
     void checkUnanswered();
     bool isSilent() const;
+    bool isBefore() const;
+    qint64 patience(std::chrono::milliseconds least) const;
+    void rest();
     void enter(State state);
     void proceed();
     void transmit();
+    void refuse(Failure failure, const QString &reason);
     void fail(Failure failure, const QString &reason);
     QByteArray request(const QByteArray &http);
 
@@ -104,14 +110,20 @@ private:
     QElapsedTimer m_sinceProgress;
     QElapsedTimer m_sinceHeld; // the relay has confirmed the request; invalid: not yet
     QElapsedTimer m_sinceTransmit;
-    QElapsedTimer m_sinceSend;
-    QElapsedTimer m_sinceSign; // of an answer to something that was given up
+    QElapsedTimer m_sinceSend;  // or since the end of what was sent
+    QElapsedTimer m_sinceSign;  // of an answer to anything of ours
+    QElapsedTimer m_sinceProbe; // was sent, the first of the proof
     State m_state = State::Idle;
     bool m_isSure = false;         // the web server owes this peer nothing but the answer to the present request
     bool m_isRelayWaiting = false; // for the end of chunks
+    bool m_isInChunks = false;     // the present response, for the relay
     QByteArray m_tail;             // the last bytes of the relay's present read
-    bool m_isAsked = false;        // the present request may be at the web server
-    bool m_isCleared = false;      // for the present request
+    bool m_isDoubtful = false;     // whether it does so for another peer
+    bool m_isAnswered = false;     // the relay's last packet for this peer was the end of one of its reads
+    bool m_hasRequest = false;
+    bool m_isAsked = false;    // the present request may be at the web server
+    bool m_isCleared = false;  // nothing has been asked since the relay was told to forget
+    qint64 m_probeTime = 2000; // ms that the web server needs for a harmless request, at most
     bool m_isLeaving = false;
     bool m_mayRepeat = false;
     bool m_hasReopened = false; // the path, for the present request
@@ -128,9 +140,8 @@ private:
     struct {
         QByteArray first; // datagrams; the second one is empty until the relay has the first
         QByteArray second;
-        bool isHeld = false;   // the relay has the second
-        QByteArray answer;     // to the first, where that came as one packet
-        QElapsedTimer sinceIt; // invalid: none yet
+        bool isHeld = false;     // the relay has the second
+        bool isAnswered = false; // the first, with nothing but a head, as is right
     } m_proof;
     datagram::ResponseHeader m_series = {}; // of the packet taken last
     quint32 m_taken = 0;                    // bytes of that series

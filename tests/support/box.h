@@ -147,6 +147,11 @@ struct WebServer : QTcpServer {
     /// What has been asked since the last call. What nat-peer asks for its own sake is answered and counted.
     QByteArray takeRequest()
     {
+        if (sinceProbe.isValid() && !sinceProbe.hasExpired(probeTime))
+            return QByteArray();
+        if (sinceProbe.isValid())
+            answer("HTTP/1.0 404 Not Found\r\n\r\n");
+        sinceProbe.invalidate();
         while (hasPendingConnections())
             connection = nextPendingConnection();
         if (connection == nullptr || !connection->isOpen())
@@ -155,7 +160,7 @@ struct WebServer : QTcpServer {
         if (!bytes.startsWith("HEAD /nat-peer-"))
             return bytes;
         probes++;
-        answer("HTTP/1.0 404 Not Found\r\n\r\n");
+        sinceProbe.start();
         return QByteArray();
     }
     void answer(const QByteArray &bytes) const
@@ -167,4 +172,6 @@ struct WebServer : QTcpServer {
 
     QTcpSocket *connection = nullptr;
     int probes = 0;
+    int probeTime = 0; // ms that the answer to one of them takes
+    QElapsedTimer sinceProbe;
 };
