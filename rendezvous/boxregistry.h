@@ -1,7 +1,7 @@
 #pragma once
 
-#include "introduction/messages.h"
 #include "introduction/allowance.h"
+#include "introduction/messages.h"
 
 #include <boost/multi_index/hashed_index.hpp>
 #include <boost/multi_index/member.hpp>

@@ -5,11 +5,10 @@
 
 #include "rendezvous/introducer.h"
 
-#include <cryptopp/base64.h>
-#include <cryptopp/filters.h>
 #include <cryptopp/hmac.h>
 #include <cryptopp/sha.h>
 #include <cryptopp/siphash.h>
+#include <openssl/evp.h>
 
 #include <utility>
 
@@ -60,10 +59,12 @@ bool isEqual(std::uint64_t left, std::uint64_t right) // in constant time
 std::string turnPassword(const std::string &user, const std::string &secret)
 {
     CryptoPP::HMAC<CryptoPP::SHA1> hmac(reinterpret_cast<const CryptoPP::byte *>(secret.data()), secret.size());
-    std::string password;
-    const CryptoPP::StringSource source(
-        user, true,
-        new CryptoPP::HashFilter(hmac, new CryptoPP::Base64Encoder(new CryptoPP::StringSink(password), false)));
+    std::array<CryptoPP::byte, CryptoPP::SHA1::DIGESTSIZE> digest = {};
+    hmac.CalculateDigest(digest.data(), reinterpret_cast<const CryptoPP::byte *>(user.data()), user.size());
+    std::string password(4 * (digest.size() + 2) / 3, '\0');
+    const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char *>(password.data()), digest.data(),
+                                       static_cast<int>(digest.size()));
+    password.resize(static_cast<std::size_t>(length));
     return password;
 }
 } // namespace

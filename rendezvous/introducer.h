@@ -85,7 +85,7 @@ private:
     std::string seal(const RegisteredBox &box, const introduction::Uuid &peer, std::uint64_t id,
                      std::chrono::seconds wallClock) const;
     bool isWithinLimit(const Incoming &incoming);
-    bool isProven(const Incoming &incoming, std::uint64_t cookie) const;
+    bool isProven(const Incoming &incoming, std::uint64_t proof) const;
     std::uint64_t cookie(const Place &of, std::int64_t period) const;
     std::uint64_t signature(const introduction::Ticket &ticket, const introduction::Uuid &box, std::uint64_t id,
                             std::int64_t period) const;

@@ -36,9 +36,8 @@ std::string joinLine(const Configuration &configuration, const std::string &uuid
         throw std::invalid_argument("the configuration must have host and secret; nat-rendezvousd setup makes one");
     return configuration.host + ":7000 " + introduction::textOf(introduction::boxToken(*secret, *box)) + '\n';
 }
-} // namespace
 
-int main(int argc, char **argv)
+int run(int argc, char **argv)
 {
     CLI::App app(
         "Tells boxes and their peers where the other one is, so that they find each other through their routers.",
@@ -88,8 +87,17 @@ int main(int argc, char **argv)
         std::fputs(app.help("", CLI::AppFormatMode::All).c_str(), stdout);
     } catch (const CLI::ParseError &error) {
         return complain(std::string(error.what()) + "; see nat-rendezvousd --help");
-    } catch (const std::exception &error) {
-        return complain(error.what());
     }
     return std::fflush(stdout) == 0 ? 0 : complain("cannot write to standard output");
+}
+} // namespace
+
+int main(int argc, char **argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "nat-rendezvousd: %s\n", error.what());
+        return 1;
+    }
 }

@@ -60,12 +60,12 @@ int openSocket(const std::string &where)
     setsockopt(descriptor, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
     for (const int option : {SO_RCVBUF, SO_SNDBUF})
         setsockopt(descriptor, SOL_SOCKET, option, &bufferLength, sizeof bufferLength);
-    if (descriptor < 0 || bind(descriptor, reinterpret_cast<const sockaddr *>(&native), sizeof native) != 0) {
-        const std::system_error error(errno, std::generic_category(), "cannot listen on " + where);
+    if (descriptor >= 0 && bind(descriptor, reinterpret_cast<const sockaddr *>(&native), sizeof native) == 0)
+        return descriptor;
+    const int reason = errno;
+    if (descriptor >= 0)
         close(descriptor);
-        throw error;
-    }
-    return descriptor;
+    throw std::system_error(reason, std::generic_category(), "cannot listen on " + where);
 }
 } // namespace
 

@@ -1,5 +1,7 @@
 // The rendezvous server: who may say what, and what is answered. Boxes and peers here compute their bytes by themselves.
 
+// clazy:excludeall=non-pod-global-static
+
 #include "introduction/messages.h"
 #include "rendezvous/introducer.h"
 #include "tests/support/secrets.h"

@@ -37,8 +37,9 @@ int command::serve(const Job &job)
 
     QObject::connect(job.path, &BoxPath::opened,
                      [&job] { tell(QStringLiteral("the box answers, ") + job.path->how()); });
-    QObject::connect(job.path, &BoxPath::moved,
-                     [&job] { tell(QStringLiteral("a better way has opened: the box is reached ") + job.path->how()); });
+    QObject::connect(job.path, &BoxPath::moved, [&job] {
+        tell(QStringLiteral("a better way has opened: the box is reached ") + job.path->how());
+    });
     QObject::connect(job.path, &BoxPath::failed, &proxy, [&proxy](const QString &reason) {
         if (!proxy.isBusy()) // or the request that fails tells
             tell(reason);

@@ -243,11 +243,18 @@ void BoxPath::take(Channel *channel, const QByteArray &plain, const QHostAddress
     const bool isEcho = !m_isOpening && isPresent && !isOver(m_sinceSend, echoTime); // of a ConnectRequest of ours
     if (isKnock && !isEcho && (isBetter || isOver(m_sinceKnock, answerSpacing)))
         knock(channel, from, port);
-    if (m_isOpening && !isKnock)
-        settle();
-    else if (isBetter && !isPresent && !isKnock)
-        move(channel, from, port);
+    if (!isKnock)
+        takeEcho(channel, from, port);
     emit received(plain);
+}
+
+/// Both directions are open between here and there.
+void BoxPath::takeEcho(Channel *channel, const QHostAddress &from, quint16 port)
+{
+    if (m_isOpening)
+        settle();
+    else if (m_isImproving && channel != m_channel && channel->isDirect())
+        move(channel, from, port);
 }
 
 void BoxPath::settle()

@@ -70,6 +70,7 @@ private:
     void knock(Channel *channel, const QHostAddress &address, quint16 port);
     void hear(Channel *channel, const QByteArray &data, const QHostAddress &from, quint16 port);
     void take(Channel *channel, const QByteArray &plain, const QHostAddress &from, quint16 port);
+    void takeEcho(Channel *channel, const QHostAddress &from, quint16 port);
     void settle();
     void move(Channel *channel, const QHostAddress &address, quint16 port);
     void stopKnocking();

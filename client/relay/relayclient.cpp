@@ -66,18 +66,6 @@ constexpr std::chrono::milliseconds answerLife = 26s; // and not so long
 constexpr std::chrono::milliseconds lastReminder = 22s; // later ones might have the web server answer once more
 constexpr std::chrono::milliseconds lookReminder = 1s;
 
-bool isOf(quint16 messageId, const QByteArray &request)
-{
-    return !request.isEmpty() && datagram::readInteger<quint16>(request, datagram::messageIdOffset) == messageId;
-}
-
-/// A request that changes nothing. HTTP/1.0, as no server answers that with chunks.
-QByteArray harmless(const QByteArray &fields = QByteArray())
-{
-    const QByteArray path = QByteArray::number(QRandomGenerator::global()->generate64(), 16);
-    return "HEAD /nat-peer-" + path + " HTTP/1.0\r\nHost: localhost\r\nUser-Agent: nat-peer\r\n" + fields + "\r\n";
-}
-
 /// Makes a request longer than any usual MTU, in lines that small web servers take too.
 QByteArray padding()
 {
@@ -89,7 +77,8 @@ QByteArray padding()
 
 RelayClient::RelayClient(BoxPath *path, QString uuid, QString boxUuid, int timeout, QObject *parent)
     : QObject(parent), m_path(path), m_uuid(std::move(uuid)), m_boxUuid(std::move(boxUuid)), m_timeout(timeout),
-      m_lastId(static_cast<quint16>(QRandomGenerator::global()->generate()))
+      m_lastId(static_cast<quint16>(QRandomGenerator::global()->generate())),
+      m_proof([this](const QByteArray &http) { return request(http); })
 {
     m_clock.start();
     m_sinceSign.start(); // a peer of the same name may have been at work until now
@@ -175,8 +164,9 @@ void RelayClient::proceed()
 /// Before it is sent.
 void RelayClient::refuse(Failure failure, const QString &reason)
 {
+    m_hasRequest = false;
     enter(State::Idle);
-    fail(failure, reason);
+    emit failed(failure, reason);
 }
 
 /// Whether the relay gave no sign of an answer for so long that there will be none.
@@ -187,7 +177,7 @@ bool RelayClient::isSilent() const
 
 qint64 RelayClient::patience(std::chrono::milliseconds least) const
 {
-    return std::max<qint64>(least.count(), probeShare * m_probeTime);
+    return std::max<qint64>(least.count(), probeShare * m_proof.time());
 }
 
 bool RelayClient::isBefore() const
@@ -253,9 +243,7 @@ void RelayClient::enter(State state)
         m_fragments.stop();
     if (state == State::Proving) {
         m_isSure = m_isDoubtful = false;
-        m_proof = {};
-        m_proof.first = request(harmless());
-        m_sinceProbe.start();
+        m_proof.begin();
     }
     if (state == State::Opening)
         m_path->open();
@@ -271,7 +259,7 @@ void RelayClient::transmit()
     if (m_state == State::Clearing) {
         m_path->send(datagram::link(DatagramKind::ConnectRequest, m_uuid, m_boxUuid));
     } else if (m_state == State::Proving) {
-        m_path->send(m_proof.second.isEmpty() ? m_proof.first : m_proof.second);
+        m_path->send(m_proof.datagram());
     } else if (m_state == State::Requesting) {
         m_isAsked = true;
         m_path->send(m_look.isEmpty() ? m_request : m_look);
@@ -311,11 +299,11 @@ void RelayClient::tick()
         return m_state == State::Requesting && m_sinceHeld.isValid() && m_sinceHeld.hasExpired(time.count());
     };
     if (isHeldFor(answerLife) && m_look.isEmpty()) {
-        m_look = request(harmless());
+        m_look = request(harmlessRequest());
         return transmit();
     }
     const bool isHeld =
-        (m_state == State::Requesting && m_sinceHeld.isValid()) || (m_state == State::Proving && m_proof.isHeld);
+        (m_state == State::Requesting && m_sinceHeld.isValid()) || (m_state == State::Proving && m_proof.isHeld());
     const bool isLooking = m_state == State::Proving || !m_look.isEmpty();
     const bool mayRepeat = isLooking || (m_mayRepeat && !isHeldFor(lastReminder));
     const std::chrono::milliseconds spacing = isLooking ? lookReminder : reminder;
@@ -349,7 +337,7 @@ void RelayClient::tickProof()
     // Answered and still at the head of the relay's queue: the relay waits for an end that will not come. Nothing that
     // has been asked is unanswered, so that it may forget.
     const auto wait = patience(m_isRelayWaiting ? drainTime : answerGap);
-    if (m_proof.isAnswered && m_proof.isHeld && m_sinceSign.hasExpired(wait)) {
+    if (m_proof.isAnswered() && m_proof.isHeld() && m_sinceSign.hasExpired(wait)) {
         m_isSure = m_isRelayWaiting = true;
         proceed();
     } else if (isSilent()) {
@@ -386,14 +374,11 @@ void RelayClient::takeConfirmation(quint16 messageId)
 {
     if (m_state == State::Requesting && messageId == m_messageId && !m_sinceHeld.isValid()) {
         m_sinceHeld.start();
-    } else if (m_state == State::Proving && m_proof.second.isEmpty() && isOf(messageId, m_proof.first)) {
-        m_proof.second = request(harmless());
+    } else if (m_state == State::Proving && m_proof.takeConfirmation(messageId)) {
         transmit();
         // Under the same id the relay takes one of the two, and confirms each copy of both.
-        m_fragments.tryWith(datagram::request(m_lastId, paddedSocketId, m_uuid, m_boxUuid, harmless(padding())),
-                            m_proof.second);
-    } else if (m_state == State::Proving && isOf(messageId, m_proof.second)) {
-        m_proof.isHeld = true;
+        m_fragments.tryWith(datagram::request(m_lastId, paddedSocketId, m_uuid, m_boxUuid, harmlessRequest(padding())),
+                            m_proof.datagram());
     }
 }
 
@@ -410,8 +395,13 @@ void RelayClient::takePacket(const QByteArray &packet)
     if (header.messageId == m_unanswered.messageId)
         m_unanswered = {};
     watchRelay(header, slice);
-    if (m_state == State::Proving)
-        return takeProof(header, slice, gap);
+    if (m_state == State::Proving && m_proof.takePacket(header, slice, gap)) {
+        checkUnanswered();
+        m_fragments.goOn();
+        m_isSure = true;
+        m_isRelayWaiting = false;
+        return proceed();
+    }
     if (m_state == State::Requesting && isOf(header.messageId, m_look)) {
         m_unanswered = {m_messageId, m_sinceHeld};
         checkUnanswered();
@@ -452,23 +442,6 @@ void RelayClient::watchRelay(const datagram::ResponseHeader &header, const QByte
     if (header.index + 1 == header.count && seen.right(endReach).contains("0\r\n\r\n"))
         m_isRelayWaiting = false;
     m_tail = seen.right(static_cast<int>(sizeof chunkedField) - 2);
-}
-
-void RelayClient::takeProof(const datagram::ResponseHeader &header, const QByteArray &slice, qint64 gap)
-{
-    if (isOf(header.messageId, m_proof.second)) {
-        checkUnanswered();
-        m_fragments.goOn();
-        m_isSure = true;
-        m_isRelayWaiting = false;
-        proceed();
-    } else if (isOf(header.messageId, m_proof.first)) {
-        const bool isHead =
-            header.count == 1 && slice.startsWith("HTTP/1.") && slice.indexOf("\r\n\r\n") == slice.size() - 4;
-        if (isHead && !m_proof.isAnswered) // the relay may send it again
-            m_probeTime = std::min({m_probeTime, gap, m_sinceProbe.elapsed()});
-        m_proof.isAnswered = isHead;
-    }
 }
 
 /// A later request has been answered, so that the relay has nothing any more for the one that was given up.

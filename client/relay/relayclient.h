@@ -1,6 +1,7 @@
 #pragma once
 
 #include "client/relay/fragments.h"
+#include "client/relay/proof.h"
 #include "protocol/datagram.h"
 
 #include <QByteArray>
@@ -83,7 +84,6 @@ private:
 
     void take(const QByteArray &datagram);
     void takeConfirmation(quint16 messageId);
-    void takeProof(const datagram::ResponseHeader &header, const QByteArray &slice, qint64 gap);
     void takePacket(const QByteArray &packet);
     void watchRelay(const datagram::ResponseHeader &header, const QByteArray &slice);
     void takeSlice(const datagram::ResponseHeader &header, const QByteArray &slice);
@@ -114,7 +114,6 @@ private:
     QElapsedTimer m_sinceSend;     // or since the end of what was sent
     QElapsedTimer m_sinceSign;     // of an answer to anything of ours
     QElapsedTimer m_sinceReopened; // the path, in the middle of a response; invalid: it has not been
-    QElapsedTimer m_sinceProbe;    // was sent, the first of the proof
     State m_state = State::Idle;
     bool m_isSure = false;         // the web server owes this peer nothing but the answer to the present request
     bool m_isRelayWaiting = false; // for the end of chunks
@@ -124,9 +123,8 @@ private:
     bool m_isAnswered = false;     // the relay's last packet for this peer was the end of one of its reads
     bool m_isLost = false;         // what the relay sends this peer at present
     bool m_hasRequest = false;
-    bool m_isAsked = false;    // the present request may be at the web server
-    bool m_isCleared = false;  // nothing has been asked since the relay was told to forget
-    qint64 m_probeTime = 2000; // ms that the web server needs for a harmless request, at most
+    bool m_isAsked = false;   // the present request may be at the web server
+    bool m_isCleared = false; // nothing has been asked since the relay was told to forget
     bool m_isLeaving = false;
     bool m_mayRepeat = false;
     bool m_hasReopened = false; // the path, for the present request
@@ -140,12 +138,7 @@ private:
         QElapsedTimer sinceHeld; // invalid: there is none
     } m_unanswered;              // request, given up before any of its answer came
     Fragments m_fragments;
-    struct {
-        QByteArray first; // datagrams; the second one is empty until the relay has the first
-        QByteArray second;
-        bool isHeld = false;     // the relay has the second
-        bool isAnswered = false; // the first, with nothing but a head, as is right
-    } m_proof;
+    Proof m_proof;
     datagram::ResponseHeader m_series = {}; // of the packet taken last
     quint32 m_taken = 0;                    // bytes of that series
     Traffic m_traffic;

@@ -1,0 +1,51 @@
+#pragma once
+
+#include "protocol/datagram.h"
+
+#include <QByteArray>
+#include <QElapsedTimer>
+
+#include <functional>
+#include <optional>
+
+/// An HTTP request that changes nothing, for a random path; `fields` are further ones. HTTP/1.0, as no server answers
+/// that with chunks.
+QByteArray harmlessRequest(const QByteArray &fields = QByteArray());
+
+/// Whether `request`, a datagram that may be empty, has this id.
+bool isOf(quint16 messageId, const QByteArray &request);
+
+/// Two harmless requests, the second behind the first. Keeps what is known of them; who uses it sends and waits.
+class Proof
+{
+public:
+    /// `request` makes a datagram of an HTTP request.
+    explicit Proof(std::function<QByteArray(const QByteArray &http)> request);
+
+    /// Anew, with other requests.
+    void begin();
+    /// The datagram that the relay is to hear until it confirms.
+    const QByteArray &datagram() const { return m_second.isEmpty() ? m_first : m_second; }
+    /// Whether the relay has both.
+    bool isHeld() const { return m_isHeld; }
+    /// Whether the first one was answered, with nothing but a head, as is right.
+    bool isAnswered() const { return m_isAnswered; }
+    /// How long the web server needs for one, in ms, at most; until one has been answered, that is a guess.
+    qint64 time() const { return m_time.value_or(usualTime); }
+
+    /// True when the second one may go now.
+    bool takeConfirmation(quint16 messageId);
+    /// The next packet, of whatever answer; `gap`: ms since the relay's last sign. True: proven.
+    bool takePacket(const datagram::ResponseHeader &header, const QByteArray &slice, qint64 gap);
+
+private:
+    static constexpr qint64 usualTime = 400;
+
+    std::function<QByteArray(const QByteArray &http)> m_request;
+    QByteArray m_first;  // datagrams
+    QByteArray m_second; // empty until the relay has the first
+    bool m_isHeld = false;
+    bool m_isAnswered = false;
+    QElapsedTimer m_sinceBegin;
+    std::optional<qint64> m_time;
+};
