@@ -330,7 +330,8 @@ private slots:
         for (const QByteArray &address : ours)
             run({"ip", "address", "add", address, "dev", "lo"});
         const QTemporaryDir folder;
-        run({BUILD_DIR "/nat-rendezvousd", "setup", "--host", ours.first(), "--folder", folder.path()});
+        const QString server = BUILD_DIR "/nat-rendezvousd";
+        run({server, "setup", "--host", ours.first(), "--folder", folder.path()});
         QFile configuration(folder.filePath("turnserver.conf"));
         QVERIFY(configuration.open(QIODevice::ReadOnly));
         const QByteArray text = configuration.readAll();
