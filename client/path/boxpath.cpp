@@ -121,8 +121,10 @@ void BoxPath::useCarrier(const TurnAccount &account)
         m_carrier, &Channel::received, this,
         [this](const QByteArray &data, const QHostAddress &from, quint16 port) { hear(m_carrier, data, from, port); });
     connect(m_carrier, &TurnChannel::opened, this, [this](const QHostAddress &relayed, quint16 port) {
-        for (Way *way : qAsConst(m_ways))
-            way->useRelayed(relayed, port);
+        for (Way *way : qAsConst(m_ways)) {
+            if (m_isOpening || m_isImproving)
+                way->useRelayed(relayed, port);
+        }
     });
     connect(m_carrier, &TurnChannel::failed, this, [this](const QString &reason) {
         if (m_isOpening)

@@ -19,7 +19,7 @@ namespace
 {
 constexpr std::chrono::milliseconds repeatSpacing = 500ms;
 constexpr std::chrono::milliseconds patientSpacing = 2s; // after a refusal that may pass
-constexpr int sendsPerServer = 4;                        // before the next of its addresses is tried
+constexpr int sendsPerServer = 2;                        // before the next of its addresses is tried
 constexpr int mostSends = 100;                           // of one call, whatever the server answers
 constexpr int mostOwnAddresses = 8;
 
@@ -126,7 +126,7 @@ void ByIntroduction::transmit()
 {
     if (++m_sent > mostSends)
         return m_repeat.stop();
-    if (!m_isHeard && m_sent % (sendsPerServer + 1) == 0)
+    if (!m_isHeard && m_sent > 1 && m_sent % sendsPerServer == 1)
         nextServer();
     const std::string bytes = encode(Call{m_box, m_peer, m_id, m_cookie, sealed()}, m_token);
     m_channel->send(QByteArray::fromStdString(bytes), m_addresses.constFirst(), static_cast<quint16>(m_server.port));

@@ -21,6 +21,7 @@ namespace
 {
 constexpr std::chrono::milliseconds repeatSpacing = 400ms;
 constexpr int mostSends = 12;
+constexpr int sendsPerAddress = 3;                         // before the next one of the server's is tried
 constexpr std::chrono::milliseconds refreshSpacing = 200s; // permissions end after 300 s, the address after lifetime
 constexpr std::uint32_t lifetime = 600;                    // seconds
 constexpr std::size_t room = 65536;                        // for a message, whose attributes have 16 bits of length
@@ -73,13 +74,13 @@ TurnChannel::TurnChannel(TurnAccount account, QObject *parent) : Channel(parent)
     connect(&m_refresh, &QTimer::timeout, this, &TurnChannel::refresh);
     const QHostAddress literal(m_account.host);
     if (!literal.isNull()) {
-        begin(literal);
+        begin({literal});
         return;
     }
     QHostInfo::lookupHost(m_account.host, this, [this](const QHostInfo &host) {
         if (host.addresses().isEmpty())
             return fail(QStringLiteral("no address found for it"));
-        begin(host.addresses().constFirst());
+        begin(host.addresses());
     });
 }
 
@@ -99,9 +100,10 @@ TurnChannel::~TurnChannel()
     m_socket.writeDatagram(bytes.constData(), static_cast<qint64>(length), m_server, m_account.port);
 }
 
-void TurnChannel::begin(const QHostAddress &server)
+void TurnChannel::begin(const QList<QHostAddress> &addresses)
 {
-    m_server = server;
+    m_addresses = addresses;
+    m_server = m_addresses.takeFirst();
     ask(STUN_METHOD_ALLOCATE);
 }
 
@@ -168,6 +170,10 @@ void TurnChannel::transmit()
 {
     if (m_requests.isEmpty())
         return m_repeat.stop();
+    if (!m_isOpen && m_requests.constFirst().sent >= sendsPerAddress && !m_addresses.isEmpty()) {
+        m_server = m_addresses.takeFirst();
+        m_requests.first().sent = 0;
+    }
     for (Request &request : m_requests) {
         if (++request.sent > mostSends)
             return fail(QStringLiteral("it does not answer"));

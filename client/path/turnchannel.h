@@ -44,7 +44,7 @@ private:
         int sent = 0;
     };
 
-    void begin(const QHostAddress &server);
+    void begin(const QList<QHostAddress> &addresses);
     void ask(quint16 method, const QHostAddress &peer = QHostAddress());
     void compose(Request *request) const;
     void transmit();
@@ -56,6 +56,7 @@ private:
 
     const TurnAccount m_account;
     QHostAddress m_server;
+    QList<QHostAddress> m_addresses; // of the server, not yet tried
     QUdpSocket m_socket;
     QByteArray m_realm;
     QByteArray m_nonce;
