@@ -10,247 +10,218 @@ namespace introduction
 {
 namespace
 {
+/// Appends fields.
 class Writer
 {
 public:
-    explicit Writer(MessageKind kind) { number(kind); }
-    Writer() = default;
-
-    template <typename Integer> Writer &number(Integer value)
+    template <typename Number> Writer &field(Number value)
     {
         for (std::size_t byte = sizeof value; byte > 0; byte--)
             m_bytes += static_cast<char>(static_cast<std::uint64_t>(value) >> 8U * (byte - 1));
         return *this;
     }
-    template <std::size_t size> Writer &array(const std::array<std::uint8_t, size> &bytes)
+    template <std::size_t size> Writer &field(const std::array<std::uint8_t, size> &bytes)
     {
         m_bytes.append(reinterpret_cast<const char *>(bytes.data()), size);
         return *this;
     }
-    Writer &text(std::string_view bytes)
+    Writer &field(const Address &address) { return field(address.ip).field(address.port); }
+    Writer &field(const Ticket &ticket) { return field(ticket.node).field(ticket.peer).field(ticket.signature); }
+    /// Text behind its length, an integer of this type.
+    template <typename Length> Writer &text(std::string_view bytes)
+    {
+        return field(static_cast<Length>(bytes.size())).rest(bytes);
+    }
+    /// Text without a length.
+    Writer &rest(std::string_view bytes)
     {
         m_bytes.append(bytes);
         return *this;
     }
-    Writer &address(const Address &address) { return array(address.ip).number(address.port); }
-    Writer &ticket(const Ticket &ticket) { return number(ticket.node).address(ticket.peer).number(ticket.signature); }
-    std::string sign(const Key &token) { return array(macOf(m_bytes, token)).take(); }
+    const std::string &bytes() const { return m_bytes; }
     std::string take() { return std::move(m_bytes); }
 
 private:
     std::string m_bytes;
 };
 
+/// Takes the same fields off; what is missing reads as zeros, and the reader is not good any more.
 class Reader
 {
 public:
-    explicit Reader(std::string_view bytes) : m_rest(bytes) {}
-    Reader(std::string_view bytes, MessageKind kind) : m_rest(bytes)
+    /// `end`: bytes at the end that are no field.
+    explicit Reader(std::string_view bytes, std::size_t end = 0) : m_isGood(bytes.size() >= end)
     {
-        m_isGood = bytes.size() <= longestMessage && number<std::uint8_t>() == static_cast<std::uint8_t>(kind);
+        m_rest = bytes.substr(0, m_isGood ? bytes.size() - end : 0);
     }
 
-    template <typename Integer> Integer number()
+    template <typename Number> Reader &field(Number &value)
     {
-        std::uint64_t value = 0;
-        for (const char byte : text(sizeof(Integer)))
-            value = value << 8U | static_cast<std::uint8_t>(byte);
-        return static_cast<Integer>(value);
+        std::uint64_t number = 0;
+        for (const char byte : next(sizeof value))
+            number = number << 8U | static_cast<std::uint8_t>(byte);
+        value = static_cast<Number>(number);
+        return *this;
     }
-    template <std::size_t size> void array(std::array<std::uint8_t, size> *bytes)
+    template <std::size_t size> Reader &field(std::array<std::uint8_t, size> &bytes)
     {
-        const std::string_view from = text(size);
-        std::copy(from.cbegin(), from.cend(), bytes->begin());
+        const std::string_view from = next(size);
+        std::copy(from.cbegin(), from.cend(), bytes.begin());
+        return *this;
     }
-    /// Empty where less is left.
-    std::string_view text(std::size_t length)
+    Reader &field(Address &address) { return field(address.ip).field(address.port); }
+    Reader &field(Ticket &ticket) { return field(ticket.node).field(ticket.peer).field(ticket.signature); }
+    template <typename Length, typename Text> Reader &text(Text &bytes)
+    {
+        Length length = 0;
+        field(length);
+        bytes = next(length);
+        return *this;
+    }
+    Reader &rest(std::string &bytes)
+    {
+        bytes = next(m_rest.size());
+        return *this;
+    }
+    bool isGood() const { return m_isGood; }
+    bool isAtEnd() const { return m_isGood && m_rest.empty(); }
+
+private:
+    std::string_view next(std::size_t length)
     {
         m_isGood = m_isGood && length <= m_rest.size();
         const std::string_view found = m_isGood ? m_rest.substr(0, length) : std::string_view();
         m_rest.remove_prefix(found.size());
         return found;
     }
-    /// All but so many bytes at the end.
-    std::string_view allBut(std::size_t end)
-    {
-        m_isGood = m_isGood && end <= m_rest.size();
-        return m_isGood ? text(m_rest.size() - end) : std::string_view();
-    }
-    Address address()
-    {
-        Address address;
-        array(&address.ip);
-        address.port = number<std::uint16_t>();
-        return address;
-    }
-    Ticket ticket()
-    {
-        Ticket ticket;
-        ticket.node = number<std::uint64_t>();
-        ticket.peer = address();
-        ticket.signature = number<std::uint64_t>();
-        return ticket;
-    }
-    bool isGood() const { return m_isGood; }
-    /// Whether nothing is missing, and nothing left but so many bytes.
-    bool endsWith(std::size_t rest) const { return m_isGood && m_rest.size() == rest; }
 
-private:
     std::string_view m_rest;
-    bool m_isGood = true;
+    bool m_isGood;
+};
+
+/// What stands behind the kind, in this order, whoever passes: a writer or a reader. Signed messages end with a MAC.
+template <typename Message> struct Layout;
+
+template <> struct Layout<Registration> {
+    static constexpr MessageKind kind = MessageKind::Registration;
+    static constexpr bool isSigned = true;
+    template <typename Passer, typename Message> static void pass(Passer *passer, Message &message)
+    {
+        passer->field(message.box).field(message.nonce).field(message.count).field(message.cookie);
+    }
+};
+
+template <> struct Layout<Registered> {
+    static constexpr MessageKind kind = MessageKind::Registered;
+    static constexpr bool isSigned = false;
+    template <typename Passer, typename Message> static void pass(Passer *passer, Message &message)
+    {
+        passer->field(message.count).field(message.seen);
+    }
+};
+
+template <> struct Layout<Challenge> {
+    static constexpr MessageKind kind = MessageKind::Challenge;
+    static constexpr bool isSigned = false;
+    template <typename Passer, typename Message> static void pass(Passer *passer, Message &message)
+    {
+        passer->field(message.echo).field(message.cookie).field(message.boxNonce);
+    }
+};
+
+template <> struct Layout<Refusal> {
+    static constexpr MessageKind kind = MessageKind::Refusal;
+    static constexpr bool isSigned = false;
+    template <typename Passer, typename Message> static void pass(Passer *passer, Message &message)
+    {
+        passer->field(message.echo).field(message.reason);
+    }
+};
+
+template <> struct Layout<Call> {
+    static constexpr MessageKind kind = MessageKind::Call;
+    static constexpr bool isSigned = true;
+    template <typename Passer, typename Message> static void pass(Passer *passer, Message &message)
+    {
+        passer->field(message.box).field(message.peer).field(message.id).field(message.cookie).rest(message.sealed);
+    }
+};
+
+template <> struct Layout<Ring> {
+    static constexpr MessageKind kind = MessageKind::Ring;
+    static constexpr bool isSigned = true;
+    template <typename Passer, typename Message> static void pass(Passer *passer, Message &message)
+    {
+        passer->field(message.peer).field(message.id).field(message.ticket).rest(message.sealed);
+    }
+};
+
+template <> struct Layout<Reply> {
+    static constexpr MessageKind kind = MessageKind::Reply;
+    static constexpr bool isSigned = true;
+    template <typename Passer, typename Message> static void pass(Passer *passer, Message &message)
+    {
+        passer->field(message.box).field(message.peer).field(message.id).field(message.ticket).rest(message.sealed);
+    }
+};
+
+template <> struct Layout<Answer> {
+    static constexpr MessageKind kind = MessageKind::Answer;
+    static constexpr bool isSigned = false;
+    template <typename Passer, typename Message> static void pass(Passer *passer, Message &message)
+    {
+        passer->field(message.id).template text<std::uint16_t>(message.byServer).rest(message.byBox);
+    }
 };
 } // namespace
 
-std::string encode(const Registration &message, const Key &boxToken)
+template <typename Message> std::string encode(const Message &message)
 {
-    return Writer(MessageKind::Registration)
-        .array(message.box)
-        .number(message.nonce)
-        .number(message.count)
-        .number(message.cookie)
-        .sign(boxToken);
+    static_assert(!Layout<Message>::isSigned);
+    Writer writer;
+    writer.field(Layout<Message>::kind);
+    Layout<Message>::pass(&writer, message);
+    return writer.take();
 }
 
-template <> std::optional<Registration> read(std::string_view bytes)
+template <typename Message> std::string encode(const Message &message, const Key &token)
 {
-    Reader reader(bytes, MessageKind::Registration);
-    Registration message;
-    reader.array(&message.box);
-    message.nonce = reader.number<std::uint64_t>();
-    message.count = reader.number<std::uint32_t>();
-    message.cookie = reader.number<std::uint64_t>();
-    return reader.endsWith(macLength) ? std::optional(message) : std::nullopt;
+    static_assert(Layout<Message>::isSigned);
+    Writer writer;
+    writer.field(Layout<Message>::kind);
+    Layout<Message>::pass(&writer, message);
+    writer.field(macOf(writer.bytes(), token));
+    return writer.take();
 }
 
-std::string encode(const Registered &message)
+template <typename Message> std::optional<Message> read(std::string_view bytes)
 {
-    return Writer(MessageKind::Registered).number(message.count).address(message.seen).take();
+    Reader reader(bytes, Layout<Message>::isSigned ? macLength : 0);
+    MessageKind kind{};
+    Message message;
+    reader.field(kind);
+    Layout<Message>::pass(&reader, message);
+    if (bytes.size() > longestMessage || kind != Layout<Message>::kind || !reader.isAtEnd())
+        return std::nullopt;
+    return message;
 }
 
-template <> std::optional<Registered> read(std::string_view bytes)
-{
-    Reader reader(bytes, MessageKind::Registered);
-    Registered message;
-    message.count = reader.number<std::uint32_t>();
-    message.seen = reader.address();
-    return reader.endsWith(0) ? std::optional(message) : std::nullopt;
-}
-
-std::string encode(const Challenge &message)
-{
-    return Writer(MessageKind::Challenge).number(message.echo).number(message.cookie).number(message.boxNonce).take();
-}
-
-template <> std::optional<Challenge> read(std::string_view bytes)
-{
-    Reader reader(bytes, MessageKind::Challenge);
-    Challenge message;
-    message.echo = reader.number<std::uint64_t>();
-    message.cookie = reader.number<std::uint64_t>();
-    message.boxNonce = reader.number<std::uint64_t>();
-    return reader.endsWith(0) ? std::optional(message) : std::nullopt;
-}
-
-std::string encode(const Refusal &message)
-{
-    return Writer(MessageKind::Refusal).number(message.echo).number(message.reason).take();
-}
-
-template <> std::optional<Refusal> read(std::string_view bytes)
-{
-    Reader reader(bytes, MessageKind::Refusal);
-    Refusal message;
-    message.echo = reader.number<std::uint64_t>();
-    message.reason = reader.number<Reason>();
-    return reader.endsWith(0) ? std::optional(message) : std::nullopt;
-}
-
-std::string encode(const Call &message, const Key &peerToken)
-{
-    return Writer(MessageKind::Call)
-        .array(message.box)
-        .array(message.peer)
-        .number(message.id)
-        .number(message.cookie)
-        .text(message.sealed)
-        .sign(peerToken);
-}
-
-template <> std::optional<Call> read(std::string_view bytes)
-{
-    Reader reader(bytes, MessageKind::Call);
-    Call message;
-    reader.array(&message.box);
-    reader.array(&message.peer);
-    message.id = reader.number<std::uint64_t>();
-    message.cookie = reader.number<std::uint64_t>();
-    message.sealed = reader.allBut(macLength);
-    return reader.endsWith(macLength) ? std::optional(std::move(message)) : std::nullopt;
-}
-
-std::string encode(const Ring &message, const Key &boxToken)
-{
-    return Writer(MessageKind::Ring)
-        .array(message.peer)
-        .number(message.id)
-        .ticket(message.ticket)
-        .text(message.sealed)
-        .sign(boxToken);
-}
-
-template <> std::optional<Ring> read(std::string_view bytes)
-{
-    Reader reader(bytes, MessageKind::Ring);
-    Ring message;
-    reader.array(&message.peer);
-    message.id = reader.number<std::uint64_t>();
-    message.ticket = reader.ticket();
-    message.sealed = reader.allBut(macLength);
-    return reader.endsWith(macLength) ? std::optional(std::move(message)) : std::nullopt;
-}
-
-std::string encode(const Reply &message, const Key &boxToken)
-{
-    return Writer(MessageKind::Reply)
-        .array(message.box)
-        .array(message.peer)
-        .number(message.id)
-        .ticket(message.ticket)
-        .text(message.sealed)
-        .sign(boxToken);
-}
-
-template <> std::optional<Reply> read(std::string_view bytes)
-{
-    Reader reader(bytes, MessageKind::Reply);
-    Reply message;
-    reader.array(&message.box);
-    reader.array(&message.peer);
-    message.id = reader.number<std::uint64_t>();
-    message.ticket = reader.ticket();
-    message.sealed = reader.allBut(macLength);
-    return reader.endsWith(macLength) ? std::optional(std::move(message)) : std::nullopt;
-}
-
-std::string encode(const Answer &message)
-{
-    return Writer(MessageKind::Answer)
-        .number(message.id)
-        .number(static_cast<std::uint16_t>(message.byServer.size()))
-        .text(message.byServer)
-        .text(message.byBox)
-        .take();
-}
-
-template <> std::optional<Answer> read(std::string_view bytes)
-{
-    Reader reader(bytes, MessageKind::Answer);
-    Answer message;
-    message.id = reader.number<std::uint64_t>();
-    message.byServer = reader.text(reader.number<std::uint16_t>());
-    message.byBox = reader.allBut(0);
-    return reader.endsWith(0) ? std::optional(std::move(message)) : std::nullopt;
-}
+template std::string encode(const Registration &message, const Key &token);
+template std::string encode(const Registered &message);
+template std::string encode(const Challenge &message);
+template std::string encode(const Refusal &message);
+template std::string encode(const Call &message, const Key &token);
+template std::string encode(const Ring &message, const Key &token);
+template std::string encode(const Reply &message, const Key &token);
+template std::string encode(const Answer &message);
+template std::optional<Registration> read(std::string_view bytes);
+template std::optional<Registered> read(std::string_view bytes);
+template std::optional<Challenge> read(std::string_view bytes);
+template std::optional<Refusal> read(std::string_view bytes);
+template std::optional<Call> read(std::string_view bytes);
+template std::optional<Ring> read(std::string_view bytes);
+template std::optional<Reply> read(std::string_view bytes);
+template std::optional<Answer> read(std::string_view bytes);
 
 bool isSigned(std::string_view bytes, const Key &token)
 {
@@ -262,31 +233,32 @@ bool isSigned(std::string_view bytes, const Key &token)
 
 std::string context(SealedFor whom, const Uuid &box, const Uuid &peer, std::uint64_t id)
 {
-    return Writer().number(whom).array(box).array(peer).number(id).take();
+    return Writer().field(whom).field(box).field(peer).field(id).take();
 }
 
 Items &Items::add(Item type, std::string_view value)
 {
-    m_bytes += Writer().number(type).number(static_cast<std::uint8_t>(value.size())).text(value).take();
+    m_bytes += Writer().field(type).text<std::uint8_t>(value).take();
     return *this;
 }
 
 Items &Items::add(Item type, std::uint64_t value)
 {
-    return add(type, std::string_view(Writer().number(value).take()));
+    return add(type, std::string_view(Writer().field(value).take()));
 }
 
 Items &Items::add(Item type, const Address &value)
 {
-    return add(type, std::string_view(Writer().address(value).take()));
+    return add(type, std::string_view(Writer().field(value).take()));
 }
 
 std::optional<Items> Items::of(std::string_view bytes)
 {
     Reader reader(bytes);
-    while (!reader.endsWith(0)) {
-        reader.number<Item>();
-        reader.text(reader.number<std::uint8_t>());
+    while (!reader.isAtEnd()) {
+        Item type{};
+        std::string_view value;
+        reader.field(type).text<std::uint8_t>(value);
         if (!reader.isGood())
             return std::nullopt;
     }
@@ -303,18 +275,16 @@ std::string_view Items::first(Item type) const
 
 std::uint64_t Items::number(Item type) const
 {
-    Reader reader(first(type));
-    const auto value = reader.number<std::uint64_t>();
-    return reader.endsWith(0) ? value : 0;
+    std::uint64_t value = 0;
+    return Reader(first(type)).field(value).isAtEnd() ? value : 0;
 }
 
 std::vector<Address> Items::addresses(Item type) const
 {
     std::vector<Address> addresses;
     for (const std::string_view value : all(type)) {
-        Reader reader(value);
-        const Address address = reader.address();
-        if (reader.endsWith(0))
+        Address address;
+        if (Reader(value).field(address).isAtEnd())
             addresses.push_back(address);
     }
     return addresses;
@@ -324,9 +294,10 @@ std::vector<std::string_view> Items::all(Item type) const
 {
     std::vector<std::string_view> found;
     Reader reader(m_bytes);
-    while (reader.isGood() && !reader.endsWith(0)) {
-        const auto next = reader.number<Item>();
-        const std::string_view value = reader.text(reader.number<std::uint8_t>());
+    while (reader.isGood() && !reader.isAtEnd()) {
+        Item next{};
+        std::string_view value;
+        reader.field(next).text<std::uint8_t>(value);
         if (next == type && reader.isGood())
             found.push_back(value);
     }

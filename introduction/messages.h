@@ -114,25 +114,13 @@ struct Answer {
 constexpr std::size_t longestMessage = 1200;
 constexpr std::size_t macLength = std::tuple_size<Mac>::value;
 
-std::string encode(const Registration &message, const Key &boxToken);
-std::string encode(const Registered &message);
-std::string encode(const Challenge &message);
-std::string encode(const Refusal &message);
-std::string encode(const Call &message, const Key &peerToken);
-std::string encode(const Ring &message, const Key &boxToken);
-std::string encode(const Reply &message, const Key &boxToken);
-std::string encode(const Answer &message);
+/// The bytes of a message that is not signed, and of one that is: with a box's token, or a peer's where the peer sends
+/// it.
+template <typename Message> std::string encode(const Message &message);
+template <typename Message> std::string encode(const Message &message, const Key &token);
 
 /// The message that the bytes are, nothing where they are another one, too short or too long.
 template <typename Message> std::optional<Message> read(std::string_view bytes);
-template <> std::optional<Registration> read(std::string_view bytes);
-template <> std::optional<Registered> read(std::string_view bytes);
-template <> std::optional<Challenge> read(std::string_view bytes);
-template <> std::optional<Refusal> read(std::string_view bytes);
-template <> std::optional<Call> read(std::string_view bytes);
-template <> std::optional<Ring> read(std::string_view bytes);
-template <> std::optional<Reply> read(std::string_view bytes);
-template <> std::optional<Answer> read(std::string_view bytes);
 
 /// Whether the MAC at the end of a message is made with this token.
 bool isSigned(std::string_view bytes, const Key &token);
