@@ -32,12 +32,10 @@
 
 #include "client/path/boxpath.h"
 
-#include <QCryptographicHash>
 #include <QRandomGenerator>
 
 #include <algorithm>
 #include <chrono>
-#include <iterator>
 #include <utility>
 
 using namespace std::chrono_literals;
@@ -57,9 +55,7 @@ constexpr std::chrono::milliseconds drainTime = 300ms;  // in which a link that 
 constexpr int probeShare = 3;                           // both are longer where a HEAD takes more than this part of it
 constexpr std::chrono::milliseconds othersTurn = 800ms; // in less nobody can have left the relay waiting
 constexpr std::chrono::milliseconds backgroundLimit = 120s;
-constexpr std::chrono::milliseconds packetMemory = 60s; // as long as the relay itself tells a packet from its like
-constexpr int mostSeen = 10000;                         // more than the relay sends in that time
-constexpr quint16 socketId = 1;                         // one request at a time needs no more
+constexpr quint16 socketId = 1;                       // one request at a time needs no more
 constexpr quint16 paddedSocketId = 2;                 // tells the confirmations of a long copy from those of the short
 constexpr std::chrono::milliseconds packetLife = 24s; // for so long the relay repeats a packet, at the least
 constexpr std::chrono::milliseconds answerLife = 26s; // and not so long
@@ -80,7 +76,6 @@ RelayClient::RelayClient(BoxPath *path, QString uuid, QString boxUuid, int timeo
       m_lastId(static_cast<quint16>(QRandomGenerator::global()->generate())),
       m_proof([this](const QByteArray &http) { return request(http); })
 {
-    m_clock.start();
     m_sinceSign.start(); // a peer of the same name may have been at work until now
     m_resend.setInterval(tickSpacing);
     connect(&m_resend, &QTimer::timeout, this, &RelayClient::tick);
@@ -123,10 +118,8 @@ void RelayClient::send(const QByteArray &httpRequest, bool mayRepeat, bool isSho
     m_isShort = isShort;
     m_isSure &= m_fragments.isTried(); // what proves the one finds out about the other
     m_look.clear();
-    m_series = {};
-    m_taken = 0;
+    m_series.clear();
     m_traffic = {};
-    m_seen.clear();
     m_sinceHeld.invalidate();
     m_sinceSend.start();
     m_hasRequest = true;
@@ -276,7 +269,7 @@ void RelayClient::tick()
         m_isDoubtful = true;
         return emit seriesEnded();
     }
-    if (m_state == State::Receiving && m_series.index + 1 != m_series.count && isStuck(packetPatience) && !tickPath())
+    if (m_state == State::Receiving && m_series.isUnderWay() && isStuck(packetPatience) && !tickPath())
         return;
     if (m_hasRequest && isBefore() && m_sinceSend.hasExpired(m_timeout))
         return fail(Failure::NoAnswer,
@@ -415,7 +408,7 @@ void RelayClient::takePacket(const QByteArray &packet)
     const bool isExpected = m_state == State::Requesting || m_state == State::Receiving;
     if (!isExpected || header.messageId != m_messageId)
         return;
-    if (isRepeated(packet)) {
+    if (m_series.isRepeated(packet)) {
         m_traffic.repeats++;
         return;
     }
@@ -452,41 +445,16 @@ void RelayClient::checkUnanswered()
         m_fragments.takeLoss();
 }
 
-bool RelayClient::isRepeated(const QByteArray &packet)
-{
-    // Without kind and ids, of which the socket id may change between two sends.
-    const QByteArray key = QCryptographicHash::hash(packet.mid(datagram::socketIdOffset + 2), QCryptographicHash::Sha1);
-    const auto seen = m_seen.constFind(key);
-    const qint64 now = m_clock.elapsed();
-    const auto isOld = [now](qint64 time) { return now - time >= packetMemory.count(); };
-    const bool isKnown = seen != m_seen.constEnd() && !isOld(*seen);
-    m_seen.insert(key, now);
-    if (m_seen.size() > mostSeen) { // a response without end
-        for (auto entry = m_seen.begin(); entry != m_seen.end();)
-            entry = isOld(*entry) ? m_seen.erase(entry) : std::next(entry);
-    }
-    return isKnown;
-}
-
-/// The relay keeps one packet in flight, so what is new is next.
 void RelayClient::takeSlice(const datagram::ResponseHeader &header, const QByteArray &slice)
 {
-    const bool isNewSeries = m_series.count == 0 || m_series.index + 1 == m_series.count;
-    const bool isNext = isNewSeries ? header.index == 0
-                                    : header.index == m_series.index + 1 && header.count == m_series.count &&
-                                          header.totalLength == m_series.totalLength;
-    if (!isNext)
-        return fail(Failure::CutShort, QStringLiteral("the response is cut short, packet %1 of %2 came too early")
-                                           .arg(header.index)
-                                           .arg(header.count));
-    m_taken = (isNewSeries ? 0 : m_taken) + static_cast<quint32>(slice.size());
-    m_series = header;
+    const QString gap = m_series.take(header, slice.size());
+    if (!gap.isEmpty())
+        return fail(Failure::CutShort, gap);
     emit received(slice);
-    if (m_state != State::Receiving || header.index + 1 != header.count)
+    if (m_state != State::Receiving || m_series.isUnderWay())
         return;
-    if (m_taken != header.totalLength)
-        return fail(
-            Failure::CutShort,
-            QStringLiteral("the response is cut short, %1 of %2 bytes came").arg(m_taken).arg(header.totalLength));
+    const QString shortage = m_series.shortage();
+    if (!shortage.isEmpty())
+        return fail(Failure::CutShort, shortage);
     emit seriesEnded();
 }

@@ -1,12 +1,12 @@
 #pragma once
 
 #include "client/relay/fragments.h"
+#include "client/relay/packetseries.h"
 #include "client/relay/proof.h"
 #include "protocol/datagram.h"
 
 #include <QByteArray>
 #include <QElapsedTimer>
-#include <QHash>
 #include <QObject>
 #include <QString>
 #include <QTimer>
@@ -87,7 +87,6 @@ private:
     void takePacket(const QByteArray &packet);
     void watchRelay(const datagram::ResponseHeader &header, const QByteArray &slice);
     void takeSlice(const datagram::ResponseHeader &header, const QByteArray &slice);
-    bool isRepeated(const QByteArray &packet);
     void tick();
     bool tickPath();
     void tickProof();
@@ -139,9 +138,6 @@ private:
     } m_unanswered;              // request, given up before any of its answer came
     Fragments m_fragments;
     Proof m_proof;
-    datagram::ResponseHeader m_series = {}; // of the packet taken last
-    quint32 m_taken = 0;                    // bytes of that series
+    PacketSeries m_series;
     Traffic m_traffic;
-    QElapsedTimer m_clock;
-    QHash<QByteArray, qint64> m_seen; // packets taken, and when they last came
 };
