@@ -127,6 +127,11 @@ void BoxPath::useCarrier(const TurnAccount &account)
         }
     });
     connect(m_carrier, &TurnChannel::failed, this, [this](const QString &reason) {
+        dropCarrier();
+        for (Way *way : qAsConst(m_ways)) {
+            if (m_isOpening || m_isImproving)
+                way->loseCarrier();
+        }
         if (m_isOpening)
             emit progress(reason);
     });
@@ -146,11 +151,13 @@ void BoxPath::dropCarrier()
 
 bool BoxPath::isFresh() const
 {
-    return !m_isOpening && !isOver(m_sinceHeard, 2 * m_options.keepAlive + 5s);
+    return !m_isOpening && m_channel != nullptr && !isOver(m_sinceHeard, 2 * m_options.keepAlive + 5s);
 }
 
 void BoxPath::send(const QByteArray &plain)
 {
+    if (m_channel == nullptr)
+        return; // what carried has been given up, and nothing else has opened yet
     m_sinceSend.start();
     m_channel->send(cipher::encipher(plain, m_key, m_iv), m_address, m_port);
 }
@@ -334,5 +341,6 @@ QString BoxPath::silence() const
 
 void BoxPath::keepAlive()
 {
-    knock(m_channel, m_address, m_port);
+    if (m_channel != nullptr)
+        knock(m_channel, m_address, m_port);
 }

@@ -105,6 +105,13 @@ void ByIntroduction::useRelayed(const QHostAddress &address, quint16 port)
         call();
 }
 
+/// The last call once more, whose answer brings another account.
+void ByIntroduction::loseCarrier()
+{
+    m_relayed = {};
+    m_repeat.start(patientSpacing);
+}
+
 QString ByIntroduction::silence() const
 {
     if (!m_reason.isEmpty())

@@ -22,6 +22,7 @@ public:
     bool take(const QByteArray &data, const QHostAddress &from, quint16 port) override;
     void help() override;
     void useRelayed(const QHostAddress &address, quint16 port) override;
+    void loseCarrier() override;
     QString silence() const override;
 
 private:

@@ -28,6 +28,8 @@ public:
     virtual void help() {}
     /// Datagrams to this address and port are carried to the path.
     virtual void useRelayed(const QHostAddress & /*address*/, quint16 /*port*/) {}
+    /// Nobody carries any more.
+    virtual void loseCarrier() {}
     /// Why nobody may have answered by now, where this way knows better than that the box is silent; else empty.
     virtual QString silence() const { return QString(); }
 
