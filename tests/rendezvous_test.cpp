@@ -359,8 +359,8 @@ private slots:
                               "-X"};
             return run(words + (target.contains(':') ? QStringList{"-x"} : QStringList()) + QStringList{ours.at(0)});
         };
-        QVERIFY(QTest::qWaitFor([&] { return ask(ours.at(1)).contains("tot_recv_msgs=1"); }, 20000));
-        QVERIFY(ask(ours.at(3)).contains("tot_recv_msgs=1"));
+        for (const int ourPeer : {1, 3}) // one datagram goes there and back, and may be lost
+            QVERIFY(QTest::qWaitFor([&] { return ask(ours.at(ourPeer)).contains("tot_recv_msgs=1"); }, 30000));
         for (const char *denied :
              {"127.0.0.1", "10.1.2.3", "172.31.0.1", "192.168.1.1", "100.64.0.1", "169.254.169.254", "0.0.0.0", "::1", "::", "::127.0.0.1",
               "::ffff:127.0.0.1", "::ffff:203.0.114.2", "fe80::1", "fd00::1", "64:ff9b::7f00:1", "2002:7f00:1::1"}) {
