@@ -128,7 +128,7 @@ void ownMemoryOfBoxes(benchmark::State &state)
     for (auto iteration : state) {
         static_cast<void>(iteration);
         const Key secret = freshKey();
-        BoxRegistry registry;
+        BoxRegistry registry(Moment(1), boxes);
         const double before = figures::memory("VmRSS");
         state.SetIterationTime(figures::timed([&] {
             for (std::uint32_t number = 0; number < boxes; number++)

@@ -1,21 +1,24 @@
 #include "rendezvous/boxregistry.h"
 
+#include <array>
 #include <cstring>
-
-using namespace std::chrono_literals;
 
 namespace
 {
-constexpr Moment silenceLimit = 70s; // three registrations, 20 s apart, and some way
-constexpr int mostForgotten = 16;    // at a time
+constexpr int mostForgotten = 16; // at a time
 } // namespace
 
-/// Whoever has a token chose no UUID, so that a part of it is spread well enough.
+/// With numbers that nobody knows: a plain registration has any UUID that its sender likes.
 std::size_t BoxRegistry::HashOfUuid::operator()(const introduction::Uuid &uuid) const
 {
-    std::size_t hash = 0;
-    std::memcpy(&hash, uuid.data() + uuid.size() - sizeof hash, sizeof hash);
-    return hash;
+    static const std::array<std::uint64_t, 2> factors{introduction::freshNumber() | 1U,
+                                                      introduction::freshNumber() | 1U};
+    constexpr unsigned half = 32;
+    std::array<std::uint64_t, 2> halves = {};
+    std::memcpy(halves.data(), uuid.data(), uuid.size());
+    const std::uint64_t mixed =
+        halves[0] * factors[0] ^ (halves[1] * factors[1] >> half | halves[1] * factors[1] << half);
+    return static_cast<std::size_t>(mixed ^ mixed >> half);
 }
 
 const RegisteredBox *BoxRegistry::find(const introduction::Uuid &box) const
@@ -24,17 +27,19 @@ const RegisteredBox *BoxRegistry::find(const introduction::Uuid &box) const
     return found == m_boxes.end() ? nullptr : &*found;
 }
 
-const RegisteredBox *BoxRegistry::put(const RegisteredBox &box)
+void BoxRegistry::put(const RegisteredBox &box)
 {
-    const auto [place, isNew] = m_boxes.insert(box);
-    if (!isNew) {
-        RegisteredBox changed = box;
-        changed.calls = place->calls; // or they would begin anew with each address
-        changed.replies = place->replies;
-        m_boxes.replace(place, changed);
+    const auto known = m_boxes.find(box.uuid);
+    if (known == m_boxes.end()) {
+        if (m_boxes.size() < m_most)
+            see(&*m_boxes.insert(box).first, box.seen);
+        return;
     }
-    see(&*place, box.seen);
-    return &*place;
+    RegisteredBox changed = box;
+    changed.calls = known->calls; // or they would begin anew with each address
+    changed.replies = known->replies;
+    m_boxes.replace(known, changed);
+    see(&*known, box.seen);
 }
 
 void BoxRegistry::see(const RegisteredBox *box, Moment now)
@@ -47,6 +52,7 @@ void BoxRegistry::see(const RegisteredBox *box, Moment now)
 void BoxRegistry::forgetSilent(Moment now)
 {
     auto &bySight = m_boxes.get<BySight>();
-    for (int count = 0; count < mostForgotten && !bySight.empty() && now - bySight.front().seen > silenceLimit; count++)
+    for (int count = 0; count < mostForgotten && !bySight.empty() && now - bySight.front().seen > m_silenceLimit;
+         count++)
         bySight.pop_front();
 }

@@ -38,10 +38,13 @@ struct RegisteredBox {
 class BoxRegistry
 {
 public:
+    /// A box that was silent for longer is forgotten; of more boxes than these no new one is taken.
+    BoxRegistry(Moment silenceLimit, std::size_t most) : m_silenceLimit(silenceLimit), m_most(most) {}
+
     /// Null where the box is not registered.
     const RegisteredBox *find(const introduction::Uuid &box) const;
     /// Adds or changes a box, which is the one seen last then.
-    const RegisteredBox *put(const RegisteredBox &box);
+    void put(const RegisteredBox &box);
     /// Called for each registration of a box that is there.
     void see(const RegisteredBox *box, Moment now);
     /// Forgets a few of those that were silent for too long: call it often.
@@ -61,5 +64,7 @@ private:
                 boost::multi_index::member<RegisteredBox, introduction::Uuid, &RegisteredBox::uuid>, HashOfUuid>,
             boost::multi_index::sequenced<boost::multi_index::tag<BySight>>>>;
 
+    const Moment m_silenceLimit;
+    const std::size_t m_most;
     Boxes m_boxes;
 };

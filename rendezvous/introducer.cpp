@@ -1,7 +1,7 @@
 // A source proves itself by a cookie: the first datagram from a new address is answered with one that is good for that
-// address and a minute or two, and only what comes with it changes anything. A box that registers again from where it
-// was needs none. Calls and replies leave nothing behind here: the ticket that goes to the box with a call, and comes
-// back, says for whom the reply is.
+// address and a minute or two, and only what comes with it changes anything (plain registrations, where they are
+// trusted, aside). A box that registers again from where it was, under the same nonce, needs none. Calls and replies
+// leave nothing behind here: the ticket that goes to the box with a call, and comes back, says for whom the reply is.
 
 #include "rendezvous/introducer.h"
 
@@ -10,6 +10,7 @@
 #include <cryptopp/siphash.h>
 #include <openssl/evp.h>
 
+#include <limits>
 #include <utility>
 
 using namespace introduction;
@@ -21,6 +22,10 @@ constexpr std::chrono::seconds cookieTime = 64s;
 constexpr std::chrono::seconds credentialTime = 1h;
 constexpr Allowance::Rule sourceRule{50ms, 100}; // what is not a known box's own registration, for a whole network
 constexpr Allowance::Rule callRule{250ms, 40};   // for one box
+constexpr Allowance::Rule callerRule{1s, 15};    // of one peer
+constexpr Moment silenceLimit = 70s;             // three registrations of an agent, 20 s apart, and some way
+constexpr Moment plainSilenceLimit = 650s;       // two of a relay, 300 s apart
+constexpr std::size_t mostPlainBoxes = 100'000;  // as anybody can make them up
 
 // The registration of a relay, in plain.
 constexpr std::uint8_t plainKind = 1;
@@ -70,8 +75,9 @@ std::string turnPassword(const std::string &user, const std::string &secret)
 } // namespace
 
 Introducer::Introducer(const Options &options)
-    : m_options(options), m_cookieKey(cookieKey(options.secret)), m_sourceKey(freshKey()),
-      m_sources(std::make_unique<std::array<Allowance, sourceCount>>())
+    : m_options(options), m_cookieKey(cookieKey(options.secret)), m_hashKey(freshKey()),
+      m_boxes(silenceLimit, std::numeric_limits<std::size_t>::max()), m_plainBoxes(plainSilenceLimit, mostPlainBoxes),
+      m_sources(std::make_unique<Allowances>()), m_callers(std::make_unique<Allowances>())
 {
 }
 
@@ -98,7 +104,8 @@ std::optional<Datagram> Introducer::take(const Place &from, std::string_view byt
 void Introducer::forgetSilent(Moment now)
 {
     m_boxes.forgetSilent(now);
-    m_counts.boxes.store(m_boxes.size(), std::memory_order_relaxed);
+    m_plainBoxes.forgetSilent(now);
+    m_counts.boxes.store(m_boxes.size() + m_plainBoxes.size(), std::memory_order_relaxed);
 }
 
 Introducer::Response Introducer::takeRegistration(const Incoming &incoming)
@@ -108,9 +115,10 @@ Introducer::Response Introducer::takeRegistration(const Incoming &incoming)
         return drop();
     const RegisteredBox *box = m_boxes.find(message->box);
     const bool isKnown = box != nullptr && box->isSigned;
-    const bool isInPlace = isKnown && box->place == incoming.from;
-    if (isInPlace && box->nonce == message->nonce && message->count <= box->count)
-        return drop(); // a replay
+    const bool isSameRun = isKnown && box->nonce == message->nonce;
+    const bool isInPlace = isSameRun && box->place == incoming.from;
+    if (isSameRun && message->count <= box->count)
+        return drop(); // a replay, wherever it comes from
     if (!isInPlace) {
         if (!isWithinLimit(incoming))
             return std::nullopt;
@@ -149,15 +157,14 @@ Introducer::Response Introducer::takePlain(const Incoming &incoming)
     if (!uuid)
         return drop();
     Counts::add(&m_counts.plainRegistrations);
-    const RegisteredBox *known = m_boxes.find(*uuid);
-    if (!m_options.trustsPlain || (known != nullptr && known->isSigned) || !isWithinLimit(incoming))
+    if (!m_options.trustsPlain || m_boxes.find(*uuid) != nullptr || !isWithinLimit(incoming))
         return std::nullopt;
     RegisteredBox box;
     box.uuid = *uuid;
     box.token = boxToken(m_options.secret, *uuid);
     box.place = incoming.from;
     box.seen = incoming.now;
-    m_boxes.put(box);
+    m_plainBoxes.put(box);
     return std::nullopt;
 }
 
@@ -169,6 +176,8 @@ Introducer::Response Introducer::takeCall(const Incoming &incoming)
     if (!isWithinLimit(incoming))
         return std::nullopt;
     const RegisteredBox *box = m_boxes.find(call->box);
+    if (box == nullptr)
+        box = m_plainBoxes.find(call->box);
     if (!isProven(incoming, call->cookie))
         return challenge(incoming, call->id, box == nullptr ? 0 : box->nonce);
     if (box == nullptr) {
@@ -177,7 +186,9 @@ Introducer::Response Introducer::takeCall(const Incoming &incoming)
     }
     if (!isSigned(incoming.bytes, peerToken(box->token, call->peer)))
         return refuse(incoming, call->id, Reason::BadToken);
-    if (!box->calls.take(incoming.now, callRule)) {
+    // Of this peer first: one alone must not use up what the box has for all.
+    const std::string pair = textOf(call->box) + textOf(call->peer);
+    if (!allowance(m_callers.get(), pair)->take(incoming.now, callerRule) || !box->calls.take(incoming.now, callRule)) {
         Counts::add(&m_counts.overLimit);
         return refuse(incoming, call->id, Reason::Busy);
     }
@@ -263,14 +274,20 @@ bool Introducer::isWithinLimit(const Incoming &incoming)
 {
     const auto &ip = incoming.from.address.ip;
     const bool isMapped = std::equal(mappedPrefix.cbegin(), mappedPrefix.cend(), ip.cbegin());
-    CryptoPP::SipHash<2, 4> hash(m_sourceKey.data(), CryptoPP::SipHash<2, 4>::DEFAULT_KEYLENGTH);
-    std::array<CryptoPP::byte, sizeof(std::uint64_t)> digest = {};
-    hash.CalculateDigest(digest.data(), ip.data(), isMapped ? ip.size() : networkLength);
-    const auto slot = static_cast<std::size_t>(digest[0] + 256U * digest[1]);
-    if (m_sources->at(slot % sourceCount).take(incoming.now, sourceRule))
+    const std::string_view network(reinterpret_cast<const char *>(ip.data()), isMapped ? ip.size() : networkLength);
+    if (allowance(m_sources.get(), network)->take(incoming.now, sourceRule))
         return true;
     Counts::add(&m_counts.overLimit);
     return false;
+}
+
+/// That of whoever has this name, and of a few others: nobody can tell of whom.
+Allowance *Introducer::allowance(Allowances *of, std::string_view name) const
+{
+    CryptoPP::SipHash<2, 4> hash(m_hashKey.data(), CryptoPP::SipHash<2, 4>::DEFAULT_KEYLENGTH);
+    std::array<CryptoPP::byte, sizeof(std::uint64_t)> digest = {};
+    hash.CalculateDigest(digest.data(), reinterpret_cast<const CryptoPP::byte *>(name.data()), name.size());
+    return &of->at((digest[0] + 256U * digest[1]) % of->size());
 }
 
 bool Introducer::isProven(const Incoming &incoming, std::uint64_t proof) const

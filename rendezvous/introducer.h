@@ -90,12 +90,15 @@ private:
     std::uint64_t signature(const introduction::Ticket &ticket, const introduction::Uuid &box, std::uint64_t id,
                             std::int64_t period) const;
 
-    static constexpr std::size_t sourceCount = 65536;
+    using Allowances = std::array<Allowance, 65536>;
+    Allowance *allowance(Allowances *of, std::string_view name) const;
 
     const Options m_options;
     const introduction::Key m_cookieKey;
-    const introduction::Key m_sourceKey; // so that nobody can tell whom he shares an allowance with
+    const introduction::Key m_hashKey; // so that nobody can tell whom he shares an allowance with
     BoxRegistry m_boxes;
-    std::unique_ptr<std::array<Allowance, sourceCount>> m_sources;
+    BoxRegistry m_plainBoxes;
+    std::unique_ptr<Allowances> m_sources;
+    std::unique_ptr<Allowances> m_callers;
     Counts m_counts;
 };

@@ -4,6 +4,7 @@
 #include "rendezvous/configuration.h"
 #include "rendezvous/serve.h"
 #include "rendezvous/setup.h"
+#include "rendezvous/sockets.h"
 
 #include <CLI/CLI.hpp>
 
@@ -34,7 +35,8 @@ std::string joinLine(const Configuration &configuration, const std::string &uuid
     const auto secret = introduction::keyOf(configuration.secret);
     if (!secret || configuration.host.empty())
         throw std::invalid_argument("the configuration must have host and secret; nat-rendezvousd setup makes one");
-    return configuration.host + ":7000 " + introduction::textOf(introduction::boxToken(*secret, *box)) + '\n';
+    const auto port = std::to_string(addressOf(configuration.listen.front()).port);
+    return configuration.host + ':' + port + ' ' + introduction::textOf(introduction::boxToken(*secret, *box)) + '\n';
 }
 
 int run(int argc, char **argv)

@@ -1,11 +1,13 @@
-// One socket for each address that is listened on: what is answered must leave from the address that was asked, as
-// boxes and routers let nothing else in.
+// One socket for each address that this machine has: what is answered must leave from the address that was asked, as
+// boxes and routers let nothing else in. What comes to an address that it got later meets the socket for any address,
+// which answers from the one that the kernel likes.
 
 #include "rendezvous/sockets.h"
 
 #include "introduction/socketaddress.h"
 
 #include <arpa/inet.h>
+#include <ifaddrs.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -51,12 +53,16 @@ struct Batch {
     }
 };
 
+constexpr std::size_t mostSockets = 256; // as many as a Place can tell apart
+
 /// IPv6 sockets for IPv4 too, where the kernel maps its addresses.
-int openSocket(const std::string &where)
+int openSocket(const Address &where, const std::string &name, bool isShared)
 {
-    const sockaddr_in6 native = socketAddress(addressOf(where));
+    const sockaddr_in6 native = socketAddress(where);
     const int descriptor = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     const int off = 0;
+    const int share = isShared ? 1 : 0;
+    setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &share, sizeof share);
     setsockopt(descriptor, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
     for (const int option : {SO_RCVBUF, SO_SNDBUF})
         setsockopt(descriptor, SOL_SOCKET, option, &bufferLength, sizeof bufferLength);
@@ -65,14 +71,49 @@ int openSocket(const std::string &where)
     const int reason = errno;
     if (descriptor >= 0)
         close(descriptor);
-    throw std::system_error(reason, std::generic_category(), "cannot listen on " + where);
+    throw std::system_error(reason, std::generic_category(), "cannot listen on " + name);
+}
+
+/// The addresses of this machine, but for those of one link.
+std::vector<Address> ownAddresses(std::uint16_t port)
+{
+    constexpr std::uint8_t linkLocal = 0xfe;
+    std::vector<Address> addresses;
+    ifaddrs *first = nullptr;
+    if (getifaddrs(&first) != 0)
+        return addresses;
+    for (const ifaddrs *entry = first; entry != nullptr; entry = entry->ifa_next) {
+        Address address;
+        address.port = port;
+        if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET) {
+            address.ip = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+            const auto *ipv4 = reinterpret_cast<const sockaddr_in *>(entry->ifa_addr);
+            std::memcpy(address.ip.data() + 12, &ipv4->sin_addr, sizeof ipv4->sin_addr);
+            addresses.push_back(address);
+        } else if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET6) {
+            address = fromNative(*reinterpret_cast<const sockaddr_in6 *>(entry->ifa_addr));
+            address.port = port;
+            if (address.ip.front() != linkLocal)
+                addresses.push_back(address);
+        }
+    }
+    freeifaddrs(first);
+    return addresses;
 }
 } // namespace
 
 Sockets::Sockets(const std::vector<std::string> &listen) : m_buffer(batchSize * receiveLength)
 {
-    for (const std::string &where : listen)
-        m_descriptors.push_back(openSocket(where));
+    for (const std::string &name : listen) {
+        const Address where = addressOf(name);
+        const bool isAny = where.ip == Address().ip;
+        close(openSocket(where, name, false)); // whether it is free
+        m_descriptors.push_back(openSocket(where, name, isAny));
+        for (const Address &own : isAny ? ownAddresses(where.port) : std::vector<Address>()) {
+            if (m_descriptors.size() < mostSockets)
+                m_descriptors.push_back(openSocket(own, name, true));
+        }
+    }
 }
 
 Sockets::~Sockets()
@@ -113,8 +154,10 @@ void Sockets::send(const std::vector<Datagram> &datagrams)
             batch.addresses.at(count) = socketAddress(datagram.place.address);
             batch.describe(count, const_cast<char *>(datagram.bytes.data()), datagram.bytes.size());
         }
-        const int done =
-            sendmmsg(m_descriptors.at(socket), batch.messages.data(), static_cast<unsigned>(count), MSG_DONTWAIT);
+        const bool isThere = socket < m_descriptors.size(); // or a ticket of an earlier start tells of it
+        const int done = !isThere ? static_cast<int>(count)
+                                  : sendmmsg(m_descriptors.at(socket), batch.messages.data(),
+                                             static_cast<unsigned>(count), MSG_DONTWAIT);
         sent += done > 0 ? static_cast<std::size_t>(done) : 1;
     }
 }

@@ -33,9 +33,10 @@ QByteArray registration(quint64 nonce, quint32 count, const QByteArray &cookie, 
 }
 const QByteArray noCookie(8, '\0');
 const QByteArray callId = "call id.";
-QByteArray call(const QByteArray &cookie, const QByteArray &sealed = "for the box", const QByteArray &token = tokenOfPeer)
+QByteArray call(const QByteArray &cookie, const QByteArray &sealed = "for the box", const QByteArray &token = tokenOfPeer,
+                const QByteArray &peer = peerUuid)
 {
-    return sign("\xa5" + boxUuid + peerUuid + callId + cookie + sealed, token);
+    return sign("\xa5" + boxUuid + peer + callId + cookie + sealed, token);
 }
 QByteArray ipv4(const QByteArray &lastBytes) { return QByteArray(10, '\0') + "\xff\xff" + lastBytes; }
 
@@ -136,7 +137,8 @@ private slots:
 
         QVERIFY(server.take(home, registration(7, 1, cookie)).isEmpty());            // a replay
         QVERIFY(server.take(home, registration(7, 2, noCookie)).startsWith('\xa2')); // where it is known it needs none
-        QVERIFY(server.take(home, registration(8, 1, noCookie)).startsWith('\xa2')); // restarted
+        QVERIFY(server.take(home, registration(8, 1, noCookie)).startsWith('\xa3')); // or an old one could be replayed
+        QVERIFY(server.registerBox(home, 8, 1));
         const Place moved = place(ipv4("\1\2\3\4"), 5001);
         QVERIFY(server.take(moved, registration(8, 2, cookie)).startsWith('\xa3')); // another's cookie
         QVERIFY(isBoxAt(&server, home));
@@ -230,12 +232,18 @@ private slots:
         server.wait(1s);
         QVERIFY(!server.take(away, call(noCookie)).isEmpty());
 
-        // Many peers, one box.
+        // One peer that comes from many places, then many peers.
         int rung = 0;
-        for (int count = 0; count < 200; count++) {
-            const Place from = place(ipv4("\5\6" + bytesOf(quint16(count))), 1000);
-            rung += server.take(from, call(server.cookie(from))).startsWith('\xa6') ? 1 : 0;
-        }
+        const auto ring = [&](const QByteArray &peer, quint16 number) {
+            const Place from = place(ipv4("\5\6" + bytesOf(number)), 1000);
+            const QByteArray bytes = call(server.cookie(from), "x", hkdf(tokenOfBox, "peer" + peer), peer);
+            rung += server.take(from, bytes).startsWith('\xa6') ? 1 : 0;
+        };
+        for (quint16 count = 0; count < 100; count++)
+            ring(peerUuid, count);
+        QCOMPARE(rung, 15);
+        for (quint16 count = 100; count < 200; count++)
+            ring(QByteArray(14, 'p') + bytesOf(count), count);
         QCOMPARE(rung, 40);
         QVERIFY(server.registerBox(place(ipv4("\1\2\3\4"), 5001), 7, 3)); // a new address brings no new allowance
         const Place late = place(ipv4("\5\7\1\1"), 1000);
@@ -288,18 +296,22 @@ private slots:
         QVERIFY(read("turnserver.conf").contains("use-auth-secret"));
 
         QProcess server;
-        server.start(BUILD_DIR "/nat-rendezvousd", config + QStringList{"serve", "--listen", "127.0.0.1:7000", "--listen", "[::1]:7000"});
+        QProcess::execute("ip", {"address", "add", "198.51.100.7", "dev", "lo"});
+        server.start(BUILD_DIR "/nat-rendezvousd", config + QStringList{"serve"});
         QVERIFY(QTest::qWaitFor([&] { return server.readAllStandardError().contains("ready"); }, 10000));
-        for (const QHostAddress &address : {QHostAddress("127.0.0.1"), QHostAddress("::1")}) {
-            QUdpSocket box;
-            box.bind(address);
-            box.writeDatagram(registration(7, 1, noCookie), address, 7000);
-            QVERIFY(box.waitForReadyRead(5000));
+        quint32 count = 0;
+        for (const char *address : {"127.0.0.1", "::1", "198.51.100.7"}) {
+            count++;
+            QUdpSocket box; // takes nothing but what comes from that address
+            box.bind(QHostAddress(address == QByteArray("::1") ? address : "127.0.0.1"));
+            box.connectToHost(QHostAddress(address), 7000);
+            box.write(registration(7, count, noCookie));
+            QVERIFY2(box.waitForReadyRead(5000), address);
             QByteArray challenge(100, '\0');
-            challenge.resize(static_cast<int>(box.readDatagram(challenge.data(), challenge.size())));
-            box.writeDatagram(registration(7, 1, challenge.mid(9, 8), hkdf(QByteArray::fromHex(made), "box" + boxUuid)), address, 7000);
+            challenge.resize(static_cast<int>(box.read(challenge.data(), challenge.size())));
+            box.write(registration(7, count, challenge.mid(9, 8), hkdf(QByteArray::fromHex(made), "box" + boxUuid)));
             QVERIFY(box.waitForReadyRead(5000));
-            box.readDatagram(challenge.data(), challenge.size());
+            box.read(challenge.data(), challenge.size());
             QVERIFY(challenge.startsWith('\xa2'));
         }
         QTcpSocket metrics;
@@ -307,7 +319,7 @@ private slots:
         metrics.write("GET /metrics HTTP/1.0\r\n\r\n");
         QTRY_VERIFY(metrics.state() == QAbstractSocket::UnconnectedState);
         const QByteArray shown = metrics.readAll();
-        QVERIFY(shown.contains("\nnat_rendezvousd_registrations_total 2\n") && shown.contains("\nnat_rendezvousd_boxes 1\n"));
+        QVERIFY(shown.contains("\nnat_rendezvousd_registrations_total 3\n") && shown.contains("\nnat_rendezvousd_boxes 1\n"));
         QVERIFY(
             run(config + QStringList{"serve", "--listen", "127.0.0.1:7000", "--metrics", ""}).contains("cannot listen on 127.0.0.1:7000"));
         server.terminate();

@@ -114,7 +114,7 @@ void BoxPath::aim()
 
 void BoxPath::useCarrier(const TurnAccount &account)
 {
-    if (m_carrier != nullptr)
+    if (m_carrier != nullptr || !(m_isOpening || m_isImproving))
         return;
     m_carrier = new TurnChannel(account, this);
     connect(
@@ -237,7 +237,7 @@ void BoxPath::hear(Channel *channel, const QByteArray &data, const QHostAddress 
 
 void BoxPath::take(Channel *channel, const QByteArray &plain, const QHostAddress &from, quint16 port)
 {
-    const bool isPresent = m_isOpening || channel == m_channel;
+    const bool isPresent = m_isOpening || channel == m_channel || (m_isImproving && m_channel == nullptr);
     const bool isBetter = m_isImproving && channel->isDirect();
     const bool isLate = channel == m_carrier; // what was under way before a move
     if (!isPresent && !isBetter && !isLate)
@@ -254,7 +254,8 @@ void BoxPath::take(Channel *channel, const QByteArray &plain, const QHostAddress
         knock(channel, from, port);
     if (!isKnock)
         takeEcho(channel, from, port);
-    emit received(plain);
+    if (isPresent || !isKnock) // a knock elsewhere is no answer to anything that was asked
+        emit received(plain);
 }
 
 /// Both directions are open between here and there.
@@ -284,6 +285,7 @@ void BoxPath::move(Channel *channel, const QHostAddress &address, quint16 port)
     m_channel = channel;
     m_address = address;
     m_port = port;
+    m_sinceHeard.start();
     m_openingTime = m_sinceOpening.elapsed();
     stopKnocking();
     emit moved();

@@ -61,7 +61,7 @@ ByIntroduction::ByIntroduction(const PeerFile &peer, UdpChannel *channel, QObjec
 
 void ByIntroduction::begin()
 {
-    m_isHeard = m_wantsBurst = false;
+    m_isHeard = m_isAnswered = m_wantsBurst = false;
     m_relayed = {};
     m_reason.clear();
     m_addresses.clear();
@@ -116,9 +116,13 @@ QString ByIntroduction::silence() const
 {
     if (!m_reason.isEmpty())
         return m_reason;
-    return m_isHeard ? QStringLiteral("the box answers the rendezvous server, but nothing opens between it and here")
-                     : QStringLiteral("no answer from %1, the rendezvous server: is UDP blocked on this network?")
-                           .arg(m_server.host);
+    if (m_isAnswered)
+        return QStringLiteral("the box answers the rendezvous server, but nothing opens between it and here");
+    return m_isHeard
+               ? QStringLiteral("the rendezvous server knows the box, which does not answer it: is it still on, and "
+                                "is its configuration still the one that was handed over?")
+               : QStringLiteral("no answer from %1, the rendezvous server: is UDP blocked on this network?")
+                     .arg(m_server.host);
 }
 
 void ByIntroduction::call()
@@ -189,6 +193,8 @@ void ByIntroduction::takeChallenge(const Challenge &challenge)
 void ByIntroduction::takeRefusal(const Refusal &refusal)
 {
     m_isHeard = true;
+    if (!m_repeat.isActive())
+        return; // answered, or nobody waits for it any more
     if (refusal.reason == Reason::UnknownBox)
         m_reason =
             QStringLiteral("the rendezvous server does not know the box: is it on, and connected to the internet?");
@@ -210,8 +216,9 @@ void ByIntroduction::takeAnswer(const Answer &answer)
     m_isHeard = true;
     m_repeat.stop();
     QList<Target> seen;
-    for (const Address &address : items->addresses(Item::SeenAddress))
-        seen.append({hostOf(address), address.port, true});
+    const auto where = items->addresses(Item::SeenAddress);
+    if (!where.empty() && !hostOf(where.front()).isLoopback()) // one, as a server that lies must not aim us at many
+        seen.append({hostOf(where.front()), where.front().port, true});
     if (answer.byBox.empty()) { // a box with other software, of which the server only knows where it is
         emit found(seen);
     } else {
@@ -235,10 +242,13 @@ void ByIntroduction::takeVerdict(const Items &byBox, const QList<Target> &seen)
     if (const std::uint64_t nonce = byBox.number(Item::BoxNonce); nonce != 0)
         m_boxNonce = nonce;
     m_reason.clear();
+    m_isAnswered = true;
     if (value == Verdict::StaleNonce)
         return call();
-    if (value == Verdict::UnknownPeer)
-        return emit failed(QStringLiteral("the box refuses this peer: it has been removed there"));
+    if (value == Verdict::UnknownPeer) {
+        m_reason = QStringLiteral("the box refuses this peer: it has been removed there");
+        return emit failed(m_reason);
+    }
     if (value == Verdict::Busy) {
         m_reason = QStringLiteral("the box has had too many calls of this peer; again in a minute");
         return m_repeat.start(patientSpacing);

@@ -51,5 +51,6 @@ private:
     bool m_wantsBurst = false;
     introduction::Address m_relayed; // port 0: none
     bool m_isHeard = false;          // the server, since the beginning
+    bool m_isAnswered = false;       // by the box
     QString m_reason;                // why the server or the box said no, last
 };

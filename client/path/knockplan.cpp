@@ -52,6 +52,8 @@ void KnockPlan::aimAt(const QList<Target> &targets)
 {
     if (targets == m_targets)
         return;
+    if (m_targets.isEmpty()) // until now nobody could have answered
+        beginStep(0);
     m_targets = targets;
     m_round.clear();
     m_sinceRound.invalidate(); // at once

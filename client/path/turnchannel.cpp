@@ -162,6 +162,7 @@ void TurnChannel::compose(Request *request) const
     if (!m_nonce.isEmpty())
         stun_attr_add_integrity_by_user_str(buffer, &length, bytesOf(m_account.user), bytesOf(m_realm),
                                             bytesOf(m_account.password), bytesOf(m_nonce), SHATYPE_SHA1);
+    request->nonce = m_nonce;
     request->bytes = bytes.left(static_cast<int>(length));
     request->id = idOf(request->bytes);
 }
@@ -231,10 +232,9 @@ void TurnChannel::takeResponse(const QByteArray &message)
         return takeSuccess(request, message);
     if (stun_is_challenge_response_str(bytesOf(message), length, &code, reason.data(), reason.size(), realm.data(),
                                        nonce.data(), name.data(), &oauth)) {
-        const QByteArray before = m_nonce;
         m_realm = QByteArray(reinterpret_cast<const char *>(realm.data()));
         m_nonce = QByteArray(reinterpret_cast<const char *>(nonce.data()));
-        if (m_nonce != before) {
+        if (m_nonce != request.nonce) { // new to this request, if not to others
             compose(&request);
             m_requests.append(request);
             m_socket.writeDatagram(request.bytes, m_server, m_account.port);

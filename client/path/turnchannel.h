@@ -40,6 +40,7 @@ private:
         quint16 method = 0;
         QHostAddress peer; // of a permission
         QByteArray id;     // of the transaction
+        QByteArray nonce;  // of the server's, that it was composed with
         QByteArray bytes;
         int sent = 0;
     };

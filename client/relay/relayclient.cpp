@@ -45,7 +45,7 @@ namespace
 constexpr auto tickSpacing = 100ms;
 constexpr std::chrono::milliseconds resendSpacing = 500ms;
 constexpr std::chrono::milliseconds reminder = 5s;         // a relay that was restarted has forgotten the request
-constexpr std::chrono::milliseconds pathPatience = 4s;     // unconfirmed so long, the request has no path any more
+constexpr std::chrono::milliseconds pathPatience = 2500ms; // unconfirmed in five sends, the request has no path
 constexpr std::chrono::milliseconds packetPatience = 2s;   // four sends of the relay that do not come
 constexpr std::chrono::milliseconds reopenedPatience = 1s; // two, on a path that has been opened anew
 constexpr std::chrono::milliseconds leaveLimit = 3s;
