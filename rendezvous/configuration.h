@@ -10,6 +10,7 @@ struct Configuration {
     std::vector<std::string> listen{"[::]:7000"};
     std::string metrics{"127.0.0.1:9700"}; // empty: none
     std::string turn;                      // host and port; empty: none
+    std::string turnTls;                   // the same over TLS; empty: not
     std::string turnSecret;
     bool trustsPlain = false;
 };
