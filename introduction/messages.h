@@ -141,7 +141,8 @@ enum class Item : std::uint8_t {
     TurnUser,       // text
     TurnPassword,   // text
     Verdict,        // 1 byte, a Verdict
-    TurnTls,        // text: host and port of the TURN server's TLS
+    TurnTlsPort,    // 8 bytes: of that server's TLS
+    NoDatagrams,    // 0 bytes: where the server sees the peer, it takes none
 };
 /// What a box makes of a call.
 enum class Verdict : std::uint8_t {

@@ -36,7 +36,7 @@ struct Counts {
 struct TurnService {
     std::string server; // host and port, by UDP and TCP; empty: there is none
     std::string secret;
-    std::string tls; // the same over TLS; empty: not
+    std::uint16_t tlsPort = 0; // 0: no TLS there
 };
 
 struct Datagram {

@@ -46,11 +46,12 @@ int run(int argc, char **argv)
         "nat-rendezvousd");
     app.require_subcommand(1);
     app.set_config("--config", std::string(defaultFolder) + "/nat-rendezvousd.conf", "What setup wrote");
+    app.allow_config_extras(CLI::config_extras_mode::error);
     Configuration configuration;
     app.add_option("--host", configuration.host, "Name by which boxes and peers find this server");
     app.add_option("--secret", configuration.secret)->group(""); // for the file: a command line can be seen by others
     app.add_option("--turn", configuration.turn, "HOST:PORT of the TURN server that carries what finds no other way");
-    app.add_option("--turn-tls", configuration.turnTls, "HOST:PORT of the same over TLS");
+    app.add_option("--turn-tls-port", configuration.turnTlsPort, "Where it listens for TLS");
     app.add_option("--turn-secret", configuration.turnSecret)->group("");
 
     CLI::App *serving = app.add_subcommand("serve", "Serves until it is ended");

@@ -52,7 +52,7 @@ Introducer::Options optionsOf(const Configuration &configuration)
         throw std::invalid_argument("the secret must be 64 hexadecimal digits; nat-rendezvousd setup makes one");
     Introducer::Options options;
     options.secret = *secret;
-    options.turn = {configuration.turn, configuration.turnSecret, configuration.turnTls};
+    options.turn = {configuration.turn, configuration.turnSecret, configuration.turnTlsPort};
     options.trustsPlain = configuration.trustsPlain;
     return options;
 }

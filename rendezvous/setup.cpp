@@ -47,8 +47,8 @@ std::string ofServer(const Setup &setup, const std::string &secret, const std::s
     return "# nat-rendezvousd. Whoever has the secret can make the token of any box; another one makes all boxes join "
            "anew.\n"
            "host=" +
-           setup.host + "\nsecret=" + secret + "\nturn=" + setup.host + ":3478\nturn-tls=" + setup.host + ':' +
-           setup.tlsPort + "\nturn-secret=" + turnSecret + '\n';
+           setup.host + "\nsecret=" + secret + "\nturn=" + setup.host + ":3478\nturn-tls-port=" + setup.tlsPort +
+           "\nturn-secret=" + turnSecret + '\n';
 }
 
 std::string ofCoturn(const Setup &setup, const std::string &turnSecret)
