@@ -15,7 +15,6 @@
 #include <chrono>
 #include <system_error>
 
-using introduction::Address;
 using namespace std::chrono_literals;
 
 namespace
