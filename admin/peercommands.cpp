@@ -1,8 +1,10 @@
 // The commands that list, add, connect and remove peers.
 
 #include "admin/commands.h"
-#include "admin/output.h"
+#include "admin/print.h"
+#include "admin/qrcode.h"
 #include "handover/endpoint.h"
+#include "handover/output.h"
 #include "handover/peerfile.h"
 #include "handover/valuecheck.h"
 #include "introduction/secrets.h"
@@ -11,6 +13,8 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QUuid>
+
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -88,6 +92,17 @@ PeerFile newPeerFile(const BoxStore &store, const QString &boxAddress)
     return file;
 }
 
+/// What stands for the file, as the options want it.
+QByteArray handedOver(const admin::Request &request, const PeerFile &file)
+{
+    if (request.isSet("link"))
+        return file.toLink() + '\n';
+    if (request.isSet("qr"))
+        return toQrCode(file.toLink(), isatty(STDOUT_FILENO) != 0) + "Added peer " + file.uuid.toUtf8() +
+               ". The code holds the key of all peers.\n";
+    return request.isSet("json") && request.values.value(QStringLiteral("out")).isNull() ? file.toJson() : file.toIni();
+}
+
 /// Where a new peer is, from the options given; without them nowhere.
 Endpoint endpointOf(const admin::Request &request)
 {
@@ -126,7 +141,7 @@ QString admin::peers(const Request &request)
         rows.append({peer.uuid, peer.address.isEmpty() ? QStringLiteral("-") : peer.address, portInWords(peer.udpPort),
                      portInWords(peer.udpPortRemote), status});
     }
-    return print(request.asJson ? toJson(QJsonDocument(array)) : toTable(rows));
+    return print(request.isSet("json") ? toJson(QJsonDocument(array)) : toTable(rows));
 }
 
 QString admin::addPeer(const Request &request)
@@ -145,6 +160,8 @@ QString admin::addPeer(const Request &request)
     const QString path = request.values.value(QStringLiteral("out"));
     if (!path.isNull() && path.isEmpty()) // an empty variable of a script must not put the key on its terminal
         return QStringLiteral("--out must name a new file");
+    if ((request.isSet("link") || request.isSet("qr")) && request.flags.size() + (path.isNull() ? 0 : 1) > 1)
+        return QStringLiteral("--link and --qr each go alone, without one another, --out or --json");
     Output handover(path);
     if (!handover.error().isEmpty())
         return handover.error();
@@ -156,7 +173,7 @@ QString admin::addPeer(const Request &request)
     store.addPeer(peer);
     if (!store.error().isEmpty())
         return store.error();
-    if (!handover.write(request.asJson && path.isEmpty() ? file.toJson() : file.toIni())) {
+    if (!handover.write(handedOver(request, file))) {
         store.removePeer(peer.uuid); // nobody could use it
         return store.error().isEmpty() ? handover.error()
                                        : QStringLiteral("%1; and peer %2 stays in the store: %3")
@@ -164,7 +181,7 @@ QString admin::addPeer(const Request &request)
     }
     if (path.isEmpty())
         return QString();
-    if (request.asJson)
+    if (request.isSet("json"))
         return print(
             toJson(QJsonDocument(QJsonObject{{QStringLiteral("peer"), peer.uuid}, {QStringLiteral("file"), path}})));
     return print(QStringLiteral("Added peer %1. Hand over %2, which holds the key of all peers.\n")
