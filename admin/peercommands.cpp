@@ -3,6 +3,7 @@
 #include "admin/commands.h"
 #include "admin/print.h"
 #include "admin/qrcode.h"
+#include "agent/callbook.h"
 #include "handover/endpoint.h"
 #include "handover/output.h"
 #include "handover/peerfile.h"
@@ -30,6 +31,41 @@ QString statusInWords(int status)
 QString portInWords(int port)
 {
     return port == StoredPeer::noPort ? QStringLiteral("-") : QString::number(port);
+}
+
+// Of what the agent shows.
+const QLatin1String wayKey("way");
+const QLatin1String waySecondsKey("way_seconds");
+const QLatin1String callSecondsKey("call_seconds");
+const QLatin1String callerKey("called_from");
+
+/// In the largest unit of which there is one.
+QString timeInWords(int seconds)
+{
+    constexpr int minute = 60;
+    constexpr int hour = 60 * minute;
+    constexpr int day = 24 * hour;
+    if (seconds < minute)
+        return QStringLiteral("%1 s").arg(seconds);
+    if (seconds < hour)
+        return QStringLiteral("%1 min").arg(seconds / minute);
+    return seconds < day ? QStringLiteral("%1 h").arg(seconds / hour) : QStringLiteral("%1 d").arg(seconds / day);
+}
+
+QString wayInWords(const QJsonObject &call)
+{
+    return call.contains(wayKey)
+               ? QStringLiteral("%1 for %2")
+                     .arg(call.value(wayKey).toString(), timeInWords(call.value(waySecondsKey).toInt()))
+               : QStringLiteral("-");
+}
+
+QString callInWords(const QJsonObject &call)
+{
+    return call.contains(callerKey)
+               ? QStringLiteral("%1 ago from %2")
+                     .arg(timeInWords(call.value(callSecondsKey).toInt()), call.value(callerKey).toString())
+               : QStringLiteral("-");
 }
 
 /// The row of this peer, or an error.
@@ -126,20 +162,32 @@ QString admin::peers(const Request &request)
 {
     const BoxStore store;
     const auto stored = store.peers();
+    const auto port = store.settings().value(QStringLiteral("nat_udpport")).toUShort();
     if (!store.error().isEmpty())
         return store.error();
+    const QJsonObject calls = askCallBook(port);
     QJsonArray array;
     QList<QStringList> rows{{QStringLiteral("uuid"), QStringLiteral("address"), QStringLiteral("udp_port"),
-                             QStringLiteral("udp_port_remote"), QStringLiteral("status")}};
+                             QStringLiteral("udp_port_remote"), QStringLiteral("status"), QStringLiteral("way"),
+                             QStringLiteral("last call")}};
     for (const StoredPeer &peer : stored) {
         const QString status = statusInWords(peer.status);
+        QJsonObject call = calls.value(peer.uuid).toObject();
+        if (peer.status != StoredPeer::connected) { // any more
+            call.remove(wayKey);
+            call.remove(waySecondsKey);
+        }
         array.append(QJsonObject{{QStringLiteral("uuid"), peer.uuid},
                                  {QStringLiteral("address"), peer.address},
                                  {QStringLiteral("udp_port"), peer.udpPort},
                                  {QStringLiteral("udp_port_remote"), peer.udpPortRemote},
-                                 {QStringLiteral("status"), status}});
+                                 {QStringLiteral("status"), status},
+                                 {wayKey, call.value(wayKey)},
+                                 {waySecondsKey, call.value(waySecondsKey)},
+                                 {callSecondsKey, call.value(callSecondsKey)},
+                                 {callerKey, call.value(callerKey)}});
         rows.append({peer.uuid, peer.address.isEmpty() ? QStringLiteral("-") : peer.address, portInWords(peer.udpPort),
-                     portInWords(peer.udpPortRemote), status});
+                     portInWords(peer.udpPortRemote), status, wayInWords(call), callInWords(call)});
     }
     return print(request.isSet("json") ? toJson(QJsonDocument(array)) : toTable(rows));
 }

@@ -85,7 +85,7 @@ class AdminTest : public QObject
         QVERIFY(run({"connect", uuid}).refuses("add --address IP:PORT"));
         QCOMPARE(run({"connect", uuid, "--address", "192.0.2.7:4001"}).status, 0);
         QCOMPARE(sql(peers), QList<QVector<QString>>({{"192.0.2.7", "4000", "4001", "2"}}));
-        QVERIFY(run({"peers"}).output.contains(uuid.toUtf8() + "  192.0.2.7  4000      4001             connect requested\n"));
+        QVERIFY(run({"peers"}).output.contains(uuid.toUtf8() + "  192.0.2.7  4000      4001             connect requested  -    -\n"));
         sql("UPDATE `box`.`nat_traverse` SET status = 1");
         QCOMPARE(run({"connect", uuid}).status, 0); // where it was last
         QCOMPARE(sql(peers), QList<QVector<QString>>({{"192.0.2.7", "4000", "4001", "2"}}));
@@ -229,7 +229,7 @@ private slots:
         const QByteArray escaped = run({"peers", "--json"}).output;
         QVERIFY2(escaped.contains("\"\\u001b[2J\\u2028\\u009b\"") && !escaped.contains('\x80') && !escaped.contains('\xc2'), escaped);
         for (const char *status :
-             {"  disconnected\n", "  connected\n", "  connect requested\n", "  connecting\n", "  unknown (4)\n", "  ?[2J??  "})
+             {"  disconnected  ", "  connected  ", "  connect requested  ", "  connecting  ", "  unknown (4)  ", "  ?[2J??  "})
             QVERIFY2(table.contains(status) && !table.contains('\x1b'), table);
     }
 

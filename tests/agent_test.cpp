@@ -16,7 +16,7 @@ using namespace std::chrono_literals;
 
 namespace
 {
-enum Item : char { BoxNonce = 1, OwnAddress, RelayedAddress, BurstWanted, Verdict = 9 };
+enum Item : char { BoxNonce = 1, OwnAddress, RelayedAddress, BurstWanted, Verdict = 9, OpenWay = 16 };
 const QByteArray welcome(1, '\1');
 const QByteArray staleNonce(1, '\2');
 const QByteArray unknownPeer(1, '\3');
@@ -194,6 +194,41 @@ private slots:
         QCOMPARE(fake.reply(third.ring(good.mid(59).chopped(16))), reply);
         QCOMPARE(peer.knocks() + third.knocks(), 0);
         QVERIFY(row(peerUuid).endsWith(" 0"));
+    }
+
+    void ownerSeesHowPeersCome()
+    {
+        FakeServer fake;
+        startAgent();
+        QVERIFY(fake.isRegistered());
+        Caller peer;
+        const auto shown = [](const QString &word = "--json") {
+            QProcess admin;
+            admin.start(BUILD_DIR "/nat-relay-admin", QStringList{"peers"} + QStringList(word).filter("-"));
+            return admin.waitForFinished() ? admin.readAllStandardOutput() : QByteArray();
+        };
+        QVERIFY(!shown().contains("call_seconds"));
+        const QByteArray relayed = item(RelayedAddress, address(QHostAddress("192.0.2.77"), 50000));
+        const QList<std::tuple<QByteArray, int, QByteArray>> calls{// what a call says, the row's status, the way that is shown
+                                                                   {relayed, 1, ""},
+                                                                   {relayed + item(OpenWay, "\5"), 1, "carried"},
+                                                                   {relayed + burstWanted, 1, "carried"},
+                                                                   {item(OpenWay, "\4"), 1, "punched"},
+                                                                   {item(OpenWay, "\1"), 0, ""},
+                                                                   {item(OpenWay, "\1"), 1, "same network"},
+                                                                   {"", 1, ""},
+                                                                   {item(OpenWay, "\2"), 1, "IPv6"},
+                                                                   {item(OpenWay, "\3"), 1, "direct"}};
+        for (const auto &[items, status, way] : calls) {
+            peer.id[0] = static_cast<char>(peer.id.at(0) + 1);
+            QCOMPARE(peer.opened(fake.reply(peer.ring(peer.sealed(fake.nonce, items)))).value(Verdict), welcome);
+            QCOMPARE(peer.knocks(), items.contains(char(OpenWay)) ? 0 : 1); // who only tells something is not disturbed
+            box->sql("UPDATE nat_traverse SET status = " + QByteArray::number(status));
+            const QByteArray json = shown();
+            QVERIFY2(json.contains("\"called_from\": \"192.0.2.1:" + QByteArray::number(peer.socket.localPort()) + '"'), json);
+            QVERIFY2(way.isEmpty() ? !json.contains("\"way\"") : json.contains("\"way\": \"" + way + '"'), json);
+        }
+        QVERIFY2(shown("").contains("connected  direct for "), shown(""));
     }
 
     void refusedAreToldWhy()

@@ -21,6 +21,7 @@ constexpr std::chrono::milliseconds repeatSpacing = 500ms;
 constexpr std::chrono::milliseconds patientSpacing = 2s; // after a refusal that may pass
 constexpr int sendsPerServer = 2;                        // before the next of its addresses is tried
 constexpr int mostSends = 100;                           // of one call, whatever the server answers
+constexpr int mostReports = 5;                           // of the way that is open, likewise
 constexpr int mostOwnAddresses = 8;
 
 QList<QHostAddress> ownAddresses()
@@ -68,7 +69,7 @@ void ByIntroduction::begin()
     const QHostAddress literal(m_server.host);
     if (!literal.isNull()) {
         m_addresses = {literal};
-        return call();
+        return ask();
     }
     m_lookup = QHostInfo::lookupHost(m_server.host, this, [this](const QHostInfo &host) {
         m_lookup = -1;
@@ -79,7 +80,7 @@ void ByIntroduction::begin()
         std::stable_partition(m_addresses.begin(), m_addresses.end(), [](const QHostAddress &address) {
             return address.protocol() == QAbstractSocket::IPv4Protocol;
         });
-        call();
+        ask();
     });
 }
 
@@ -95,14 +96,14 @@ void ByIntroduction::help()
 {
     m_wantsBurst = true;
     if (!m_addresses.isEmpty())
-        call();
+        ask();
 }
 
 void ByIntroduction::useRelayed(const QHostAddress &address, quint16 port)
 {
     m_relayed = addressOf(address, port);
     if (!m_addresses.isEmpty())
-        call();
+        ask();
 }
 
 /// The last call once more, whose answer brings another account.
@@ -123,6 +124,22 @@ QString ByIntroduction::silence() const
                                 "is its configuration still the one that was handed over?")
                : QStringLiteral("no answer from %1, the rendezvous server: is UDP blocked on this network?")
                      .arg(m_server.host);
+}
+
+/// The box's owner sees it. Nothing waits for that, so a server that is gone is not asked for long.
+void ByIntroduction::opened(OpenWay way)
+{
+    if (m_addresses.isEmpty())
+        return;
+    m_openWay = way;
+    call();
+    m_sent = mostSends - mostReports;
+}
+
+void ByIntroduction::ask()
+{
+    m_openWay.reset();
+    call();
 }
 
 void ByIntroduction::call()
@@ -160,6 +177,9 @@ std::string ByIntroduction::sealed() const
         items.add(Item::RelayedAddress, m_relayed);
     if (m_wantsBurst)
         items.add(Item::BurstWanted, std::string_view());
+    const char way = m_openWay ? static_cast<char>(*m_openWay) : '\0';
+    if (m_openWay)
+        items.add(Item::OpenWay, std::string_view(&way, 1));
     return seal(items.bytes(), context(SealedFor::BoxByPeer, m_box, m_peer, m_id), m_key);
 }
 
@@ -257,5 +277,7 @@ void ByIntroduction::takeVerdict(const Items &byBox, const QList<Target> &seen)
     for (const Address &address : byBox.addresses(Item::OwnAddress))
         targets.append({hostOf(address), address.port, false});
     m_wantsBurst = false; // that one has been heard
+    if (m_openWay)
+        return;
     emit found(targets + seen);
 }
