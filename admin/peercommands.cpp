@@ -62,10 +62,11 @@ QString wayInWords(const QJsonObject &call)
 
 QString callInWords(const QJsonObject &call)
 {
-    return call.contains(callerKey)
-               ? QStringLiteral("%1 ago from %2")
-                     .arg(timeInWords(call.value(callSecondsKey).toInt()), call.value(callerKey).toString())
-               : QStringLiteral("-");
+    if (!call.contains(callSecondsKey))
+        return QStringLiteral("-");
+    const QString time = timeInWords(call.value(callSecondsKey).toInt());
+    return call.contains(callerKey) ? QStringLiteral("%1 ago from %2").arg(time, call.value(callerKey).toString())
+                                    : QStringLiteral("%1 ago by TCP").arg(time);
 }
 
 /// The row of this peer, or an error.

@@ -80,8 +80,9 @@ QJsonObject CallBook::contents() const
 {
     QJsonObject contents;
     for (auto entry = m_entries.cbegin(); entry != m_entries.cend(); ++entry) {
-        QJsonObject call{{QStringLiteral("called_from"), textOf(entry->from)},
-                         {QStringLiteral("call_seconds"), secondsOf(m_now() - entry->called)}};
+        QJsonObject call{{QStringLiteral("call_seconds"), secondsOf(m_now() - entry->called)}};
+        if (entry->from.port != 0)
+            call.insert(QStringLiteral("called_from"), textOf(entry->from));
         if (entry->way) {
             call.insert(QStringLiteral("way"), wordsFor(*entry->way));
             call.insert(QStringLiteral("way_seconds"), secondsOf(m_now() - entry->wayOpened));

@@ -29,7 +29,7 @@ public:
 private:
     struct Entry {
         Moment called{0};
-        introduction::Address from; // as the server saw it
+        introduction::Address from; // as the server saw it; none where it called by TCP
         std::optional<introduction::OpenWay> way;
         Moment wayOpened{0};
     };
@@ -43,7 +43,7 @@ private:
 };
 
 /// What the agent that shares this port shows, an object for each peer that has called since its start:
-///   {UUID: {"called_from": TEXT, "call_seconds": AGO, "way": TEXT, "way_seconds": AGO}, ...}
-/// The last two are missing where the peer has not told how it reaches the box. Empty where no agent runs, or one of
-/// another user.
+///   {UUID: {"call_seconds": AGO, "called_from": TEXT, "way": TEXT, "way_seconds": AGO}, ...}
+/// The second is missing where it called by TCP, the others where it has not told how it reaches the box. Empty where no
+/// agent runs, or one of another user.
 QJsonObject askCallBook(quint16 port);
