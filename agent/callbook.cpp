@@ -72,6 +72,7 @@ void CallBook::note(const Guest &guest)
 void CallBook::showAt(int socket)
 {
     listen(socket, mostWaiting);
+    m_notifier.reset(); // the socket before may have had the same number
     m_notifier = std::make_unique<QSocketNotifier>(socket, QSocketNotifier::Read);
     connect(m_notifier.get(), &QSocketNotifier::activated, this, &CallBook::show);
 }

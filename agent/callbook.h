@@ -44,6 +44,6 @@ private:
 
 /// What the agent that shares this port shows, an object for each peer that has called since its start:
 ///   {UUID: {"call_seconds": AGO, "called_from": TEXT, "way": TEXT, "way_seconds": AGO}, ...}
-/// The second is missing where it called by TCP, the others where it has not told how it reaches the box. Empty where no
-/// agent runs, or one of another user.
+/// The second is missing where it called by TCP, the others where it has not told how it reaches the box. Empty where
+/// no agent runs, or one of another user.
 QJsonObject askCallBook(quint16 port);

@@ -260,7 +260,9 @@ void ByIntroduction::takeRefusal(const Refusal &refusal)
         m_reason = QStringLiteral("the rendezvous server does not take this peer's token: the box has joined anew, and "
                                   "must hand over a new configuration");
     else
-        m_reason = QStringLiteral("the rendezvous server is busy with other calls for this box");
+        m_reason =
+            QStringLiteral("the rendezvous server has passed on as many calls to the box as it may, and this one "
+                           "had no answer: is the box's configuration still the one that was handed over?");
     m_repeat.start(patientSpacing);
 }
 
