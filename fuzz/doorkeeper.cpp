@@ -69,7 +69,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
             Items items;
             if ((right & HasNonce) != 0)
                 items.add(Item::BoxNonce, doorkeeper.nonce(now));
-            bytes = ring(settings.box, peer, id, items.bytes() + bytes);
+            bytes.insert(0, items.bytes());
+            bytes = ring(settings.box, peer, id, bytes);
         } else if ((right & IsSigned) != 0 && bytes.size() > macLength) {
             bytes.resize(bytes.size() - macLength);
             const Mac mac = macOf(bytes, token);

@@ -281,7 +281,7 @@ private slots:
             {introduced(strangerUuid), "the box refuses this peer: it has been removed there"},
             {wrong(added, "\ntoken="), "does not take this peer's token"}, // as when the server has a new secret
             {wrong(added, "\nkey="), "configuration still the one that was handed over?"},
-            {QByteArray(added).replace(boxUuid, "{99999999-0000-4000-8000-00000000000c}"), "does not take this peer's token"}};
+            {QByteArray(added).replace(boxUuid, "{99999999-0000-4000-8000-00000000000c}"), "does not know the box"}};
         std::vector<Process> peers; // at the same time, as most try for a minute
         for (const auto &[ini, complaint] : cases) {
             const QString file = path(QString::number(peers.size()));
