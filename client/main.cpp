@@ -17,11 +17,15 @@ namespace
 const QList<Command> &commands()
 {
     static const QList<Command> all{
-        {QStringLiteral("get"), QStringLiteral("/path"), QStringLiteral("prints a page"), true, command::get},
+        {QStringLiteral("get"), QStringLiteral("/path"), QStringLiteral("prints a page"), Command::Needs::Path,
+         command::get},
         {QStringLiteral("serve"), QString(), QStringLiteral("lets any browser reach the box, at http://127.0.0.1:8080"),
-         true, command::serve},
+         Command::Needs::Path, command::serve},
         {QStringLiteral("discover"), QStringLiteral("[address[:port]]"),
-         QStringLiteral("lists the boxes on the local network"), false, command::discover}};
+         QStringLiteral("lists the boxes on the local network"), Command::Needs::PeerFile, command::discover},
+        {QStringLiteral("import"), QStringLiteral("link"),
+         QStringLiteral("writes a new --config file of the box's link (-: on standard input)"), Command::Needs::Link,
+         command::import}};
     return all;
 }
 
@@ -49,11 +53,11 @@ int main(int argc, char **argv)
     const QString mistake = line.read(QCoreApplication::arguments());
     if (!mistake.isEmpty())
         return complain(mistake);
-    const PeerFile peer = PeerFile::read(line.text("config"));
+    const Command &command = line.command();
+    const PeerFile peer = command.needs == Command::Needs::Link ? PeerFile() : PeerFile::read(line.text("config"));
     if (!peer.error.isEmpty())
         return complain(peer.error);
-    const Command &command = line.command();
-    if (!command.needsPath)
+    if (command.needs != Command::Needs::Path)
         return command.run({line, peer, nullptr, nullptr});
 
     BoxPath path(peer, pathOptions(line, peer));

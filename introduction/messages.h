@@ -143,6 +143,15 @@ enum class Item : std::uint8_t {
     Verdict,        // 1 byte, a Verdict
     TurnTlsPort,    // 8 bytes: of that server's TLS
     NoDatagrams,    // 0 bytes: where the server sees the peer, it takes none
+    OpenWay = 16,   // 1 byte, an OpenWay: the peer calls for nothing else than to tell it
+};
+/// How a peer reaches its box, which only the peer can know.
+enum class OpenWay : std::uint8_t {
+    SameNetwork = 1, // at an address of the box's own network
+    Ipv6,
+    Direct,  // by single knocks
+    Punched, // from many sockets, at many ports or with the relay's bursts
+    Carried, // by the TURN server
 };
 /// What a box makes of a call.
 enum class Verdict : std::uint8_t {

@@ -38,6 +38,16 @@ quint16 usualPort(const QString &uuid)
     return static_cast<quint16>(first + QUuid(uuid).data1 % count);
 }
 
+/// Of networks behind routers (RFC 1918), or of one without a router (RFC 3927).
+bool isPrivate(const QHostAddress &host)
+{
+    static const auto subnets = {QHostAddress::parseSubnet(QStringLiteral("10.0.0.0/8")),
+                                 QHostAddress::parseSubnet(QStringLiteral("172.16.0.0/12")),
+                                 QHostAddress::parseSubnet(QStringLiteral("192.168.0.0/16")),
+                                 QHostAddress::parseSubnet(QStringLiteral("169.254.0.0/16"))};
+    return std::any_of(subnets.begin(), subnets.end(), [&host](const auto &subnet) { return host.isInSubnet(subnet); });
+}
+
 bool isOver(const QElapsedTimer &timer, std::chrono::milliseconds time)
 {
     return !timer.isValid() || timer.hasExpired(time.count());
@@ -276,6 +286,7 @@ void BoxPath::settle()
     m_isImproving = !m_channel->isDirect();
     if (!m_isImproving)
         stopKnocking();
+    tellWays();
     emit opened();
 }
 
@@ -288,7 +299,27 @@ void BoxPath::move(Channel *channel, const QHostAddress &address, quint16 port)
     m_sinceHeard.start();
     m_openingTime = m_sinceOpening.elapsed();
     stopKnocking();
+    tellWays();
     emit moved();
+}
+
+introduction::OpenWay BoxPath::openWay() const
+{
+    using introduction::OpenWay;
+    if (!m_channel->isDirect())
+        return OpenWay::Carried;
+    const QHostAddress host = introduction::hostOf(introduction::addressOf(m_address, m_port));
+    if (host.protocol() == QAbstractSocket::IPv6Protocol)
+        return OpenWay::Ipv6;
+    if (isPrivate(host))
+        return OpenWay::SameNetwork;
+    return m_plan.hasPunched() ? OpenWay::Punched : OpenWay::Direct;
+}
+
+void BoxPath::tellWays()
+{
+    for (Way *way : qAsConst(m_ways))
+        way->opened(openWay());
 }
 
 /// Keeps the first socket, for its local port, and the one on which the box was heard.

@@ -74,6 +74,8 @@ private:
     void settle();
     void move(Channel *channel, const QHostAddress &address, quint16 port);
     void stopKnocking();
+    introduction::OpenWay openWay() const;
+    void tellWays();
     void giveUp(const QString &reason);
     QString silence() const;
     void keepAlive();

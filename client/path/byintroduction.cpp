@@ -22,6 +22,7 @@ constexpr std::chrono::milliseconds patientSpacing = 2s; // after a refusal that
 constexpr int sendsPerServer = 2;                        // before the next of its addresses is tried
 constexpr int sendsUntilStream = 3;                      // 1 s without a sign of the server
 constexpr int mostSends = 100;                           // of one call, whatever the server answers
+constexpr int mostReports = 5;                           // of the way that is open, likewise
 constexpr int mostOwnAddresses = 8;
 
 QList<QHostAddress> ownAddresses()
@@ -73,7 +74,7 @@ void ByIntroduction::begin()
     const QHostAddress literal(m_server.host);
     if (!literal.isNull()) {
         m_addresses = {literal};
-        return call();
+        return ask();
     }
     m_lookup = QHostInfo::lookupHost(m_server.host, this, [this](const QHostInfo &host) {
         m_lookup = -1;
@@ -84,7 +85,7 @@ void ByIntroduction::begin()
         std::stable_partition(m_addresses.begin(), m_addresses.end(), [](const QHostAddress &address) {
             return address.protocol() == QAbstractSocket::IPv4Protocol;
         });
-        call();
+        ask();
     });
 }
 
@@ -101,14 +102,14 @@ void ByIntroduction::help()
 {
     m_wantsBurst = true;
     if (!m_addresses.isEmpty())
-        call();
+        ask();
 }
 
 void ByIntroduction::useRelayed(const QHostAddress &address, quint16 port)
 {
     m_relayed = addressOf(address, port);
     if (!m_addresses.isEmpty())
-        call();
+        ask();
 }
 
 /// The last call once more, whose answer brings another account.
@@ -132,6 +133,22 @@ QString ByIntroduction::silence() const
                      "no answer from %1, the rendezvous server, by UDP or TCP: is this machine connected to the "
                      "internet, and that server on?")
                      .arg(m_server.host);
+}
+
+/// The box's owner sees it. Nothing waits for that, so a server that is gone is not asked for long.
+void ByIntroduction::opened(OpenWay way)
+{
+    if (m_addresses.isEmpty())
+        return;
+    m_openWay = way;
+    call();
+    m_sent = mostSends - mostReports;
+}
+
+void ByIntroduction::ask()
+{
+    m_openWay.reset();
+    call();
 }
 
 void ByIntroduction::call()
@@ -189,6 +206,9 @@ std::string ByIntroduction::sealed(const Line &line) const
         items.add(Item::NoDatagrams, std::string_view());
     else if (m_wantsBurst)
         items.add(Item::BurstWanted, std::string_view());
+    const char way = m_openWay ? static_cast<char>(*m_openWay) : '\0';
+    if (m_openWay)
+        items.add(Item::OpenWay, std::string_view(&way, 1));
     return seal(items.bytes(), context(SealedFor::BoxByPeer, m_box, m_peer, line.id), m_key);
 }
 
@@ -240,7 +260,9 @@ void ByIntroduction::takeRefusal(const Refusal &refusal)
         m_reason = QStringLiteral("the rendezvous server does not take this peer's token: the box has joined anew, and "
                                   "must hand over a new configuration");
     else
-        m_reason = QStringLiteral("the rendezvous server is busy with other calls for this box");
+        m_reason =
+            QStringLiteral("the rendezvous server has passed on as many calls to the box as it may, and this one "
+                           "had no answer: is the box's configuration still the one that was handed over?");
     m_repeat.start(patientSpacing);
 }
 
@@ -300,5 +322,7 @@ void ByIntroduction::takeVerdict(const Items &byBox, const QList<Target> &seen)
     for (const Address &address : byBox.addresses(Item::OwnAddress))
         targets.append({hostOf(address), address.port, false});
     m_wantsBurst = false; // that one has been heard
+    if (m_openWay)
+        return;
     emit found(targets + seen);
 }

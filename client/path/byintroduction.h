@@ -24,9 +24,11 @@ public:
     void help() override;
     void useRelayed(const QHostAddress &address, quint16 port) override;
     void loseCarrier() override;
+    void opened(introduction::OpenWay way) override;
     QString silence() const override;
 
 private:
+    void ask();
     void call();
     void transmit();
     /// The present call, as it goes one way: the server sees another address of this peer on each.
@@ -61,7 +63,8 @@ private:
     std::uint64_t m_boxNonce = 0;
     int m_sent = 0; // of the present call
     bool m_wantsBurst = false;
-    introduction::Address m_relayed; // port 0: none
-    bool m_isAnswered = false;       // by the box
-    QString m_reason;                // why the server or the box said no, last
+    introduction::Address m_relayed;                // port 0: none
+    std::optional<introduction::OpenWay> m_openWay; // that the present call tells
+    bool m_isAnswered = false;                      // by the box
+    QString m_reason;                               // why the server or the box said no, last
 };

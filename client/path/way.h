@@ -2,6 +2,7 @@
 
 #include "client/path/target.h"
 #include "client/path/turnaccount.h"
+#include "introduction/messages.h"
 
 #include <QByteArray>
 #include <QHostAddress>
@@ -30,6 +31,8 @@ public:
     virtual void useRelayed(const QHostAddress & /*address*/, quint16 /*port*/) {}
     /// Nobody carries any more.
     virtual void loseCarrier() {}
+    /// The path is open, this way.
+    virtual void opened(introduction::OpenWay /*way*/) {}
     /// Why nobody may have answered by now, where this way knows better than that the box is silent; else empty.
     virtual QString silence() const { return QString(); }
 
