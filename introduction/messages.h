@@ -141,6 +141,7 @@ enum class Item : std::uint8_t {
     TurnUser,       // text
     TurnPassword,   // text
     Verdict,        // 1 byte, a Verdict
+    CallerAddress,  // 18 bytes: where the server sees the peer
 };
 /// What a box makes of a call.
 enum class Verdict : std::uint8_t {
