@@ -36,9 +36,9 @@ int command::serve(const Job &job)
     QObject::connect(job.client, &RelayClient::left, [] { QCoreApplication::exit(0); });
 
     QObject::connect(job.path, &BoxPath::opened,
-                     [&job] { tell(QStringLiteral("the box answers, ") + job.path->how()); });
+                     [&job] { tell(QStringLiteral("the box answers, ") + job.path->record().summary()); });
     QObject::connect(job.path, &BoxPath::moved, [&job] {
-        tell(QStringLiteral("a better way has opened: the box is reached ") + job.path->how());
+        tell(QStringLiteral("a better way has opened: the box is reached ") + job.path->record().summary());
     });
     QObject::connect(job.path, &BoxPath::failed, &proxy, [&proxy](const QString &reason) {
         if (!proxy.isBusy()) // or the request that fails tells

@@ -28,6 +28,7 @@ constexpr qintptr spareDescriptors = 300;                  // for connections of
 constexpr std::chrono::milliseconds echoTime = 1s;
 constexpr std::chrono::milliseconds improveLimit = 60s; // through all steps of knocking
 constexpr auto carrierRest = 30s;                       // what the box has under way is still carried after a move
+constexpr auto measureDelay = 1s; // by then there are no more echoes of the knocks that have opened the path
 
 /// The same at every start, so that what the relay still sends to one that was killed reaches the next one, which
 /// confirms it: otherwise everybody would wait until the relay gives it up.
@@ -69,11 +70,13 @@ BoxPath::BoxPath(const PeerFile &peer, const Options &options, QObject *parent)
 void BoxPath::addWay(Way *way)
 {
     m_ways.append(way);
+    m_record.watch(way);
     connect(way, &Way::found, this, [this, way](const QList<Target> &targets) {
         m_found[way] = targets;
         aim();
     });
     connect(way, &Way::carrierFound, this, &BoxPath::useCarrier);
+    connect(way, &Way::carrierFound, this, &BoxPath::probe);
     connect(way, &Way::failed, this, [this](const QString &reason) {
         if (--m_waysLeft == 0 && m_isOpening)
             giveUp(reason);
@@ -106,6 +109,8 @@ void BoxPath::aim()
         }
     }
     m_plan.aimAt(targets);
+    if (m_plan.hasTarget())
+        m_record.attempt(m_plan.text());
     for (const Target &target : qAsConst(targets)) {
         if (m_carrier != nullptr)
             m_carrier->permit(target.address);
@@ -117,6 +122,7 @@ void BoxPath::useCarrier(const TurnAccount &account)
     if (m_carrier != nullptr || !(m_isOpening || m_isImproving))
         return;
     m_carrier = new TurnChannel(account, this);
+    m_record.watch(m_carrier);
     connect(
         m_carrier, &Channel::received, this,
         [this](const QByteArray &data, const QHostAddress &from, quint16 port) { hear(m_carrier, data, from, port); });
@@ -149,6 +155,16 @@ void BoxPath::dropCarrier()
     m_carrier = nullptr;
 }
 
+/// Beside all else: what it tells is for a person.
+void BoxPath::probe(const TurnAccount &account)
+{
+    if (m_probe != nullptr)
+        return;
+    m_probe = std::make_unique<StunProbe>(m_sockets.constFirst(), account.host, account.port, nullptr);
+    connect(m_probe.get(), &StunProbe::seen, this,
+            [this](const introduction::Address &address) { m_record.setPeerSeen(address); });
+}
+
 bool BoxPath::isFresh() const
 {
     return !m_isOpening && m_channel != nullptr && !isOver(m_sinceHeard, 2 * m_options.keepAlive + 5s);
@@ -174,6 +190,8 @@ void BoxPath::open()
     m_sinceOpening.start();
     m_plan.begin();
     m_ticks.start();
+    m_record.begin();
+    m_probe.reset();
     m_waysLeft = m_ways.size();
     for (Way *way : qAsConst(m_ways))
         way->begin();
@@ -206,23 +224,28 @@ void BoxPath::nextStep()
     while (m_sockets.size() < wanted && m_sockets.constLast()->descriptor() < most && addSocket(0)) {
     }
     m_plan.useSockets(m_sockets.size());
+    m_record.attempt(m_plan.text());
     for (Way *way : qAsConst(m_ways))
         way->help();
     if (m_isOpening)
-        emit progress(m_plan.text());
+        emit progress(QStringLiteral("no answer yet; ") + m_plan.text());
 }
 
 void BoxPath::knock(Channel *channel, const QHostAddress &address, quint16 port)
 {
     const QByteArray plain = datagram::link(DatagramKind::KeepAlive, m_uuid, m_boxUuid);
     channel->send(cipher::encipher(plain, m_key, m_iv), address, port);
-    if (channel == m_channel)
-        m_sinceKnock.start();
+    if (channel != m_channel)
+        return;
+    m_sinceKnock.start();
+    m_record.knocked();
 }
 
 void BoxPath::hear(Channel *channel, const QByteArray &data, const QHostAddress &from, quint16 port)
 {
     if (channel == m_sockets.constFirst()) {
+        if (m_probe != nullptr && m_probe->take(data))
+            return;
         for (Way *way : qAsConst(m_ways)) {
             if (way->take(data, from, port))
                 return;
@@ -248,10 +271,13 @@ void BoxPath::take(Channel *channel, const QByteArray &plain, const QHostAddress
         m_port = port;
         m_sinceHeard.start();
     }
-    const bool isKnock = static_cast<DatagramKind>(plain.at(0)) == DatagramKind::ConnectRequest;
+    const auto kind = static_cast<DatagramKind>(plain.at(0));
+    const bool isKnock = kind == DatagramKind::ConnectRequest;
     const bool isEcho = !m_isOpening && isPresent && !isOver(m_sinceSend, echoTime); // of a ConnectRequest of ours
     if (isKnock && !isEcho && (isBetter || isOver(m_sinceKnock, answerSpacing)))
         knock(channel, from, port);
+    if (kind == DatagramKind::KeepAlive && !m_isOpening && channel == m_channel)
+        m_record.echoed();
     if (!isKnock)
         takeEcho(channel, from, port);
     if (isPresent || !isKnock) // a knock elsewhere is no answer to anything that was asked
@@ -270,13 +296,25 @@ void BoxPath::takeEcho(Channel *channel, const QHostAddress &from, quint16 port)
 void BoxPath::settle()
 {
     m_isOpening = false;
-    m_openingTime = m_sinceOpening.elapsed();
     m_undeciphered = 0;
     m_keepAlive.start();
     m_isImproving = !m_channel->isDirect();
+    noteOpen();
     if (!m_isImproving)
         stopKnocking();
     emit opened();
+}
+
+/// Before the knocking ends, as it may be what has opened the path.
+void BoxPath::noteOpen()
+{
+    if (m_channel->isDirect()) {
+        m_record.note(m_plan.text(), QStringLiteral("the box answers"));
+        m_record.open(m_address, m_port, m_plan.hasPunched());
+    } else {
+        m_record.openCarried(m_address, m_port, m_carrier->server());
+    }
+    QTimer::singleShot(measureDelay, this, &BoxPath::keepAlive);
 }
 
 /// What the box has under way still comes where it was asked from; what is asked from now on comes here.
@@ -286,7 +324,7 @@ void BoxPath::move(Channel *channel, const QHostAddress &address, quint16 port)
     m_address = address;
     m_port = port;
     m_sinceHeard.start();
-    m_openingTime = m_sinceOpening.elapsed();
+    noteOpen();
     stopKnocking();
     emit moved();
 }
@@ -296,6 +334,7 @@ void BoxPath::stopKnocking()
 {
     m_isOpening = m_isImproving = false;
     m_ticks.stop();
+    m_record.end();
     for (Way *way : qAsConst(m_ways))
         way->end();
     const auto isSpare = [this](UdpChannel *socket) { return socket != m_channel && socket != m_sockets.constFirst(); };
@@ -311,24 +350,11 @@ void BoxPath::stopKnocking()
 
 void BoxPath::giveUp(const QString &reason)
 {
+    m_record.fail(reason);
     stopKnocking();
     emit failed(reason);
 }
 
-QString BoxPath::how() const
-{
-    if (m_channel == nullptr)
-        return QStringLiteral("not at all");
-    const QString time = QStringLiteral(", after %1 s").arg(static_cast<double>(m_openingTime) / 1000, 0, 'f', 1);
-    if (!m_channel->isDirect())
-        return QStringLiteral("carried by %1").arg(m_carrier->server()) + time;
-    return (m_plan.hasPunched() ? QStringLiteral("punched through the routers to %1")
-                                : QStringLiteral("directly at %1"))
-               .arg(introduction::hostOf(introduction::addressOf(m_address, m_port)).toString()) +
-           time;
-}
-
-/// Why nobody may have answered.
 QString BoxPath::silence() const
 {
     if (m_undeciphered > 0)

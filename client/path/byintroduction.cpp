@@ -59,6 +59,11 @@ ByIntroduction::ByIntroduction(const PeerFile &peer, UdpChannel *channel, QObjec
     connect(&m_repeat, &QTimer::timeout, this, &ByIntroduction::transmit);
 }
 
+QString ByIntroduction::name() const
+{
+    return QStringLiteral("the rendezvous server, %1").arg(m_server.host);
+}
+
 void ByIntroduction::begin()
 {
     m_isHeard = m_isAnswered = m_wantsBurst = false;
@@ -220,10 +225,12 @@ void ByIntroduction::takeAnswer(const Answer &answer)
     if (!where.empty() && !hostOf(where.front()).isLoopback()) // one, as a server that lies must not aim us at many
         seen.append({hostOf(where.front()), where.front().port, true});
     if (answer.byBox.empty()) { // a box with other software, of which the server only knows where it is
+        tellSides(*items, {});
         emit found(seen);
     } else {
         const auto plain = unseal(answer.byBox, context(SealedFor::PeerByBox, m_box, m_peer, m_id), m_key);
         const auto byBox = plain ? Items::of(*plain) : std::nullopt;
+        tellSides(*items, byBox.value_or(Items()));
         if (byBox)
             takeVerdict(*byBox, seen);
         else
@@ -233,6 +240,18 @@ void ByIntroduction::takeAnswer(const Answer &answer)
     if (!turn.host.isEmpty() && turn.error.isEmpty() && m_relayed.port == 0 && m_reason.isEmpty())
         emit carrierFound({turn.host, static_cast<quint16>(turn.port), toBytes(items->first(Item::TurnUser)),
                            toBytes(items->first(Item::TurnPassword))});
+}
+
+void ByIntroduction::tellSides(const Items &byServer, const Items &byBox)
+{
+    Sides sides;
+    const auto own = ownAddresses();
+    for (const QHostAddress &address : own)
+        sides.peer.own.push_back(addressOf(address, m_channel->port()));
+    sides.peer.seen = byServer.addresses(Item::CallerAddress);
+    sides.box.own = byBox.addresses(Item::OwnAddress);
+    sides.box.seen = byServer.addresses(Item::SeenAddress);
+    emit sighted(sides);
 }
 
 void ByIntroduction::takeVerdict(const Items &byBox, const QList<Target> &seen)

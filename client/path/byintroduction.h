@@ -17,6 +17,7 @@ public:
     /// Calls leave from `channel`, at whose outside port the box knocks.
     ByIntroduction(const PeerFile &peer, UdpChannel *channel, QObject *parent);
 
+    QString name() const override;
     void begin() override;
     void end() override;
     bool take(const QByteArray &data, const QHostAddress &from, quint16 port) override;
@@ -31,6 +32,7 @@ private:
     void takeChallenge(const introduction::Challenge &challenge);
     void takeRefusal(const introduction::Refusal &refusal);
     void takeAnswer(const introduction::Answer &answer);
+    void tellSides(const introduction::Items &byServer, const introduction::Items &byBox);
     void takeVerdict(const introduction::Items &byBox, const QList<Target> &seen);
     std::string sealed() const;
     void nextServer();
