@@ -9,7 +9,6 @@
 
 #include <QCoreApplication>
 
-#include <algorithm>
 #include <csignal>
 
 namespace
@@ -21,21 +20,10 @@ const QList<Command> &commands()
         {QStringLiteral("serve"), QString(), QStringLiteral("lets any browser reach the box, at http://127.0.0.1:8080"),
          true, command::serve},
         {QStringLiteral("discover"), QStringLiteral("[address[:port]]"),
-         QStringLiteral("lists the boxes on the local network"), false, command::discover}};
+         QStringLiteral("lists the boxes on the local network"), false, command::discover},
+        {QStringLiteral("status"), QString(), QStringLiteral("tells how the box is reached, and why not"), false,
+         command::status}};
     return all;
-}
-
-BoxPath::Options pathOptions(const CommandLine &line, const PeerFile &peer)
-{
-    constexpr std::chrono::seconds punchLimit(60); // through all steps
-    BoxPath::Options how;
-    how.udpPort = static_cast<quint16>(line.number("udp-port"));
-    how.keepAlive = std::chrono::seconds(line.number("keep-alive"));
-    how.punch = line.isSet("punch") || !peer.server.isEmpty();
-    const std::chrono::seconds timeout(line.number("timeout"));
-    how.openLimit = how.punch ? std::max(punchLimit, timeout) : std::min(how.openLimit, timeout);
-    how.datagramsPerMinute = line.number("punch-rate");
-    return how;
 }
 } // namespace
 
@@ -56,7 +44,7 @@ int main(int argc, char **argv)
     if (!command.needsPath)
         return command.run({line, peer, nullptr, nullptr});
 
-    BoxPath path(peer, pathOptions(line, peer));
+    BoxPath path(peer, line.pathOptions(peer));
     if (!path.error().isEmpty())
         return complain(path.error());
     QObject::connect(&path, &BoxPath::progress, tell);

@@ -20,7 +20,7 @@ struct Command {
     QString name;
     QString argument; // empty: it has none; in brackets: it may be left out
     QString meaning;
-    bool needsPath;
+    bool needsPath;             // else it opens one itself, if it does
     int (*run)(const Job &job); // gives the exit status
 };
 
@@ -30,4 +30,5 @@ namespace command
 int get(const Job &job);
 int serve(const Job &job);
 int discover(const Job &job);
+int status(const Job &job);
 } // namespace command
