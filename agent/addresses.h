@@ -2,6 +2,8 @@
 
 #include "introduction/messages.h"
 
+#include <QtGlobal>
+
 #include <vector>
 
 /// Whether somebody else may name it as his own and have datagrams sent there: it is that of one machine, not of this
