@@ -82,15 +82,17 @@ QList<Row> rows(const QJsonObject &status)
         rows.append({QStringLiteral("Since"), since(status)});
     if (status[QLatin1String("isImproving")].toBool())
         rows.append({QStringLiteral("Under way"), QStringLiteral("a direct way is still looked for")});
-    rows.append({QStringLiteral("Your router"), router(status, "peer")});
-    rows.append({QStringLiteral("The box's router"), router(status, "box")});
+    if (text(status, "reach") != QLatin1String("same-network")) { // where none stands between
+        rows.append({QStringLiteral("Your router"), router(status, "peer")});
+        rows.append({QStringLiteral("The box's router"), router(status, "box")});
+    }
     constexpr int perSecond = 1000;
-    const bool isMeasured = status.contains(QLatin1String("roundTrip"));
-    rows.append({QStringLiteral("There and back"), isMeasured
-                                                       ? withUnit(perSecond * number(status, "roundTrip"), 0, "ms")
-                                                       : QStringLiteral("not measured yet")});
-    rows.append({QStringLiteral("Rate"), QStringLiteral("%1/s in the last seconds, %2 in all")
-                                             .arg(bytes(number(status, "rate")), bytes(number(status, "received")))});
+    if (status.contains(QLatin1String("roundTrip")))
+        rows.append({QStringLiteral("There and back"), withUnit(perSecond * number(status, "roundTrip"), 0, "ms")});
+    if (number(status, "received") > 0)
+        rows.append(
+            {QStringLiteral("Rate"), QStringLiteral("%1/s in the last seconds, %2 in all")
+                                         .arg(bytes(number(status, "rate")), bytes(number(status, "received")))});
     return rows;
 }
 

@@ -57,6 +57,7 @@ QJsonObject openAndLook(BoxPath *path, const PeerFile &peer)
     QElapsedTimer sinceOpen;
     QEventLoop loop;
     QTimer look;
+    QObject::connect(path, &BoxPath::progress, &loop, tell);
     QObject::connect(path, &BoxPath::opened, &loop, [&sinceOpen] { sinceOpen.start(); });
     QObject::connect(path, &BoxPath::failed, &loop, &QEventLoop::quit, Qt::QueuedConnection);
     QObject::connect(&look, &QTimer::timeout, &loop, [&] {

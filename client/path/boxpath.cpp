@@ -260,7 +260,8 @@ void BoxPath::hear(Channel *channel, const QByteArray &data, const QHostAddress 
 
 void BoxPath::take(Channel *channel, const QByteArray &plain, const QHostAddress &from, quint16 port)
 {
-    const bool isPresent = m_isOpening || channel == m_channel || (m_isImproving && m_channel == nullptr);
+    const bool isPresent =
+        m_isOpening || channel == m_channel || (m_isImproving && m_channel == nullptr && !channel->isDirect());
     const bool isBetter = m_isImproving && channel->isDirect();
     const bool isLate = channel == m_carrier; // what was under way before a move
     if (!isPresent && !isBetter && !isLate)

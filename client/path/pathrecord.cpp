@@ -45,6 +45,7 @@ void PathRecord::watch(const Way *way)
         QStringList places;
         for (const Target &target : targets)
             places.append(introduction::textOf(introduction::addressOf(target.address, target.port)));
+        places.removeDuplicates();
         note(way->name(), QStringLiteral("the box should be at ") + places.join(QLatin1String(", ")));
     });
 }
