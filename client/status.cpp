@@ -57,10 +57,14 @@ QJsonObject jsonOf(const Side &side)
 QJsonArray jsonOf(const QList<PathRecord::Attempt> &attempts)
 {
     QJsonArray tried;
-    for (const PathRecord::Attempt &attempt : attempts)
-        tried.append(QJsonObject{{QStringLiteral("what"), attempt.what},
-                                 {QStringLiteral("outcome"), attempt.outcome},
-                                 {QStringLiteral("seconds"), seconds(static_cast<double>(attempt.time))}});
+    for (const PathRecord::Attempt &attempt : attempts) {
+        QJsonObject json{{QStringLiteral("what"), attempt.what},
+                         {QStringLiteral("outcome"), attempt.outcome},
+                         {QStringLiteral("begin"), seconds(static_cast<double>(attempt.begin))}};
+        if (attempt.end >= 0)
+            json.insert(QStringLiteral("end"), seconds(static_cast<double>(attempt.end)));
+        tried.append(json);
+    }
     return tried;
 }
 } // namespace

@@ -102,9 +102,11 @@ QList<Row> tried(const QJsonObject &status)
     const QJsonArray attempts = status[QLatin1String("tried")].toArray();
     for (const QJsonValue &value : attempts) {
         const QJsonObject attempt = value.toObject();
-        rows.append(
-            {text(attempt, "what"),
-             QStringLiteral("%1 (%2)").arg(text(attempt, "outcome"), withUnit(number(attempt, "seconds"), 1, "s"))});
+        const QString begin = QString::number(number(attempt, "begin"), 'f', 1);
+        const QString time = attempt.contains(QLatin1String("end"))
+                                 ? QStringLiteral("%1 to %2").arg(begin, withUnit(number(attempt, "end"), 1, "s"))
+                                 : QStringLiteral("from %1 s on").arg(begin);
+        rows.append({text(attempt, "what"), QStringLiteral("%1 (%2)").arg(text(attempt, "outcome"), time)});
     }
     return rows;
 }

@@ -12,6 +12,7 @@ using introduction::hostOf;
 
 namespace
 {
+constexpr qint64 pending = -1;
 constexpr double roundTripGain = 1.0 / 8; // of a new value in the smoothed one (RFC 6298, 2.3)
 
 /// Whether no router stands between this machine and the host.
@@ -73,22 +74,38 @@ void PathRecord::begin()
         attempt(way->name());
 }
 
-void PathRecord::note(const QString &what, const QString &outcome)
+/// One that is not there yet begins now.
+PathRecord::Attempt *PathRecord::find(const QString &what)
 {
     const auto found = std::find_if(m_attempts.begin(), m_attempts.end(),
                                     [&what](const Attempt &attempt) { return attempt.what == what; });
-    const Attempt attempt{what, outcome, m_sinceBegin.elapsed()};
-    if (found == m_attempts.end())
-        m_attempts.append(attempt);
-    else if (found->outcome != outcome)
-        *found = attempt;
+    if (found != m_attempts.end())
+        return &*found;
+    m_attempts.append({what, QStringLiteral("no answer yet"), m_sinceBegin.elapsed(), pending});
+    return &m_attempts.last();
+}
+
+void PathRecord::attempt(const QString &what)
+{
+    find(what);
+}
+
+void PathRecord::note(const QString &what, const QString &outcome)
+{
+    Attempt *attempt = find(what);
+    if (attempt->outcome == outcome)
+        return;
+    attempt->outcome = outcome;
+    attempt->end = m_sinceBegin.elapsed();
 }
 
 void PathRecord::end()
 {
     for (Attempt &attempt : m_attempts) {
-        if (attempt.outcome == QLatin1String(noAnswerYet))
+        if (attempt.end < 0) {
             attempt.outcome = QStringLiteral("no answer");
+            attempt.end = m_sinceBegin.elapsed();
+        }
     }
 }
 

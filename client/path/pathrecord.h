@@ -28,7 +28,8 @@ public:
     struct Attempt {
         QString what;
         QString outcome;
-        qint64 time; // ms from the beginning until that was known
+        qint64 begin; // ms since the path began to open
+        qint64 end;   // when that was known; less than 0: not yet
     };
 
     /// Notes what becomes of it.
@@ -36,7 +37,7 @@ public:
     void watch(const TurnChannel *carrier);
 
     void begin();
-    void attempt(const QString &what) { note(what, QLatin1String(noAnswerYet)); }
+    void attempt(const QString &what);
     void note(const QString &what, const QString &outcome);
     /// Nothing more is tried.
     void end();
@@ -70,8 +71,7 @@ public:
     QString summary() const;
 
 private:
-    static constexpr char noAnswerYet[] = "no answer yet";
-
+    Attempt *find(const QString &what);
     void settle(Reach reach, const QHostAddress &host, quint16 port);
 
     QList<const Way *> m_ways;
