@@ -11,33 +11,16 @@
 #include "protocol/datagram.h"
 #include "protocol/uuidscan.h"
 
-#include <QUuid>
-
-#include <sys/resource.h>
-
-#include <algorithm>
-#include <functional>
-
 using namespace std::chrono_literals;
 
 namespace
 {
 constexpr auto tickSpacing = 20ms;
 constexpr std::chrono::milliseconds answerSpacing = 100ms; // a burst brings up to 800 datagrams at once
-constexpr qintptr spareDescriptors = 300;                  // for connections of browsers
 constexpr std::chrono::milliseconds echoTime = 1s;
 constexpr std::chrono::milliseconds improveLimit = 60s; // through all steps of knocking
 constexpr auto carrierRest = 30s;                       // what the box has under way is still carried after a move
 constexpr auto measureDelay = 1s; // by then there are no more echoes of the knocks that have opened the path
-
-/// The same at every start, so that what the relay still sends to one that was killed reaches the next one, which
-/// confirms it: otherwise everybody would wait until the relay gives it up.
-quint16 usualPort(const QString &uuid)
-{
-    constexpr uint first = 49152; // of the ports that nobody is assigned (RFC 6335)
-    constexpr uint count = 16384;
-    return static_cast<quint16>(first + QUuid(uuid).data1 % count);
-}
 
 bool isOver(const QElapsedTimer &timer, std::chrono::milliseconds time)
 {
@@ -50,13 +33,12 @@ BoxPath::BoxPath(const PeerFile &peer, const Options &options, QObject *parent)
       m_iv(QByteArray::fromHex(peer.iv.toLatin1())), m_options(options),
       m_plan(options.punch, options.datagramsPerMinute)
 {
-    const bool isBound =
-        options.udpPort == 0 ? addSocket(usualPort(m_uuid)) || addSocket(0) : addSocket(options.udpPort);
-    if (!isBound)
+    connect(&m_sockets, &SocketPool::received, this, &BoxPath::hear);
+    if (!m_sockets.open(m_uuid, options.udpPort))
         m_error = QStringLiteral("UDP port %1 cannot be used: another program may have it; choose another one")
                       .arg(options.udpPort);
     else if (!peer.server.isEmpty())
-        addWay(new ByIntroduction(peer, m_sockets.constFirst(), this));
+        addWay(new ByIntroduction(peer, m_sockets.first(), this));
     if (!peer.address.isEmpty())
         addWay(new ByAddress(peer.box(), this));
     else if (peer.server.isEmpty())
@@ -81,22 +63,6 @@ void BoxPath::addWay(Way *way)
         if (--m_waysLeft == 0 && m_isOpening)
             giveUp(reason);
     });
-}
-
-bool BoxPath::addSocket(quint16 port)
-{
-    auto *socket = new UdpChannel(this);
-    if (!socket->open(port)) {
-        delete socket;
-        return false;
-    }
-    connect(socket, &Channel::received, this,
-            [this, socket](const QByteArray &data, const QHostAddress &from, quint16 senderPort) {
-                if (m_sockets.contains(socket))
-                    hear(socket, data, from, senderPort);
-            });
-    m_sockets.append(socket);
-    return true;
 }
 
 void BoxPath::aim()
@@ -160,7 +126,7 @@ void BoxPath::probe(const TurnAccount &account)
 {
     if (m_probe != nullptr)
         return;
-    m_probe = std::make_unique<StunProbe>(m_sockets.constFirst(), account.host, account.port, nullptr);
+    m_probe = std::make_unique<StunProbe>(m_sockets.first(), account.host, account.port, nullptr);
     connect(m_probe.get(), &StunProbe::seen, this,
             [this](const introduction::Address &address) { m_record.setPeerSeen(address); });
 }
@@ -217,13 +183,7 @@ void BoxPath::tick()
 
 void BoxPath::nextStep()
 {
-    const int wanted = m_plan.nextStep();
-    rlimit descriptors = {};
-    getrlimit(RLIMIT_NOFILE, &descriptors);
-    const auto most = static_cast<qintptr>(descriptors.rlim_cur) - spareDescriptors;
-    while (m_sockets.size() < wanted && m_sockets.constLast()->descriptor() < most && addSocket(0)) {
-    }
-    m_plan.useSockets(m_sockets.size());
+    m_plan.useSockets(m_sockets.grow(m_plan.nextStep()));
     m_record.attempt(m_plan.text());
     for (Way *way : qAsConst(m_ways))
         way->help();
@@ -243,7 +203,7 @@ void BoxPath::knock(Channel *channel, const QHostAddress &address, quint16 port)
 
 void BoxPath::hear(Channel *channel, const QByteArray &data, const QHostAddress &from, quint16 port)
 {
-    if (channel == m_sockets.constFirst()) {
+    if (channel == m_sockets.first()) {
         if (m_probe != nullptr && m_probe->take(data))
             return;
         for (Way *way : qAsConst(m_ways)) {
@@ -330,7 +290,7 @@ void BoxPath::move(Channel *channel, const QHostAddress &address, quint16 port)
     emit moved();
 }
 
-/// Keeps the first socket, for its local port, and the one on which the box was heard.
+/// The first socket stays, for its local port, and the one on which the box was heard.
 void BoxPath::stopKnocking()
 {
     m_isOpening = m_isImproving = false;
@@ -338,10 +298,7 @@ void BoxPath::stopKnocking()
     m_record.end();
     for (Way *way : qAsConst(m_ways))
         way->end();
-    const auto isSpare = [this](UdpChannel *socket) { return socket != m_channel && socket != m_sockets.constFirst(); };
-    const auto firstSpare = std::stable_partition(m_sockets.begin() + 1, m_sockets.end(), std::not_fn(isSpare));
-    std::for_each(firstSpare, m_sockets.end(), [](UdpChannel *socket) { socket->deleteLater(); });
-    m_sockets.erase(firstSpare, m_sockets.end());
+    m_sockets.shrink(m_channel);
     if (m_carrier != nullptr && m_carrier != m_channel)
         QTimer::singleShot(carrierRest, m_carrier, [this] {
             if (m_carrier != m_channel && !m_isOpening)

@@ -2,6 +2,7 @@
 
 #include "client/path/knockplan.h"
 #include "client/path/pathrecord.h"
+#include "client/path/socketpool.h"
 #include "client/path/stunprobe.h"
 #include "client/path/turnchannel.h"
 #include "client/path/udpchannel.h"
@@ -68,7 +69,6 @@ signals:
 
 private:
     void addWay(Way *way);
-    bool addSocket(quint16 port);
     void aim();
     void useCarrier(const TurnAccount &account);
     void dropCarrier();
@@ -96,7 +96,7 @@ private:
     int m_waysLeft = 0;  // that have not failed
     QHash<Way *, QList<Target>> m_found;
     KnockPlan m_plan;
-    QList<UdpChannel *> m_sockets; // the first one has the local port that was asked for
+    SocketPool m_sockets; // the first one has the local port that was asked for
     TurnChannel *m_carrier = nullptr;
     std::unique_ptr<StunProbe> m_probe;
     Channel *m_channel = nullptr; // where the box was heard last, and from which address
