@@ -21,8 +21,8 @@ constexpr int fairTurn = 4;                        // one in so many goes to who
 constexpr std::chrono::milliseconds longTurn = 1s; // in which others should have had theirs
 } // namespace
 
-HttpProxy::HttpProxy(RelayClient *client, const Options &options, QObject *parent)
-    : QObject(parent), m_client(client), m_options(options)
+HttpProxy::HttpProxy(RelayClient *client, Options options, QObject *parent)
+    : QObject(parent), m_client(client), m_options(std::move(options))
 {
     connect(&m_server, &QTcpServer::newConnection, this, &HttpProxy::accept);
 }

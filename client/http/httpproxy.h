@@ -38,7 +38,7 @@ public:
 
     static constexpr char ownPath[] = "/.nat-peer/";
 
-    HttpProxy(RelayClient *client, const Options &options, QObject *parent = nullptr);
+    HttpProxy(RelayClient *client, Options options, QObject *parent = nullptr);
 
     /// False when the address cannot be used; errorString() says why.
     bool listen(const QHostAddress &address, quint16 port) { return m_server.listen(address, port); }
