@@ -49,7 +49,8 @@ std::optional<Doorkeeper::Decision> Doorkeeper::take(std::string_view bytes, Mom
 
     Guest guest;
     guest.uuid = row->uuid;
-    guest.seen = ring->ticket.peer;
+    if (!items->has(Item::NoDatagrams))
+        guest.seen = ring->ticket.peer;
     guest.own = items->addresses(Item::OwnAddress);
     guest.own.resize(std::min(guest.own.size(), mostAddresses));
     const auto relayed = items->addresses(Item::RelayedAddress);

@@ -18,7 +18,7 @@
 /// A peer that is let in, and where it may be.
 struct Guest {
     QString uuid;               // as its row has it
-    introduction::Address seen; // by the server
+    introduction::Address seen; // by the server; port 0: it takes no datagrams there
     std::vector<introduction::Address> own;
     std::optional<introduction::Address> relayed;
     bool wantsBurst = false;

@@ -141,6 +141,8 @@ enum class Item : std::uint8_t {
     TurnUser,       // text
     TurnPassword,   // text
     Verdict,        // 1 byte, a Verdict
+    TurnTlsPort,    // 8 bytes: of that server's TLS
+    NoDatagrams,    // 0 bytes: where the server sees the peer, it takes none
     CallerAddress,  // 18 bytes: where the server sees the peer
 };
 /// What a box makes of a call.

@@ -18,4 +18,12 @@ inline sockaddr_in6 socketAddress(const Address &address)
     std::copy(address.ip.cbegin(), address.ip.cend(), std::begin(native.sin6_addr.s6_addr));
     return native;
 }
+
+inline Address fromSocketAddress(const sockaddr_in6 &native)
+{
+    Address address;
+    std::copy(std::begin(native.sin6_addr.s6_addr), std::end(native.sin6_addr.s6_addr), address.ip.begin());
+    address.port = ntohs(native.sin6_port);
+    return address;
+}
 } // namespace introduction

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,7 @@ struct Configuration {
     std::vector<std::string> listen{"[::]:7000"};
     std::string metrics{"127.0.0.1:9700"}; // empty: none
     std::string turn;                      // host and port; empty: none
+    std::uint16_t turnTlsPort = 0;         // of its TLS; 0: none
     std::string turnSecret;
     bool trustsPlain = false;
 };

@@ -246,6 +246,8 @@ std::string Introducer::seal(const RegisteredBox &box, const Uuid &peer, std::ui
         items.add(Item::TurnServer, m_options.turn.server)
             .add(Item::TurnUser, user)
             .add(Item::TurnPassword, turnPassword(user, m_options.turn.secret));
+        if (m_options.turn.tlsPort != 0)
+            items.add(Item::TurnTlsPort, std::uint64_t(m_options.turn.tlsPort));
     }
     return introduction::seal(items.bytes(), context(SealedFor::PeerByServer, box.uuid, peer, id),
                               answerKey(peerToken(box.token, peer)));

@@ -34,8 +34,9 @@ struct Counts {
 /// The server that carries datagrams where no direct path opens (TURN, RFC 8656), and its secret for the time-limited
 /// credentials that its REST interface knows.
 struct TurnService {
-    std::string server; // host and port; empty: there is none
+    std::string server; // host and port, by UDP and TCP; empty: there is none
     std::string secret;
+    std::uint16_t tlsPort = 0; // 0: no TLS there
 };
 
 struct Datagram {

@@ -46,15 +46,17 @@ int run(int argc, char **argv)
         "nat-rendezvousd");
     app.require_subcommand(1);
     app.set_config("--config", std::string(defaultFolder) + "/nat-rendezvousd.conf", "What setup wrote");
+    app.allow_config_extras(CLI::config_extras_mode::error);
     Configuration configuration;
     app.add_option("--host", configuration.host, "Name by which boxes and peers find this server");
     app.add_option("--secret", configuration.secret)->group(""); // for the file: a command line can be seen by others
     app.add_option("--turn", configuration.turn, "HOST:PORT of the TURN server that carries what finds no other way");
+    app.add_option("--turn-tls-port", configuration.turnTlsPort, "Where it listens for TLS");
     app.add_option("--turn-secret", configuration.turnSecret)->group("");
 
     CLI::App *serving = app.add_subcommand("serve", "Serves until it is ended");
     serving->fallthrough();
-    app.add_option("--listen", configuration.listen, "ADDRESS:PORT, or several")->capture_default_str();
+    app.add_option("--listen", configuration.listen, "ADDRESS:PORT, or several, by UDP and TCP")->capture_default_str();
     app.add_option("--metrics", configuration.metrics, "ADDRESS:PORT of the counts, for Prometheus; '' for none")
         ->capture_default_str();
     app.add_flag("--trust-plain", configuration.trustsPlain,
@@ -62,10 +64,15 @@ int run(int argc, char **argv)
 
     CLI::App *settingUp = app.add_subcommand("setup", "Writes a configuration with a fresh secret, and one for coturn");
     settingUp->fallthrough();
-    Setup setup{std::string(), defaultFolder, std::string(), std::string()};
+    Setup setup;
+    setup.folder = defaultFolder;
     settingUp->add_option("--folder", setup.folder, "Where to")->capture_default_str();
-    settingUp->add_option("--certificate", setup.certificate, "For TURN over TLS: its certificate");
+    settingUp->add_option("--certificate", setup.certificate,
+                          "For TURN over TLS, where firewalls want a known one; else one is made");
     settingUp->add_option("--key", setup.key, "and that one's key");
+    settingUp->add_option("--tls-port", setup.tlsPort, "Some firewalls let out to 443 alone")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 65535));
 
     CLI::App *making =
         app.add_subcommand("token", "Prints the line that the owner of a box enters: nat-relay-admin join 'LINE'");

@@ -6,6 +6,7 @@
 #include "rendezvous/introducer.h"
 #include "rendezvous/metrics.h"
 #include "rendezvous/sockets.h"
+#include "rendezvous/streams.h"
 
 #include <poll.h>
 #include <sys/signalfd.h>
@@ -51,7 +52,7 @@ Introducer::Options optionsOf(const Configuration &configuration)
         throw std::invalid_argument("the secret must be 64 hexadecimal digits; nat-rendezvousd setup makes one");
     Introducer::Options options;
     options.secret = *secret;
-    options.turn = {configuration.turn, configuration.turnSecret};
+    options.turn = {configuration.turn, configuration.turnSecret, configuration.turnTlsPort};
     options.trustsPlain = configuration.trustsPlain;
     return options;
 }
@@ -62,11 +63,21 @@ void serve(const Configuration &configuration)
     Introducer introducer(optionsOf(configuration));
     const int end = openEnd();
     Sockets sockets(configuration.listen);
+    Streams streams(configuration.listen);
     std::shared_ptr<void> metrics;
     if (!configuration.metrics.empty())
         metrics = showMetrics(configuration.metrics, introducer.counts());
 
-    std::vector<pollfd> waiting{{end, POLLIN, 0}};
+    // What is said by TCP goes on by UDP, and the other way round.
+    const auto take = [&](const Place &from, std::string_view bytes) {
+        auto response = introducer.take(from, bytes, now(), wallClock());
+        if (!response || response->place.socket != Streams::socket)
+            return response;
+        streams.send(*response);
+        return std::optional<Datagram>();
+    };
+    std::vector<pollfd> waiting{{end, POLLIN, 0}, {streams.descriptor(), POLLIN, 0}};
+    const std::size_t first = waiting.size(); // of the sockets
     for (const int descriptor : sockets.descriptors())
         waiting.push_back({descriptor, POLLIN, 0});
     std::fprintf(stderr, "nat-rendezvousd: ready\n");
@@ -74,11 +85,15 @@ void serve(const Configuration &configuration)
         if (poll(waiting.data(), waiting.size(), longestWait) < 0 && errno != EINTR)
             throw std::system_error(errno, std::generic_category(), "cannot wait for datagrams");
         introducer.forgetSilent(now());
-        for (std::size_t index = 1; index < waiting.size(); index++) {
+        streams.closeSilent(now());
+        if (waiting.at(first - 1).revents != 0)
+            streams.serve(now(), [&](const Place &from, std::string_view bytes) {
+                if (const auto response = take(from, bytes))
+                    sockets.send({*response});
+            });
+        for (std::size_t index = first; index < waiting.size(); index++) {
             if (waiting.at(index).revents != 0)
-                sockets.serve(static_cast<std::uint8_t>(index - 1), [&](const Place &from, std::string_view bytes) {
-                    return introducer.take(from, bytes, now(), wallClock());
-                });
+                sockets.serve(static_cast<std::uint8_t>(index - first), take);
         }
     }
 }

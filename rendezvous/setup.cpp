@@ -1,6 +1,7 @@
 #include "rendezvous/setup.h"
 
 #include "introduction/secrets.h"
+#include "rendezvous/certificate.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -11,6 +12,8 @@
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
+#include <vector>
 
 namespace
 {
@@ -39,19 +42,20 @@ constexpr std::array<const char *, 21> denied{
     "fe80::-febf:ffff:ffff:ffff:ffff:ffff:ffff:ffff",
     "ff00::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"};
 
-std::string ofServer(const std::string &host, const std::string &secret, const std::string &turnSecret)
+std::string ofServer(const Setup &setup, const std::string &secret, const std::string &turnSecret)
 {
     return "# nat-rendezvousd. Whoever has the secret can make the token of any box; another one makes all boxes join "
            "anew.\n"
            "host=" +
-           host + "\nsecret=" + secret + "\nturn=" + host + ":3478\nturn-secret=" + turnSecret + '\n';
+           setup.host + "\nsecret=" + secret + "\nturn=" + setup.host + ":3478\nturn-tls-port=" + setup.tlsPort +
+           "\nturn-secret=" + turnSecret + '\n';
 }
 
 std::string ofCoturn(const Setup &setup, const std::string &turnSecret)
 {
     std::string text =
         "# coturn beside nat-rendezvousd: carries datagrams for peers with a credential of a call, and for\n"
-        "# nobody else; not over TCP, and to nothing but addresses of the internet.\n"
+        "# nobody else, by UDP and to nothing but addresses of the internet.\n"
         "listening-port=3478\n"
         "realm=" +
         setup.host + "\nuse-auth-secret\nstatic-auth-secret=" + turnSecret +
@@ -65,11 +69,8 @@ std::string ofCoturn(const Setup &setup, const std::string &turnSecret)
         "no-cli\n"
         "no-software-attribute\n"
         "simple-log\nlog-file=stdout\n";
-    if (setup.certificate.empty())
-        text += "no-tls\nno-dtls\n";
-    else
-        text += "tls-listening-port=5349\nno-tlsv1\nno-tlsv1_1\nno-dtls\ncert=" + setup.certificate +
-                "\npkey=" + setup.key + '\n';
+    text += "tls-listening-port=" + setup.tlsPort + "\nno-tlsv1\nno-tlsv1_1\nno-dtls\ncert=" + setup.certificate +
+            "\npkey=" + setup.key + '\n';
     for (const char *network : denied)
         text += std::string("denied-peer-ip=") + network + '\n';
     return text;
@@ -98,23 +99,38 @@ std::string Setup::run() const
 {
     if (certificate.empty() != key.empty())
         throw std::invalid_argument("--certificate and --key belong together");
-    std::filesystem::create_directories(folder);
+    Setup whole = *this;
+    const std::string own = folder + "/certificate.pem";
+    if (certificate.empty())
+        whole.certificate = whole.key = std::filesystem::absolute(own);
     const std::string server = folder + "/nat-rendezvousd.conf";
     const std::string coturn = folder + "/turnserver.conf";
     const std::string turnSecret = introduction::textOf(introduction::freshKey());
-    writeNew(server, ofServer(host, introduction::textOf(introduction::freshKey()), turnSecret));
+    std::filesystem::create_directories(folder);
+    std::vector<std::pair<std::string, std::string>> files{
+        {server, ofServer(whole, introduction::textOf(introduction::freshKey()), turnSecret)},
+        {coturn, ofCoturn(whole, turnSecret)}};
+    if (certificate.empty())
+        files.emplace_back(own, selfSignedCertificate(host));
+    std::size_t written = 0;
     try {
-        writeNew(coturn, ofCoturn(*this, turnSecret));
+        for (const auto &[path, text] : files) {
+            writeNew(path, text);
+            written++;
+        }
     } catch (...) {
-        unlink(server.c_str());
+        for (std::size_t file = 0; file < written; file++)
+            unlink(files.at(file).first.c_str());
         throw;
     }
     return "Wrote " + server + " and " + coturn +
            ". Keep a copy: without the secret all boxes must join anew.\n"
            "Open to the internet:\n"
-           "  UDP 7000             nat-rendezvousd\n"
-           "  UDP and TCP 3478     coturn\n" +
-           (certificate.empty() ? "" : "  TCP 5349             coturn, TLS\n") +
+           "  UDP and TCP 7000     nat-rendezvousd\n"
+           "  UDP and TCP 3478     coturn\n"
+           "  TCP " +
+           tlsPort + std::string(17 - tlsPort.size(), ' ') +
+           "coturn, TLS\n"
            "  UDP 49152 to 65535   coturn, what it carries\n"
            "Then run nat-rendezvousd serve and turnserver -c " +
            coturn + ",\nand for each box nat-rendezvousd token UUID.\n";

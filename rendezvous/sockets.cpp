@@ -5,6 +5,7 @@
 #include "rendezvous/sockets.h"
 
 #include "introduction/socketaddress.h"
+#include "rendezvous/streams.h"
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
@@ -20,6 +21,7 @@
 #include <system_error>
 
 using introduction::Address;
+using introduction::fromSocketAddress;
 using introduction::socketAddress;
 
 namespace
@@ -27,14 +29,6 @@ namespace
 constexpr std::size_t batchSize = 64;
 constexpr int bufferLength = 4 << 20; // bytes: some 5,000 registrations that come at once
 constexpr std::size_t receiveLength = introduction::longestMessage + 1; // what is longer is none, and shows it
-
-Address fromNative(const sockaddr_in6 &native)
-{
-    Address address;
-    std::copy(std::begin(native.sin6_addr.s6_addr), std::end(native.sin6_addr.s6_addr), address.ip.begin());
-    address.port = ntohs(native.sin6_port);
-    return address;
-}
 
 /// Datagrams as the kernel wants them described.
 struct Batch {
@@ -53,7 +47,7 @@ struct Batch {
     }
 };
 
-constexpr std::size_t mostSockets = 256; // as many as a Place can tell apart
+constexpr std::size_t mostSockets = Streams::socket; // as many as a Place can tell apart
 
 /// IPv6 sockets for IPv4 too, where the kernel maps its addresses.
 int openSocket(const Address &where, const std::string &name, bool isShared)
@@ -91,7 +85,7 @@ std::vector<Address> ownAddresses(std::uint16_t port)
             std::memcpy(address.ip.data() + 12, &ipv4->sin_addr, sizeof ipv4->sin_addr);
             addresses.push_back(address);
         } else if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET6) {
-            address = fromNative(*reinterpret_cast<const sockaddr_in6 *>(entry->ifa_addr));
+            address = fromSocketAddress(*reinterpret_cast<const sockaddr_in6 *>(entry->ifa_addr));
             address.port = port;
             if (address.ip.front() != linkLocal)
                 addresses.push_back(address);
@@ -132,7 +126,7 @@ void Sockets::serve(std::uint8_t socket,
     std::vector<Datagram> out;
     out.reserve(batchSize);
     for (std::size_t index = 0; static_cast<int>(index) < count; index++) {
-        const Place from{fromNative(batch.addresses.at(index)), socket};
+        const Place from{fromSocketAddress(batch.addresses.at(index)), socket};
         if (auto response = take(from, {m_buffer.data() + index * receiveLength, batch.messages.at(index).msg_len}))
             out.push_back(std::move(*response));
     }

@@ -16,12 +16,13 @@ using namespace std::chrono_literals;
 
 namespace
 {
-enum Item : char { BoxNonce = 1, OwnAddress, RelayedAddress, BurstWanted, Verdict = 9 };
+enum Item : char { BoxNonce = 1, OwnAddress, RelayedAddress, BurstWanted, Verdict = 9, NoDatagrams = 11 };
 const QByteArray welcome(1, '\1');
 const QByteArray staleNonce(1, '\2');
 const QByteArray unknownPeer(1, '\3');
 const QByteArray busy(1, '\4');
 const QByteArray burstWanted = item(BurstWanted, QByteArray());
+const QByteArray noDatagrams = item(NoDatagrams, QByteArray());
 const QByteArray noCookie(8, '\0');
 } // namespace
 
@@ -131,7 +132,9 @@ private slots:
                                 {0, "", address(QHostAddress("169.254.169.254"), 80), before + "0", false},
                                 {0, "", address(QHostAddress("224.0.0.1"), 80), before + "0", false},
                                 {0, "", address(lan, 0), before + "0", false},
-                                {3, relayed, "", "192.0.2.77 49999 -1 2", false},
+                                {0, noDatagrams, "", before + "0", false},
+                                {0, noDatagrams + burstWanted, "", before + "0", false},
+                                {3, relayed + noDatagrams, "", "192.0.2.77 49999 -1 2", false},
                                 {1, burstWanted, "", "", true},
                                 {0, relayed + burstWanted, "", "", true},
                                 {0, "", "", "", false}};

@@ -315,6 +315,25 @@ private slots:
             box.read(challenge.data(), challenge.size());
             QVERIFY(challenge.startsWith('\xa2'));
         }
+        // The same by TCP, in pieces; who sends what is none is cut off.
+        const auto framed = [](const QByteArray &bytes) { return bytesOf(quint32(bytes.size())).right(2) + bytes; };
+        QTcpSocket peer;
+        QByteArray heard;
+        peer.connectToHost("127.0.0.1", 7000);
+        const auto say = [&](const QByteArray &bytes, int answer) {
+            heard.clear();
+            for (const char byte : framed(bytes)) {
+                peer.write(&byte, 1);
+                peer.waitForBytesWritten(1000);
+            }
+            return QTest::qWaitFor([&] { return heard += peer.readAll(), heard.size() >= answer; }, 5000);
+        };
+        QVERIFY(say(call(noCookie), 2 + 25));
+        QCOMPARE(heard.left(11), framed("\xa3" + callId + QByteArray(16, 'x')).left(2) + "\xa3" + callId);
+        QVERIFY(say(call(heard.mid(11, 8)), 2 + 10));
+        QCOMPARE(heard, framed("\xa4" + callId + '\1')); // it has another secret
+        peer.write("GET / HTTP/1.1\r\n\r\n");
+        QTRY_COMPARE(peer.state(), QAbstractSocket::UnconnectedState);
         QTcpSocket metrics;
         metrics.connectToHost("127.0.0.1", 9700);
         metrics.write("GET /metrics HTTP/1.0\r\n\r\n");

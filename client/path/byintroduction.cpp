@@ -20,6 +20,7 @@ namespace
 constexpr std::chrono::milliseconds repeatSpacing = 500ms;
 constexpr std::chrono::milliseconds patientSpacing = 2s; // after a refusal that may pass
 constexpr int sendsPerServer = 2;                        // before the next of its addresses is tried
+constexpr int sendsUntilStream = 3;                      // 1 s without a sign of the server
 constexpr int mostSends = 100;                           // of one call, whatever the server answers
 constexpr int mostOwnAddresses = 8;
 
@@ -54,9 +55,11 @@ template <typename Value> Value good(const std::optional<Value> &value)
 ByIntroduction::ByIntroduction(const PeerFile &peer, UdpChannel *channel, QObject *parent)
     : Way(parent), m_server(peer.rendezvous()), m_box(good(uuidOf(peer.boxUuid.toStdString()))),
       m_peer(good(uuidOf(peer.uuid.toStdString()))), m_token(good(keyOf(peer.token.toStdString()))),
-      m_key(good(keyOf(peer.callKey.toStdString()))), m_channel(channel)
+      m_key(good(keyOf(peer.callKey.toStdString()))), m_channel(channel), m_stream(this)
 {
     connect(&m_repeat, &QTimer::timeout, this, &ByIntroduction::transmit);
+    connect(&m_stream, &CallStream::opened, this, [this] { send(m_byTcp); });
+    connect(&m_stream, &CallStream::received, this, [this](const QByteArray &data) { takeMessage(&m_byTcp, data); });
 }
 
 QString ByIntroduction::name() const
@@ -66,7 +69,9 @@ QString ByIntroduction::name() const
 
 void ByIntroduction::begin()
 {
-    m_isHeard = m_isAnswered = m_wantsBurst = false;
+    m_isAnswered = m_wantsBurst = false;
+    m_byUdp = m_byTcp = Line();
+    m_stream.close();
     m_relayed = {};
     m_reason.clear();
     m_addresses.clear();
@@ -91,6 +96,7 @@ void ByIntroduction::begin()
 void ByIntroduction::end()
 {
     m_repeat.stop();
+    m_stream.close();
     if (m_lookup >= 0)
         QHostInfo::abortHostLookup(m_lookup);
     m_lookup = -1;
@@ -114,6 +120,7 @@ void ByIntroduction::useRelayed(const QHostAddress &address, quint16 port)
 void ByIntroduction::loseCarrier()
 {
     m_relayed = {};
+    m_byUdp.isAnswered = m_byTcp.isAnswered = false;
     m_repeat.start(patientSpacing);
 }
 
@@ -123,16 +130,21 @@ QString ByIntroduction::silence() const
         return m_reason;
     if (m_isAnswered)
         return QStringLiteral("the box answers the rendezvous server, but nothing opens between it and here");
-    return m_isHeard
+    return m_byUdp.isHeard || m_byTcp.isHeard
                ? QStringLiteral("the rendezvous server knows the box, which does not answer it: is it still on, and "
                                 "is its configuration still the one that was handed over?")
-               : QStringLiteral("no answer from %1, the rendezvous server: is UDP blocked on this network?")
+               : QStringLiteral(
+                     "no answer from %1, the rendezvous server, by UDP or TCP: is this machine connected to the "
+                     "internet, and that server on?")
                      .arg(m_server.host);
 }
 
 void ByIntroduction::call()
 {
-    m_id = freshNumber();
+    for (Line *line : {&m_byUdp, &m_byTcp}) {
+        line->id = freshNumber();
+        line->isAnswered = false;
+    }
     m_sent = 0;
     m_repeat.start(repeatSpacing);
     transmit();
@@ -142,19 +154,34 @@ void ByIntroduction::transmit()
 {
     if (++m_sent > mostSends)
         return m_repeat.stop();
-    if (!m_isHeard && m_sent > 1 && m_sent % sendsPerServer == 1)
+    const bool isHeard = m_byUdp.isHeard || m_byTcp.isHeard;
+    if (!isHeard && m_sent > 1 && m_sent % sendsPerServer == 1)
         nextServer();
-    const std::string bytes = encode(Call{m_box, m_peer, m_id, m_cookie, sealed()}, m_token);
-    m_channel->send(QByteArray::fromStdString(bytes), m_addresses.constFirst(), static_cast<quint16>(m_server.port));
+    if (!m_byUdp.isHeard && (m_byTcp.isHeard || m_sent >= sendsUntilStream))
+        m_stream.open(m_addresses.constFirst(), static_cast<quint16>(m_server.port));
+    send(m_byUdp);
+    send(m_byTcp);
+}
+
+void ByIntroduction::send(const Line &line)
+{
+    if (line.isAnswered)
+        return;
+    const QByteArray bytes =
+        QByteArray::fromStdString(encode(Call{m_box, m_peer, line.id, line.cookie, sealed(line)}, m_token));
+    if (&line == &m_byTcp)
+        m_stream.send(bytes);
+    else
+        m_channel->send(bytes, m_addresses.constFirst(), static_cast<quint16>(m_server.port));
 }
 
 void ByIntroduction::nextServer()
 {
     m_addresses.append(m_addresses.takeFirst());
-    m_cookie = 0;
+    m_byUdp.cookie = m_byTcp.cookie = 0;
 }
 
-std::string ByIntroduction::sealed() const
+std::string ByIntroduction::sealed(const Line &line) const
 {
     Items items;
     items.add(Item::BoxNonce, m_boxNonce);
@@ -163,9 +190,11 @@ std::string ByIntroduction::sealed() const
         items.add(Item::OwnAddress, addressOf(address, m_channel->port()));
     if (m_relayed.port != 0)
         items.add(Item::RelayedAddress, m_relayed);
-    if (m_wantsBurst)
+    if (&line == &m_byTcp)
+        items.add(Item::NoDatagrams, std::string_view());
+    else if (m_wantsBurst)
         items.add(Item::BurstWanted, std::string_view());
-    return seal(items.bytes(), context(SealedFor::BoxByPeer, m_box, m_peer, m_id), m_key);
+    return seal(items.bytes(), context(SealedFor::BoxByPeer, m_box, m_peer, line.id), m_key);
 }
 
 bool ByIntroduction::take(const QByteArray &data, const QHostAddress &from, quint16 port)
@@ -174,32 +203,41 @@ bool ByIntroduction::take(const QByteArray &data, const QHostAddress &from, quin
                           m_addresses.constFirst().isEqual(from, QHostAddress::TolerantConversion);
     if (!isServer)
         return false;
-    const std::string_view bytes = viewOf(data);
-    if (const auto challenge = read<Challenge>(bytes); challenge && challenge->echo == m_id)
-        takeChallenge(*challenge);
-    else if (const auto refusal = read<Refusal>(bytes); refusal && refusal->echo == m_id)
-        takeRefusal(*refusal);
-    else if (const auto answer = read<Answer>(bytes); answer && answer->id == m_id)
-        takeAnswer(*answer);
+    takeMessage(&m_byUdp, data);
     return true;
 }
 
-void ByIntroduction::takeChallenge(const Challenge &challenge)
+void ByIntroduction::takeMessage(Line *line, const QByteArray &data)
 {
-    m_isHeard = true;
-    if (!m_repeat.isActive())
+    const std::string_view bytes = viewOf(data);
+    const auto challenge = read<Challenge>(bytes);
+    const auto refusal = read<Refusal>(bytes);
+    const auto answer = read<Answer>(bytes);
+    const bool isOurs = (challenge && challenge->echo == line->id) || (refusal && refusal->echo == line->id) ||
+                        (answer && answer->id == line->id);
+    if (!isOurs)
         return;
-    m_cookie = challenge.cookie;
+    line->isHeard = true;
+    if (!m_repeat.isActive() || line->isAnswered)
+        return; // nobody waits for it any more
+    if (challenge)
+        takeChallenge(line, *challenge);
+    else if (refusal)
+        takeRefusal(*refusal);
+    else
+        takeAnswer(line, *answer);
+}
+
+void ByIntroduction::takeChallenge(Line *line, const Challenge &challenge)
+{
+    line->cookie = challenge.cookie;
     if (challenge.boxNonce != 0)
         m_boxNonce = challenge.boxNonce;
-    transmit();
+    send(*line);
 }
 
 void ByIntroduction::takeRefusal(const Refusal &refusal)
 {
-    m_isHeard = true;
-    if (!m_repeat.isActive())
-        return; // answered, or nobody waits for it any more
     if (refusal.reason == Reason::UnknownBox)
         m_reason =
             QStringLiteral("the rendezvous server does not know the box: is it on, and connected to the internet?");
@@ -211,26 +249,29 @@ void ByIntroduction::takeRefusal(const Refusal &refusal)
     m_repeat.start(patientSpacing);
 }
 
-void ByIntroduction::takeAnswer(const Answer &answer)
+void ByIntroduction::takeAnswer(Line *line, const Answer &answer)
 {
     const auto byServer =
-        unseal(answer.byServer, context(SealedFor::PeerByServer, m_box, m_peer, m_id), answerKey(m_token));
+        unseal(answer.byServer, context(SealedFor::PeerByServer, m_box, m_peer, line->id), answerKey(m_token));
     const auto items = byServer ? Items::of(*byServer) : std::nullopt;
-    if (!items || !m_repeat.isActive())
+    if (!items)
         return;
-    m_isHeard = true;
-    m_repeat.stop();
+    line->isAnswered = true;
+    if (line == &m_byUdp)
+        m_repeat.stop();
+    else
+        m_repeat.start(patientSpacing); // by UDP alone: what is slow there may still come
     QList<Target> seen;
     const auto where = items->addresses(Item::SeenAddress);
     if (!where.empty() && !hostOf(where.front()).isLoopback()) // one, as a server that lies must not aim us at many
         seen.append({hostOf(where.front()), where.front().port, true});
     if (answer.byBox.empty()) { // a box with other software, of which the server only knows where it is
-        tellSides(*items, {});
+        tellSides(*line, *items, {});
         emit found(seen);
     } else {
-        const auto plain = unseal(answer.byBox, context(SealedFor::PeerByBox, m_box, m_peer, m_id), m_key);
+        const auto plain = unseal(answer.byBox, context(SealedFor::PeerByBox, m_box, m_peer, line->id), m_key);
         const auto byBox = plain ? Items::of(*plain) : std::nullopt;
-        tellSides(*items, byBox.value_or(Items()));
+        tellSides(*line, *items, byBox.value_or(Items()));
         if (byBox)
             takeVerdict(*byBox, seen);
         else
@@ -238,17 +279,19 @@ void ByIntroduction::takeAnswer(const Answer &answer)
     }
     const Endpoint turn = Endpoint::ofBox(QString::fromUtf8(toBytes(items->first(Item::TurnServer))));
     if (!turn.host.isEmpty() && turn.error.isEmpty() && m_relayed.port == 0 && m_reason.isEmpty())
-        emit carrierFound({turn.host, static_cast<quint16>(turn.port), toBytes(items->first(Item::TurnUser)),
-                           toBytes(items->first(Item::TurnPassword))});
+        emit carrierFound({turn.host, static_cast<quint16>(turn.port),
+                           static_cast<quint16>(items->number(Item::TurnTlsPort)), !m_byUdp.isHeard,
+                           toBytes(items->first(Item::TurnUser)), toBytes(items->first(Item::TurnPassword))});
 }
 
-void ByIntroduction::tellSides(const Items &byServer, const Items &byBox)
+void ByIntroduction::tellSides(const Line &line, const Items &byServer, const Items &byBox)
 {
     Sides sides;
     const auto own = ownAddresses();
     for (const QHostAddress &address : own)
         sides.peer.own.push_back(addressOf(address, m_channel->port()));
-    sides.peer.seen = byServer.addresses(Item::CallerAddress);
+    if (&line == &m_byUdp) // the ports of TCP are others
+        sides.peer.seen = byServer.addresses(Item::CallerAddress);
     sides.box.own = byBox.addresses(Item::OwnAddress);
     sides.box.seen = byServer.addresses(Item::SeenAddress);
     emit sighted(sides);
@@ -270,6 +313,7 @@ void ByIntroduction::takeVerdict(const Items &byBox, const QList<Target> &seen)
     }
     if (value == Verdict::Busy) {
         m_reason = QStringLiteral("the box has had too many calls of this peer; again in a minute");
+        m_byUdp.isAnswered = m_byTcp.isAnswered = false;
         return m_repeat.start(patientSpacing);
     }
     QList<Target> targets;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "client/path/callstream.h"
 #include "client/path/udpchannel.h"
 #include "client/path/way.h"
 #include "handover/peerfile.h"
@@ -29,12 +30,22 @@ public:
 private:
     void call();
     void transmit();
-    void takeChallenge(const introduction::Challenge &challenge);
+    /// The present call, as it goes one way: the server sees another address of this peer on each.
+    struct Line {
+        std::uint64_t id = 0;
+        std::uint64_t cookie = 0;
+        bool isHeard = false;    // the server, since the beginning
+        bool isAnswered = false; // the present call
+    };
+
+    void send(const Line &line);
+    void takeMessage(Line *line, const QByteArray &data);
+    void takeChallenge(Line *line, const introduction::Challenge &challenge);
     void takeRefusal(const introduction::Refusal &refusal);
-    void takeAnswer(const introduction::Answer &answer);
-    void tellSides(const introduction::Items &byServer, const introduction::Items &byBox);
+    void takeAnswer(Line *line, const introduction::Answer &answer);
+    void tellSides(const Line &line, const introduction::Items &byServer, const introduction::Items &byBox);
     void takeVerdict(const introduction::Items &byBox, const QList<Target> &seen);
-    std::string sealed() const;
+    std::string sealed(const Line &line) const;
     void nextServer();
 
     const Endpoint m_server;
@@ -46,13 +57,13 @@ private:
     QList<QHostAddress> m_addresses; // of the server, the present one first
     int m_lookup = -1;
     QTimer m_repeat;
-    std::uint64_t m_id = 0; // of the present call
-    std::uint64_t m_cookie = 0;
+    Line m_byUdp;
+    Line m_byTcp; // where the server has not been heard
+    CallStream m_stream;
     std::uint64_t m_boxNonce = 0;
     int m_sent = 0; // of the present call
     bool m_wantsBurst = false;
     introduction::Address m_relayed; // port 0: none
-    bool m_isHeard = false;          // the server, since the beginning
     bool m_isAnswered = false;       // by the box
     QString m_reason;                // why the server or the box said no, last
 };

@@ -40,7 +40,12 @@ PathRecord::Reach directReach(const QHostAddress &host, bool hasPunched)
 void PathRecord::watch(const Way *way)
 {
     m_ways.append(way);
-    connect(way, &Way::sighted, this, [this](const Sides &sides) { m_sides = sides; });
+    connect(way, &Way::sighted, this, [this](const Sides &sides) {
+        const std::vector<introduction::Address> before = m_sides.peer.seen;
+        m_sides = sides;
+        if (m_sides.peer.seen.empty()) // from a call over TCP
+            m_sides.peer.seen = before;
+    });
     connect(way, &Way::failed, this, [this, way](const QString &reason) { note(way->name(), reason); });
     connect(way, &Way::found, this, [this, way](const QList<Target> &targets) {
         QStringList places;
@@ -53,12 +58,12 @@ void PathRecord::watch(const Way *way)
 
 void PathRecord::watch(const TurnChannel *carrier)
 {
-    const QString name = QStringLiteral("%1, as carrier").arg(carrier->server());
-    attempt(name);
-    connect(carrier, &TurnChannel::failed, this, [this, name](const QString &reason) { note(name, reason); });
-    connect(carrier, &TurnChannel::opened, this, [this, name](const QHostAddress &relayed, quint16 port) {
+    const QString what = QStringLiteral("being carried");
+    attempt(what);
+    connect(carrier, &TurnChannel::failed, this, [this, what](const QString &reason) { note(what, reason); });
+    connect(carrier, &TurnChannel::opened, this, [this, what, carrier](const QHostAddress &relayed, quint16 port) {
         const QString place = introduction::textOf(introduction::addressOf(relayed, port));
-        note(name, QStringLiteral("carries what comes to ") + place);
+        note(what, QStringLiteral("%1 carries what comes to %2").arg(carrier->server(), place));
     });
 }
 

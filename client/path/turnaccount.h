@@ -7,6 +7,8 @@
 struct TurnAccount {
     QString host;
     quint16 port = 0;
+    quint16 tlsPort = 0;       // 0: no TLS there
+    bool isUdpBlocked = false; // the rendezvous server has answered over TCP alone
     QByteArray user;
     QByteArray password;
 };

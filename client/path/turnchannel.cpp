@@ -3,8 +3,6 @@
 
 #include "client/path/turnchannel.h"
 
-#include "protocol/datagramio.h"
-
 #include <QHostInfo>
 #include <QtEndian>
 
@@ -21,7 +19,7 @@ namespace
 {
 constexpr std::chrono::milliseconds repeatSpacing = 400ms;
 constexpr int mostSends = 12;
-constexpr int sendsPerAddress = 3;                         // before the next one of the server's is tried
+constexpr int sendsUntilNext = 5;                          // 2 s, before the server is tried in another way
 constexpr std::chrono::milliseconds refreshSpacing = 200s; // permissions end after 300 s, the address after lifetime
 constexpr std::uint32_t lifetime = 600;                    // seconds
 constexpr std::size_t room = 65536;                        // for a message, whose attributes have 16 bits of length
@@ -66,8 +64,6 @@ QByteArray idOf(const QByteArray &message)
 
 TurnChannel::TurnChannel(TurnAccount account, QObject *parent) : Channel(parent), m_account(std::move(account))
 {
-    m_socket.bind(QHostAddress(QHostAddress::Any), 0);
-    connect(&m_socket, &QUdpSocket::readyRead, this, &TurnChannel::readDatagrams);
     m_repeat.setInterval(repeatSpacing);
     connect(&m_repeat, &QTimer::timeout, this, &TurnChannel::transmit);
     m_refresh.setInterval(refreshSpacing);
@@ -97,13 +93,39 @@ TurnChannel::~TurnChannel()
                       sizeof none);
     stun_attr_add_integrity_by_user_str(bytesOf(&bytes), &length, bytesOf(m_account.user), bytesOf(m_realm),
                                         bytesOf(m_account.password), bytesOf(m_nonce), SHATYPE_SHA1);
-    m_socket.writeDatagram(bytes.constData(), static_cast<qint64>(length), m_server, m_account.port);
+    m_transport->send(bytes.left(static_cast<int>(length)));
 }
 
 void TurnChannel::begin(const QList<QHostAddress> &addresses)
 {
-    m_addresses = addresses;
-    m_server = m_addresses.takeFirst();
+    using Kind = TurnTransport::Kind;
+    for (const Kind kind : {Kind::Udp, Kind::Tcp, Kind::Tls}) {
+        const quint16 port = kind == Kind::Tls ? m_account.tlsPort : m_account.port;
+        const bool isOf = kind == Kind::Udp ? !m_account.isUdpBlocked : port != 0;
+        for (const QHostAddress &address : isOf ? addresses : QList<QHostAddress>())
+            m_untried.append({kind, address, port, m_account.host});
+    }
+    next(QString());
+}
+
+/// Tries the server in the next way there is; `reason` is why not in this one.
+void TurnChannel::next(const QString &reason)
+{
+    if (m_transport != nullptr) {
+        m_transport->disconnect(this);
+        m_transport->deleteLater(); // it may be what is telling us something
+    }
+    m_transport = nullptr;
+    if (m_untried.isEmpty())
+        return fail(reason);
+    m_transport = new TurnTransport(m_untried.takeFirst(), this);
+    connect(m_transport, &TurnTransport::received, this, &TurnChannel::take);
+    connect(m_transport, &TurnTransport::closed, this, [this] {
+        const QString lost = QStringLiteral("it cannot be reached");
+        return m_isOpen ? fail(lost) : next(lost);
+    });
+    m_requests.clear();
+    m_nonce.clear();
     ask(STUN_METHOD_ALLOCATE);
 }
 
@@ -126,7 +148,7 @@ void TurnChannel::send(const QByteArray &data, const QHostAddress &to, quint16 p
     const ioa_addr peer = native(to, port);
     stun_attr_add_addr_str(bytesOf(&bytes), &length, STUN_ATTRIBUTE_XOR_PEER_ADDRESS, &peer);
     stun_attr_add_str(bytesOf(&bytes), &length, STUN_ATTRIBUTE_DATA, bytesOf(data), data.size());
-    m_socket.writeDatagram(bytes.constData(), static_cast<qint64>(length), m_server, m_account.port);
+    m_transport->send(bytes.left(static_cast<int>(length)));
 }
 
 void TurnChannel::ask(quint16 method, const QHostAddress &peer)
@@ -136,7 +158,7 @@ void TurnChannel::ask(quint16 method, const QHostAddress &peer)
     request.peer = peer;
     compose(&request);
     m_requests.append(request);
-    m_socket.writeDatagram(request.bytes, m_server, m_account.port);
+    m_transport->send(request.bytes);
     m_repeat.start();
 }
 
@@ -171,14 +193,14 @@ void TurnChannel::transmit()
 {
     if (m_requests.isEmpty())
         return m_repeat.stop();
-    if (!m_isOpen && m_requests.constFirst().sent >= sendsPerAddress && !m_addresses.isEmpty()) {
-        m_server = m_addresses.takeFirst();
-        m_requests.first().sent = 0;
-    }
     for (Request &request : m_requests) {
-        if (++request.sent > mostSends)
+        request.sent++;
+        if (!m_isOpen && request.sent >= sendsUntilNext && !m_untried.isEmpty())
+            return next(QString());
+        if (request.sent > mostSends)
             return fail(QStringLiteral("it does not answer"));
-        m_socket.writeDatagram(request.bytes, m_server, m_account.port);
+        if (m_transport->isLossy())
+            m_transport->send(request.bytes);
     }
 }
 
@@ -189,27 +211,18 @@ void TurnChannel::refresh()
         ask(STUN_METHOD_CREATE_PERMISSION, address);
 }
 
-void TurnChannel::readDatagrams()
+void TurnChannel::take(const QByteArray &message)
 {
-    do {
-        QHostAddress from;
-        quint16 port = 0;
-        QByteArray message = datagram::take(&m_socket, &from, &port);
-        const bool isServer = port == m_account.port && from.isEqual(m_server, QHostAddress::TolerantConversion);
-        const auto length = static_cast<std::size_t>(message.size());
-        if (!isServer || !stun_is_command_message_str(bytesOf(message), length))
-            continue;
-        if (!stun_is_indication_str(bytesOf(message), length)) {
-            takeResponse(message);
-            continue;
-        }
-        const stun_attr_ref data = stun_attr_get_first_by_type_str(bytesOf(message), length, STUN_ATTRIBUTE_DATA);
-        const auto [peer, peerPort] = addressIn(message, STUN_ATTRIBUTE_XOR_PEER_ADDRESS);
-        if (data != nullptr && !peer.isNull() && m_isOpen)
-            emit received(
-                QByteArray(reinterpret_cast<const char *>(stun_attr_get_value(data)), stun_attr_get_len(data)), peer,
-                peerPort);
-    } while (m_socket.hasPendingDatagrams());
+    const auto length = static_cast<std::size_t>(message.size());
+    if (!stun_is_command_message_str(bytesOf(message), length))
+        return;
+    if (!stun_is_indication_str(bytesOf(message), length))
+        return takeResponse(message);
+    const stun_attr_ref data = stun_attr_get_first_by_type_str(bytesOf(message), length, STUN_ATTRIBUTE_DATA);
+    const auto [peer, port] = addressIn(message, STUN_ATTRIBUTE_XOR_PEER_ADDRESS);
+    if (data != nullptr && !peer.isNull() && m_isOpen)
+        emit received(QByteArray(reinterpret_cast<const char *>(stun_attr_get_value(data)), stun_attr_get_len(data)),
+                      peer, port);
 }
 
 void TurnChannel::takeResponse(const QByteArray &message)
@@ -237,7 +250,7 @@ void TurnChannel::takeResponse(const QByteArray &message)
         if (m_nonce != request.nonce) { // new to this request, if not to others
             compose(&request);
             m_requests.append(request);
-            m_socket.writeDatagram(request.bytes, m_server, m_account.port);
+            m_transport->send(request.bytes);
             return;
         }
     } else {

@@ -2,11 +2,11 @@
 
 #include "client/path/channel.h"
 #include "client/path/turnaccount.h"
+#include "client/path/turntransport.h"
 
 #include <QElapsedTimer>
 #include <QSet>
 #include <QTimer>
-#include <QUdpSocket>
 
 /// Has a server carry datagrams (TURN, RFC 8656): whoever sends to an address of the server's reaches this peer, and
 /// what this peer sends comes from there. The server lets in only whom it has been told.
@@ -23,7 +23,8 @@ public:
     /// Lets datagrams from this address in.
     void permit(const QHostAddress &address);
     bool isOpen() const { return m_isOpen; }
-    const QString &server() const { return m_account.host; }
+    /// For a person to read.
+    QString server() const { return m_account.host + (m_transport != nullptr ? m_transport->text() : QString()); }
 
     void send(const QByteArray &data, const QHostAddress &to, quint16 port) override;
     bool isDirect() const override { return false; }
@@ -46,19 +47,19 @@ private:
     };
 
     void begin(const QList<QHostAddress> &addresses);
+    void next(const QString &reason);
     void ask(quint16 method, const QHostAddress &peer = QHostAddress());
     void compose(Request *request) const;
     void transmit();
     void refresh();
-    void readDatagrams();
+    void take(const QByteArray &message);
     void takeResponse(const QByteArray &message);
     void takeSuccess(const Request &request, const QByteArray &message);
     void fail(const QString &reason);
 
     const TurnAccount m_account;
-    QHostAddress m_server;
-    QList<QHostAddress> m_addresses; // of the server, not yet tried
-    QUdpSocket m_socket;
+    QList<TurnTransport::Server> m_untried; // places and kinds of transport where it may be reached
+    TurnTransport *m_transport = nullptr;
     QByteArray m_realm;
     QByteArray m_nonce;
     QList<Request> m_requests;
