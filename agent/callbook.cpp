@@ -36,6 +36,8 @@ QString wordsFor(OpenWay way)
         return QStringLiteral("punched");
     case OpenWay::Carried:
         return QStringLiteral("carried");
+    case OpenWay::Nowhere:
+        break;
     }
     return QStringLiteral("other"); // of a later nat-peer
 }

@@ -9,7 +9,6 @@
 
 #include <QCoreApplication>
 
-#include <algorithm>
 #include <csignal>
 
 namespace
@@ -25,21 +24,10 @@ const QList<Command> &commands()
          QStringLiteral("lists the boxes on the local network"), Command::Needs::PeerFile, command::discover},
         {QStringLiteral("import"), QStringLiteral("link"),
          QStringLiteral("writes a new --config file of the box's link (-: on standard input)"), Command::Needs::Link,
-         command::import}};
+         command::import},
+        {QStringLiteral("status"), QString(), QStringLiteral("tells how the box is reached, and why not"),
+         Command::Needs::PeerFile, command::status}};
     return all;
-}
-
-BoxPath::Options pathOptions(const CommandLine &line, const PeerFile &peer)
-{
-    constexpr std::chrono::seconds punchLimit(60); // through all steps
-    BoxPath::Options how;
-    how.udpPort = static_cast<quint16>(line.number("udp-port"));
-    how.keepAlive = std::chrono::seconds(line.number("keep-alive"));
-    how.punch = line.isSet("punch") || !peer.server.isEmpty();
-    const std::chrono::seconds timeout(line.number("timeout"));
-    how.openLimit = how.punch ? std::max(punchLimit, timeout) : std::min(how.openLimit, timeout);
-    how.datagramsPerMinute = line.number("punch-rate");
-    return how;
 }
 } // namespace
 
@@ -60,7 +48,7 @@ int main(int argc, char **argv)
     if (command.needs != Command::Needs::Path)
         return command.run({line, peer, nullptr, nullptr});
 
-    BoxPath path(peer, pathOptions(line, peer));
+    BoxPath path(peer, line.pathOptions(peer));
     if (!path.error().isEmpty())
         return complain(path.error());
     QObject::connect(&path, &BoxPath::progress, tell);

@@ -143,10 +143,12 @@ enum class Item : std::uint8_t {
     Verdict,        // 1 byte, a Verdict
     TurnTlsPort,    // 8 bytes: of that server's TLS
     NoDatagrams,    // 0 bytes: where the server sees the peer, it takes none
-    OpenWay = 16,   // 1 byte, an OpenWay: the peer calls for nothing else than to tell it
+    CallerAddress,  // 18 bytes: where the server sees the peer
+    OpenWay,        // 1 byte, an OpenWay: the peer calls for nothing else than to tell it
 };
 /// How a peer reaches its box, which only the peer can know.
 enum class OpenWay : std::uint8_t {
+    Nowhere = 0,     // is not told
     SameNetwork = 1, // at an address of the box's own network
     Ipv6,
     Direct,  // by single knocks

@@ -231,15 +231,16 @@ Introducer::Response Introducer::takeReply(const Incoming &incoming)
 Datagram Introducer::answer(const RegisteredBox &box, const Uuid &peer, std::uint64_t id, const Place &to,
                             std::string byBox, std::chrono::seconds wallClock) const
 {
-    return {to, encode(Answer{id, seal(box, peer, id, wallClock), std::move(byBox)})};
+    return {to, encode(Answer{id, seal(box, peer, id, to.address, wallClock), std::move(byBox)})};
 }
 
-/// What the server itself tells a peer: where it sees the box, and how the peer may have its datagrams carried.
-std::string Introducer::seal(const RegisteredBox &box, const Uuid &peer, std::uint64_t id,
+/// What the server itself tells a peer: where it sees the box and the peer, and how that may have its datagrams
+/// carried.
+std::string Introducer::seal(const RegisteredBox &box, const Uuid &peer, std::uint64_t id, const Address &caller,
                              std::chrono::seconds wallClock) const
 {
     Items items;
-    items.add(Item::SeenAddress, box.place.address);
+    items.add(Item::SeenAddress, box.place.address).add(Item::CallerAddress, caller);
     if (!m_options.turn.server.empty()) {
         const std::string user = std::to_string((wallClock + credentialTime).count()) + ':' + textOf(peer);
         items.add(Item::TurnServer, m_options.turn.server)

@@ -84,7 +84,7 @@ private:
     Datagram answer(const RegisteredBox &box, const introduction::Uuid &peer, std::uint64_t id, const Place &to,
                     std::string byBox, std::chrono::seconds wallClock) const;
     std::string seal(const RegisteredBox &box, const introduction::Uuid &peer, std::uint64_t id,
-                     std::chrono::seconds wallClock) const;
+                     const introduction::Address &caller, std::chrono::seconds wallClock) const;
     bool isWithinLimit(const Incoming &incoming);
     bool isProven(const Incoming &incoming, std::uint64_t proof) const;
     std::uint64_t cookie(const Place &of, std::int64_t period) const;

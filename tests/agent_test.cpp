@@ -16,7 +16,7 @@ using namespace std::chrono_literals;
 
 namespace
 {
-enum Item : char { BoxNonce = 1, OwnAddress, RelayedAddress, BurstWanted, SeenAddress, Verdict = 9, NoDatagrams = 11, OpenWay = 16 };
+enum Item : char { BoxNonce = 1, OwnAddress, RelayedAddress, BurstWanted, SeenAddress, Verdict = 9, NoDatagrams = 11, OpenWay = 13 };
 const QByteArray welcome(1, '\1');
 const QByteArray staleNonce(1, '\2');
 const QByteArray unknownPeer(1, '\3');

@@ -180,6 +180,7 @@ private slots:
         std::copy(computed.cbegin(), computed.cend(), key.begin());
         const auto items = Items::of(unseal(sealed.toStdString(), ("\3" + boxUuid + peerUuid + callId).toStdString(), key).value());
         QVERIFY(items->addresses(Item::SeenAddress).at(0) == home.address);
+        QVERIFY(items->addresses(Item::CallerAddress).at(0) == away.address);
         QCOMPARE(QByteArray::fromStdString(std::string(items->first(Item::TurnServer))), QByteArray("turn.example:3478"));
         const auto user = QByteArray::fromStdString(std::string(items->first(Item::TurnUser)));
         QCOMPARE(user, QByteArray("1800003600:{0f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0}"));

@@ -31,4 +31,5 @@ int get(const Job &job);
 int serve(const Job &job);
 int discover(const Job &job);
 int import(const Job &job);
+int status(const Job &job);
 } // namespace command

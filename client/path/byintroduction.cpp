@@ -63,6 +63,11 @@ ByIntroduction::ByIntroduction(const PeerFile &peer, UdpChannel *channel, QObjec
     connect(&m_stream, &CallStream::received, this, [this](const QByteArray &data) { takeMessage(&m_byTcp, data); });
 }
 
+QString ByIntroduction::name() const
+{
+    return QStringLiteral("the rendezvous server, %1").arg(m_server.host);
+}
+
 void ByIntroduction::begin()
 {
     m_isAnswered = m_wantsBurst = false;
@@ -283,10 +288,12 @@ void ByIntroduction::takeAnswer(Line *line, const Answer &answer)
     if (!where.empty() && !hostOf(where.front()).isLoopback()) // one, as a server that lies must not aim us at many
         seen.append({hostOf(where.front()), where.front().port, true});
     if (answer.byBox.empty()) { // a box with other software, of which the server only knows where it is
+        tellSides(*line, *items, {});
         emit found(seen);
     } else {
         const auto plain = unseal(answer.byBox, context(SealedFor::PeerByBox, m_box, m_peer, line->id), m_key);
         const auto byBox = plain ? Items::of(*plain) : std::nullopt;
+        tellSides(*line, *items, byBox.value_or(Items()));
         if (byBox)
             takeVerdict(*byBox, seen);
         else
@@ -297,6 +304,19 @@ void ByIntroduction::takeAnswer(Line *line, const Answer &answer)
         emit carrierFound({turn.host, static_cast<quint16>(turn.port),
                            static_cast<quint16>(items->number(Item::TurnTlsPort)), !m_byUdp.isHeard,
                            toBytes(items->first(Item::TurnUser)), toBytes(items->first(Item::TurnPassword))});
+}
+
+void ByIntroduction::tellSides(const Line &line, const Items &byServer, const Items &byBox)
+{
+    Sides sides;
+    const auto own = ownAddresses();
+    for (const QHostAddress &address : own)
+        sides.peer.own.push_back(addressOf(address, m_channel->port()));
+    if (&line == &m_byUdp) // the ports of TCP are others
+        sides.peer.seen = byServer.addresses(Item::CallerAddress);
+    sides.box.own = byBox.addresses(Item::OwnAddress);
+    sides.box.seen = byServer.addresses(Item::SeenAddress);
+    emit sighted(sides);
 }
 
 void ByIntroduction::takeVerdict(const Items &byBox, const QList<Target> &seen)

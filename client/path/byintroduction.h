@@ -18,6 +18,7 @@ public:
     /// Calls leave from `channel`, at whose outside port the box knocks.
     ByIntroduction(const PeerFile &peer, UdpChannel *channel, QObject *parent);
 
+    QString name() const override;
     void begin() override;
     void end() override;
     bool take(const QByteArray &data, const QHostAddress &from, quint16 port) override;
@@ -44,6 +45,7 @@ private:
     void takeChallenge(Line *line, const introduction::Challenge &challenge);
     void takeRefusal(const introduction::Refusal &refusal);
     void takeAnswer(Line *line, const introduction::Answer &answer);
+    void tellSides(const Line &line, const introduction::Items &byServer, const introduction::Items &byBox);
     void takeVerdict(const introduction::Items &byBox, const QList<Target> &seen);
     std::string sealed(const Line &line) const;
     void nextServer();
