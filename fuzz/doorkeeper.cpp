@@ -1,8 +1,8 @@
 // The box's door, where the server and peers say anything. Each call of the input is 0 what is right about it | 1 which
 // peer's and which call | 2 length | 3 bytes: the whole datagram, or the items that the peer has sealed.
 
-#include "agent/addresses.h"
 #include "agent/doorkeeper.h"
+#include "agent/addresses.h"
 #include "agent/peerrow.h"
 
 #include <cstddef>
