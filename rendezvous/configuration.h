@@ -12,4 +12,5 @@ struct Configuration {
     std::string turn;                      // host and port; empty: none
     std::string turnSecret;
     bool trustsPlain = false;
+    std::vector<std::string> cluster; // URLs of NATS servers; empty: this is the only node
 };

@@ -5,6 +5,7 @@
 
 #include "rendezvous/introducer.h"
 #include "rendezvous/metrics.h"
+#include "rendezvous/natsnodes.h"
 #include "rendezvous/sockets.h"
 
 #include <poll.h>
@@ -14,14 +15,18 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <memory>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
+#include <vector>
 
 using namespace std::chrono_literals;
 
 namespace
 {
-constexpr int longestWait = 5000; // milliseconds
+constexpr int longestWait = 5000;      // milliseconds
+constexpr std::size_t firstSocket = 2; // of what is waited for
 
 Moment now()
 {
@@ -53,20 +58,40 @@ Introducer::Options optionsOf(const Configuration &configuration)
     options.secret = *secret;
     options.turn = {configuration.turn, configuration.turnSecret};
     options.trustsPlain = configuration.trustsPlain;
+    if (options.trustsPlain &&
+        !configuration.cluster.empty()) // what a relay says here must not go before an agent elsewhere
+        throw std::invalid_argument("trust-plain and cluster do not go together: a server of several nodes must know "
+                                    "where a box's agent has registered it");
     return options;
+}
+
+/// What is to be sent for all that came from other nodes.
+std::vector<Datagram> handed(NatsNodes *others, Introducer *introducer)
+{
+    std::vector<Datagram> out;
+    others->serve([&](std::string_view bytes) {
+        if (auto response = introducer->takeHanded(bytes, now(), wallClock()))
+            out.push_back(std::move(*response));
+    });
+    return out;
 }
 } // namespace
 
 void serve(const Configuration &configuration)
 {
-    Introducer introducer(optionsOf(configuration));
+    Introducer::Options options = optionsOf(configuration);
     const int end = openEnd();
+    std::unique_ptr<NatsNodes> others;
+    if (!configuration.cluster.empty())
+        others = std::make_unique<NatsNodes>(configuration.cluster);
+    options.others = others.get();
+    Introducer introducer(options);
     Sockets sockets(configuration.listen);
     std::shared_ptr<void> metrics;
     if (!configuration.metrics.empty())
         metrics = showMetrics(configuration.metrics, introducer.counts());
 
-    std::vector<pollfd> waiting{{end, POLLIN, 0}};
+    std::vector<pollfd> waiting{{end, POLLIN, 0}, {others ? others->descriptor() : -1, POLLIN, 0}};
     for (const int descriptor : sockets.descriptors())
         waiting.push_back({descriptor, POLLIN, 0});
     std::fprintf(stderr, "nat-rendezvousd: ready\n");
@@ -74,11 +99,14 @@ void serve(const Configuration &configuration)
         if (poll(waiting.data(), waiting.size(), longestWait) < 0 && errno != EINTR)
             throw std::system_error(errno, std::generic_category(), "cannot wait for datagrams");
         introducer.forgetSilent(now());
-        for (std::size_t index = 1; index < waiting.size(); index++) {
+        if (waiting.at(1).revents != 0)
+            sockets.send(handed(others.get(), &introducer));
+        for (std::size_t index = firstSocket; index < waiting.size(); index++) {
             if (waiting.at(index).revents != 0)
-                sockets.serve(static_cast<std::uint8_t>(index - 1), [&](const Place &from, std::string_view bytes) {
-                    return introducer.take(from, bytes, now(), wallClock());
-                });
+                sockets.serve(static_cast<std::uint8_t>(index - firstSocket),
+                              [&](const Place &from, std::string_view bytes) {
+                                  return introducer.take(from, bytes, now(), wallClock());
+                              });
         }
     }
 }
