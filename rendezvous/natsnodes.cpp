@@ -126,6 +126,10 @@ void NatsNodes::serve(const std::function<void(std::string_view)> &take)
 void NatsNodes::run()
 {
     while (!m_isEnding) {
+        if (!m_isConnected || natsConnection_IsClosed(m_connection)) {
+            disconnect();
+            m_isConnected = connect();
+        }
         std::map<Uuid, bool> wishes;
         std::vector<Letter> out;
         {
@@ -136,27 +140,36 @@ void NatsNodes::run()
             wishes.swap(m_wishes);
             out.swap(m_out);
         }
-        for (const auto &[box, isWanted] : wishes) {
-            if (isWanted) {
-                if (const auto [entry, isNew] = m_boxes.emplace(box, nullptr); isNew)
-                    subscribe(box, &entry->second);
-            } else if (const auto known = m_boxes.find(box); known != m_boxes.end()) {
-                natsSubscription_Destroy(known->second);
-                m_boxes.erase(known);
-            }
-        }
-        if ((!m_isConnected || natsConnection_IsClosed(m_connection)) && !m_isEnding) {
-            disconnect();
-            m_isConnected = connect();
-        }
-        for (const Letter &letter : out) {
-            if (m_isConnected)
-                natsConnection_PublishRequest(m_connection, letter.subject.c_str(),
-                                              letter.reply.empty() ? nullptr : letter.reply.c_str(),
-                                              letter.bytes.data(), static_cast<int>(letter.bytes.size()));
-        }
+        grant(wishes);
+        for (const Letter &letter : out)
+            publish(letter);
     }
     disconnect();
+}
+
+void NatsNodes::publish(const Letter &letter)
+{
+    const auto length = static_cast<int>(letter.bytes.size());
+    if (m_connection == nullptr)
+        return;
+    if (letter.reply.empty())
+        natsConnection_Publish(m_connection, letter.subject.c_str(), letter.bytes.data(), length);
+    else
+        natsConnection_PublishRequest(m_connection, letter.subject.c_str(), letter.reply.c_str(), letter.bytes.data(),
+                                      length);
+}
+
+void NatsNodes::grant(const std::map<Uuid, bool> &wishes)
+{
+    for (const auto &[box, isWanted] : wishes) {
+        const auto [entry, isNew] = m_boxes.emplace(box, nullptr);
+        if (isWanted && isNew)
+            subscribe(box, &entry->second);
+        if (!isWanted) {
+            natsSubscription_Destroy(entry->second);
+            m_boxes.erase(entry);
+        }
+    }
 }
 
 bool NatsNodes::connect()

@@ -47,6 +47,8 @@ private:
     void post(Letter letter);
     void keep(std::string bytes);
     void run();
+    void grant(const std::map<introduction::Uuid, bool> &wishes);
+    void publish(const Letter &letter);
     bool connect();
     void disconnect();
     void subscribe(const introduction::Uuid &box, __natsSubscription **subscription);

@@ -4,7 +4,7 @@
 
 #include "introduction/messages.h"
 #include "rendezvous/introducer.h"
-#include "tests/support/secrets.h"
+#include "tests/support/introduced.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -19,25 +19,6 @@ using namespace std::chrono_literals;
 
 namespace
 {
-const QByteArray secret(32, 's');
-const QByteArray boxUuid = QByteArray::fromHex("00112233445566778899aabbccddeeff");
-const QByteArray peerUuid = QByteArray::fromHex("0f1e2d3c4b5a69788796a5b4c3d2e1f0");
-const QByteArray boxText = "{00112233-4455-6677-8899-aabbccddeeff}";
-
-const QByteArray tokenOfBox = hkdf(secret, "box" + boxUuid);
-const QByteArray tokenOfPeer = hkdf(tokenOfBox, "peer" + peerUuid);
-
-QByteArray registration(quint64 nonce, quint32 count, const QByteArray &cookie, const QByteArray &token = tokenOfBox)
-{
-    return sign("\xa1" + boxUuid + bytesOf(nonce) + bytesOf(count) + cookie, token);
-}
-const QByteArray noCookie(8, '\0');
-const QByteArray callId = "call id.";
-QByteArray call(const QByteArray &cookie, const QByteArray &sealed = "for the box", const QByteArray &token = tokenOfPeer,
-                const QByteArray &peer = peerUuid)
-{
-    return sign("\xa5" + boxUuid + peer + callId + cookie + sealed, token);
-}
 QByteArray ipv4(const QByteArray &lastBytes) { return QByteArray(10, '\0') + "\xff\xff" + lastBytes; }
 
 Place place(const QByteArray &ip, quint16 port)
@@ -227,8 +208,7 @@ private slots:
         QVERIFY(server.registerBox(home));
         const QByteArray cookie = server.cookie(away);
         const QByteArray ring = server.take(away, call(cookie));
-        const QByteArray reply = sign("\xa7" + boxUuid + peerUuid + callId + ring.mid(25, 34) + "for the peer", tokenOfBox);
-        const QList<QPair<Place, QByteArray>> good{{home, registration(7, 2, noCookie)}, {away, call(cookie)}, {home, reply}};
+        const QList<QPair<Place, QByteArray>> good{{home, registration(7, 2, noCookie)}, {away, call(cookie)}, {home, reply(ring)}};
         for (const auto &[from, bytes] : good) {
             for (int length = 0; length < bytes.size(); length++)
                 QVERIFY(!server.take(from, bytes.left(length)).startsWith('\xa2'));
@@ -262,8 +242,7 @@ private slots:
         const QByteArray handedCall = nearPeer.handed;
         const QByteArray ring = atBox.takeHanded(handedCall);
         QVERIFY(ring.startsWith("\xa6" + peerUuid) && atBox.to == home);
-        const QByteArray reply = sign("\xa7" + boxUuid + peerUuid + callId + ring.mid(25, 34) + "for the peer", tokenOfBox);
-        QVERIFY(atBox.take(home, reply).isEmpty());
+        QVERIFY(atBox.take(home, reply(ring)).isEmpty());
         QCOMPARE(nearBox.node, 0x200U);
         const QByteArray answer = atPeer.takeHanded(nearBox.handed);
         QVERIFY(answer.startsWith("\xa8" + callId) && answer.endsWith("for the peer") && atPeer.to == away);
