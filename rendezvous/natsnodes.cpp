@@ -189,7 +189,6 @@ bool NatsNodes::connect()
     natsOptions_SetPingInterval(options, pingInterval);
     natsOptions_SetMaxPingsOut(options, mostPings);
     natsOptions_UseGlobalMessageDelivery(options, true); // or each box would have a thread
-    natsOptions_SetSendAsap(options, true);
     natsOptions_SetNoEcho(options, true);
     natsOptions_SetClosedCB(options, onClosed, this);
     if (natsConnection_Connect(&m_connection, options) != NATS_OK)
