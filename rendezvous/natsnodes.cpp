@@ -7,7 +7,6 @@
 #include "introduction/messages.h"
 
 #include <boost/algorithm/hex.hpp>
-#include <nats/nats.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -208,7 +207,7 @@ void NatsNodes::disconnect()
     natsConnection_Destroy(std::exchange(m_connection, nullptr));
 }
 
-void NatsNodes::subscribe(const Uuid &box, __natsSubscription **subscription)
+void NatsNodes::subscribe(const Uuid &box, natsSubscription **subscription)
 {
     if (m_connection != nullptr)
         natsConnection_Subscribe(subscription, m_connection, subjectOf(box).c_str(), onMessage, this);

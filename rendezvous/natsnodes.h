@@ -2,7 +2,8 @@
 
 #include "rendezvous/othernodes.h"
 
-#include <array>
+#include <nats/nats.h>
+
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -13,10 +14,6 @@
 #include <string_view>
 #include <thread>
 #include <vector>
-
-struct __natsConnection;
-struct __natsMsg;
-struct __natsSubscription;
 
 /// The other nodes, through NATS. The library has threads of its own, and a call of it may wait for the network: so one
 /// more thread speaks to it, and what comes waits in a queue. There is one of these in a process.
@@ -51,10 +48,9 @@ private:
     void publish(const Letter &letter);
     bool connect();
     void disconnect();
-    void subscribe(const introduction::Uuid &box, __natsSubscription **subscription);
-    static void onMessage(__natsConnection *connection, __natsSubscription *subscription, __natsMsg *message,
-                          void *self);
-    static void onClosed(__natsConnection *connection, void *self);
+    void subscribe(const introduction::Uuid &box, natsSubscription **subscription);
+    static void onMessage(natsConnection *connection, natsSubscription *subscription, natsMsg *message, void *self);
+    static void onClosed(natsConnection *connection, void *self);
 
     const std::vector<std::string> m_servers;
     const std::uint64_t m_number;
@@ -69,8 +65,8 @@ private:
     std::condition_variable m_isWanted;
 
     // Of the thread alone.
-    __natsConnection *m_connection = nullptr;
-    __natsSubscription *m_own = nullptr;
-    std::map<introduction::Uuid, __natsSubscription *> m_boxes;
+    natsConnection *m_connection = nullptr;
+    natsSubscription *m_own = nullptr;
+    std::map<introduction::Uuid, natsSubscription *> m_boxes;
     std::thread m_thread;
 };
