@@ -31,16 +31,17 @@ constexpr int mostPings = 2;
 constexpr unsigned socketBits = 8; // of a node's number, which are 0
 constexpr int64_t endTime = 5000;  // milliseconds
 
-const std::string prefix = "nat-rendezvousd.";
+constexpr const char *ofBoxes = "nat-rendezvousd.box.";
+constexpr const char *ofNodes = "nat-rendezvousd.node.";
 
 std::string subjectOf(const Uuid &box)
 {
-    return prefix + "box." + introduction::textOf(box);
+    return ofBoxes + introduction::textOf(box);
 }
 
 std::string subjectOf(std::uint64_t node, const std::string &what)
 {
-    return prefix + "node." + std::to_string(node) + '.' + what;
+    return ofNodes + std::to_string(node) + '.' + what;
 }
 
 std::vector<std::string> checked(const std::vector<std::string> &servers)
