@@ -58,9 +58,10 @@ QJsonObject openAndLook(BoxPath *path, const PeerFile &peer)
     QEventLoop loop;
     QTimer look;
     QObject::connect(path, &BoxPath::progress, &loop, tell);
-    QObject::connect(path, &BoxPath::opened, &loop, [&sinceOpen] { sinceOpen.start(); });
     QObject::connect(path, &BoxPath::failed, &loop, &QEventLoop::quit, Qt::QueuedConnection);
     QObject::connect(&look, &QTimer::timeout, &loop, [&] {
+        if (!sinceOpen.isValid() && path->record().phase() == PathRecord::Phase::Open)
+            sinceOpen.start();
         const auto limit = path->isImproving() ? improveLimit : measureLimit;
         const bool isDone = path->record().roundTrip() && !path->isImproving();
         if (sinceOpen.isValid() && (isDone || sinceOpen.hasExpired(limit.count())))
