@@ -11,7 +11,9 @@ namespace admin
 struct Request {
     QStringList words;              // behind the command's name
     QHash<QString, QString> values; // of the options that are given
-    bool asJson = false;
+    QStringList flags;              // those that are set
+
+    bool isSet(const char *flag) const { return flags.contains(QLatin1String(flag)); }
 };
 
 QString init(const Request &request);

@@ -1,7 +1,7 @@
 // The commands that bind the box to a rendezvous server, where its peers call it.
 
 #include "admin/commands.h"
-#include "admin/output.h"
+#include "admin/print.h"
 #include "handover/endpoint.h"
 #include "handover/valuecheck.h"
 #include "introduction/secrets.h"

@@ -1,7 +1,7 @@
 // nat-relay-admin: makes the box's store and keeps its settings and peers.
 
 #include "admin/commands.h"
-#include "admin/output.h"
+#include "admin/print.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -34,11 +34,21 @@ leave
     Undoes join.
       nat-relay-admin leave
 peers [--json]
-    Lists the peers: UUID, address, ports and status.
+    Lists the peers: UUID; address and ports that the relay calls; status; and, where
+    nat-relay-agent runs and they have called since its start, the way that they come
+    and their last call. A way is what the peer itself has found:
+    same network   at the box's address there
+    IPv6           directly, over IPv6
+    direct         at the box's router, by single datagrams
+    punched        the same, by many: a burst of the relay, or many ports of the peer
+    carried        by the TURN server, as nothing else opens
+    -              not known, or there is none
       nat-relay-admin peers
-add-peer [--address IP[:PORT]] [--port PORT] [--box-address HOST:PORT] [--out FILE] [--json]
+add-peer [--address IP[:PORT]] [--port PORT] [--box-address HOST:PORT] [--out FILE | --link | --qr] [--json]
     Adds a peer and writes the file that it needs, for nat-peer --config: to standard
     output, or to a new FILE that only its owner may read.
+    --link         writes the same as one link instead, for nat-peer import
+    --qr           shows the link as a QR code; whoever can photograph it has the key
     --address      where the relay may call the peer; without it, or without a port,
                    the relay waits until the peer calls
     --port         the port of an --address that has none
@@ -46,6 +56,7 @@ add-peer [--address IP[:PORT]] [--port PORT] [--box-address HOST:PORT] [--out FI
                    on its own network, and through the rendezvous server that the box
                    has joined
       nat-relay-admin add-peer --box-address box.example.net:5000 --out peer.ini
+      nat-relay-admin add-peer --qr
 connect UUID [--address IP:PORT]
     Has the relay call a peer, through the routers of both sides.
       nat-relay-admin connect '{01234567-89ab-cdef-0123-456789abcdef}'
@@ -65,7 +76,7 @@ struct Command {
     int leastWords; // behind the name
     int mostWords;
     QStringList options; // that take a value
-    bool hasJson;
+    QStringList flags;   // options that take none
     QString (*run)(const admin::Request &request);
 };
 
@@ -74,15 +85,21 @@ const QList<Command> &commands()
     static const QString address = QStringLiteral("address");
     static const QStringList ofNewPeer{address, QStringLiteral("port"), QStringLiteral("box-address"),
                                        QStringLiteral("out")};
-    static const QList<Command> all{{QStringLiteral("init"), 0, 0, {}, false, admin::init},
-                                    {QStringLiteral("get"), 0, 1, {}, true, admin::get},
-                                    {QStringLiteral("set"), 2, 2, {}, false, admin::set},
-                                    {QStringLiteral("join"), 1, 2, {}, false, admin::join},
-                                    {QStringLiteral("leave"), 0, 0, {}, false, admin::leave},
-                                    {QStringLiteral("peers"), 0, 0, {}, true, admin::peers},
-                                    {QStringLiteral("add-peer"), 0, 0, ofNewPeer, true, admin::addPeer},
-                                    {QStringLiteral("connect"), 1, 1, {address}, false, admin::connectPeer},
-                                    {QStringLiteral("remove-peer"), 1, 1, {}, false, admin::removePeer}};
+    static const QString json = QStringLiteral("json");
+    static const QList<Command> all{{QStringLiteral("init"), 0, 0, {}, {}, admin::init},
+                                    {QStringLiteral("get"), 0, 1, {}, {json}, admin::get},
+                                    {QStringLiteral("set"), 2, 2, {}, {}, admin::set},
+                                    {QStringLiteral("join"), 1, 2, {}, {}, admin::join},
+                                    {QStringLiteral("leave"), 0, 0, {}, {}, admin::leave},
+                                    {QStringLiteral("peers"), 0, 0, {}, {json}, admin::peers},
+                                    {QStringLiteral("add-peer"),
+                                     0,
+                                     0,
+                                     ofNewPeer,
+                                     {json, QStringLiteral("link"), QStringLiteral("qr")},
+                                     admin::addPeer},
+                                    {QStringLiteral("connect"), 1, 1, {address}, {}, admin::connectPeer},
+                                    {QStringLiteral("remove-peer"), 1, 1, {}, {}, admin::removePeer}};
     return all;
 }
 
@@ -109,14 +126,13 @@ QString usageOf(const Command &command)
 
 int runCommand(const Command &command, const QStringList &arguments)
 {
-    const QCommandLineOption json(QStringLiteral("json"));
     QCommandLineParser parser;
     const QCommandLineOption wantsHelp(QStringList{QStringLiteral("h"), QStringLiteral("help")});
     parser.addOption(wantsHelp);
     for (const QString &name : command.options)
         parser.addOption(QCommandLineOption(name, QString(), QStringLiteral("value")));
-    if (command.hasJson)
-        parser.addOption(json);
+    for (const QString &name : command.flags)
+        parser.addOption(QCommandLineOption(name));
     if (!parser.parse(arguments))
         return complain(parser.errorText() + QLatin1Char(' ') + usageOf(command));
     if (parser.isSet(wantsHelp))
@@ -130,7 +146,10 @@ int runCommand(const Command &command, const QStringList &arguments)
         if (parser.isSet(name))
             request.values.insert(name, parser.value(name));
     }
-    request.asJson = command.hasJson && parser.isSet(json);
+    for (const QString &name : command.flags) {
+        if (parser.isSet(name))
+            request.flags.append(name);
+    }
     const QString error = command.run(request);
     return error.isEmpty() ? 0 : complain(error);
 }

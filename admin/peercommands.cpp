@@ -1,8 +1,11 @@
 // The commands that list, add, connect and remove peers.
 
 #include "admin/commands.h"
-#include "admin/output.h"
+#include "admin/print.h"
+#include "admin/qrcode.h"
+#include "agent/callbook.h"
 #include "handover/endpoint.h"
+#include "handover/output.h"
 #include "handover/peerfile.h"
 #include "handover/valuecheck.h"
 #include "introduction/secrets.h"
@@ -11,6 +14,8 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QUuid>
+
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -26,6 +31,42 @@ QString statusInWords(int status)
 QString portInWords(int port)
 {
     return port == StoredPeer::noPort ? QStringLiteral("-") : QString::number(port);
+}
+
+// Of what the agent shows.
+const QLatin1String wayKey("way");
+const QLatin1String waySecondsKey("way_seconds");
+const QLatin1String callSecondsKey("call_seconds");
+const QLatin1String callerKey("called_from");
+
+/// In the largest unit of which there is one.
+QString timeInWords(int seconds)
+{
+    constexpr int minute = 60;
+    constexpr int hour = 60 * minute;
+    constexpr int day = 24 * hour;
+    if (seconds < minute)
+        return QStringLiteral("%1 s").arg(seconds);
+    if (seconds < hour)
+        return QStringLiteral("%1 min").arg(seconds / minute);
+    return seconds < day ? QStringLiteral("%1 h").arg(seconds / hour) : QStringLiteral("%1 d").arg(seconds / day);
+}
+
+QString wayInWords(const QJsonObject &call)
+{
+    return call.contains(wayKey)
+               ? QStringLiteral("%1 for %2")
+                     .arg(call.value(wayKey).toString(), timeInWords(call.value(waySecondsKey).toInt()))
+               : QStringLiteral("-");
+}
+
+QString callInWords(const QJsonObject &call)
+{
+    if (!call.contains(callSecondsKey))
+        return QStringLiteral("-");
+    const QString time = timeInWords(call.value(callSecondsKey).toInt());
+    return call.contains(callerKey) ? QStringLiteral("%1 ago from %2").arg(time, call.value(callerKey).toString())
+                                    : QStringLiteral("%1 ago by TCP").arg(time);
 }
 
 /// The row of this peer, or an error.
@@ -88,6 +129,17 @@ PeerFile newPeerFile(const BoxStore &store, const QString &boxAddress)
     return file;
 }
 
+/// What stands for the file, as the options want it.
+QByteArray handedOver(const admin::Request &request, const PeerFile &file)
+{
+    if (request.isSet("link"))
+        return file.toLink() + '\n';
+    if (request.isSet("qr"))
+        return toQrCode(file.toLink(), isatty(STDOUT_FILENO) != 0) + "Added peer " + file.uuid.toUtf8() +
+               ". The code holds the key of all peers.\n";
+    return request.isSet("json") && request.values.value(QStringLiteral("out")).isNull() ? file.toJson() : file.toIni();
+}
+
 /// Where a new peer is, from the options given; without them nowhere.
 Endpoint endpointOf(const admin::Request &request)
 {
@@ -111,22 +163,34 @@ QString admin::peers(const Request &request)
 {
     const BoxStore store;
     const auto stored = store.peers();
+    const auto port = store.settings().value(QStringLiteral("nat_udpport")).toUShort();
     if (!store.error().isEmpty())
         return store.error();
+    const QJsonObject calls = askCallBook(port);
     QJsonArray array;
     QList<QStringList> rows{{QStringLiteral("uuid"), QStringLiteral("address"), QStringLiteral("udp_port"),
-                             QStringLiteral("udp_port_remote"), QStringLiteral("status")}};
+                             QStringLiteral("udp_port_remote"), QStringLiteral("status"), QStringLiteral("way"),
+                             QStringLiteral("last call")}};
     for (const StoredPeer &peer : stored) {
         const QString status = statusInWords(peer.status);
+        QJsonObject call = calls.value(peer.uuid).toObject();
+        if (peer.status != StoredPeer::connected) { // any more
+            call.remove(wayKey);
+            call.remove(waySecondsKey);
+        }
         array.append(QJsonObject{{QStringLiteral("uuid"), peer.uuid},
                                  {QStringLiteral("address"), peer.address},
                                  {QStringLiteral("udp_port"), peer.udpPort},
                                  {QStringLiteral("udp_port_remote"), peer.udpPortRemote},
-                                 {QStringLiteral("status"), status}});
+                                 {QStringLiteral("status"), status},
+                                 {wayKey, call.value(wayKey)},
+                                 {waySecondsKey, call.value(waySecondsKey)},
+                                 {callSecondsKey, call.value(callSecondsKey)},
+                                 {callerKey, call.value(callerKey)}});
         rows.append({peer.uuid, peer.address.isEmpty() ? QStringLiteral("-") : peer.address, portInWords(peer.udpPort),
-                     portInWords(peer.udpPortRemote), status});
+                     portInWords(peer.udpPortRemote), status, wayInWords(call), callInWords(call)});
     }
-    return print(request.asJson ? toJson(QJsonDocument(array)) : toTable(rows));
+    return print(request.isSet("json") ? toJson(QJsonDocument(array)) : toTable(rows));
 }
 
 QString admin::addPeer(const Request &request)
@@ -145,6 +209,8 @@ QString admin::addPeer(const Request &request)
     const QString path = request.values.value(QStringLiteral("out"));
     if (!path.isNull() && path.isEmpty()) // an empty variable of a script must not put the key on its terminal
         return QStringLiteral("--out must name a new file");
+    if ((request.isSet("link") || request.isSet("qr")) && request.flags.size() + (path.isNull() ? 0 : 1) > 1)
+        return QStringLiteral("--link and --qr each go alone, without one another, --out or --json");
     Output handover(path);
     if (!handover.error().isEmpty())
         return handover.error();
@@ -156,7 +222,7 @@ QString admin::addPeer(const Request &request)
     store.addPeer(peer);
     if (!store.error().isEmpty())
         return store.error();
-    if (!handover.write(request.asJson && path.isEmpty() ? file.toJson() : file.toIni())) {
+    if (!handover.write(handedOver(request, file))) {
         store.removePeer(peer.uuid); // nobody could use it
         return store.error().isEmpty() ? handover.error()
                                        : QStringLiteral("%1; and peer %2 stays in the store: %3")
@@ -164,7 +230,7 @@ QString admin::addPeer(const Request &request)
     }
     if (path.isEmpty())
         return QString();
-    if (request.asJson)
+    if (request.isSet("json"))
         return print(
             toJson(QJsonDocument(QJsonObject{{QStringLiteral("peer"), peer.uuid}, {QStringLiteral("file"), path}})));
     return print(QStringLiteral("Added peer %1. Hand over %2, which holds the key of all peers.\n")

@@ -1,7 +1,7 @@
 // The commands that make the store and change its settings.
 
 #include "admin/commands.h"
-#include "admin/output.h"
+#include "admin/print.h"
 #include "store/boxstore.h"
 #include "store/newstore.h"
 #include "store/settingrules.h"
@@ -75,7 +75,7 @@ QString admin::get(const Request &request)
         object.insert(key, settings.contains(key) ? QJsonValue(settings.value(key)) : QJsonValue());
         rows.append({key, settings.value(key, QStringLiteral("(not set)"))});
     }
-    if (request.asJson)
+    if (request.isSet("json"))
         return print(toJson(QJsonDocument(object)));
     return print(name.isEmpty() ? toTable(rows) : toTable({{settings.value(name)}}));
 }

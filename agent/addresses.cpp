@@ -13,14 +13,6 @@ namespace
 constexpr std::size_t mostAddresses = 8; // in a reply
 } // namespace
 
-QString textOf(const Address &address)
-{
-    const QHostAddress host = hostOf(address);
-    const auto form =
-        host.protocol() == QAbstractSocket::IPv6Protocol ? QStringLiteral("[%1]:%2") : QStringLiteral("%1:%2");
-    return form.arg(host.toString()).arg(address.port);
-}
-
 bool mayBeAimedAt(const Address &address)
 {
     const QHostAddress host = hostOf(address);

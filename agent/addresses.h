@@ -2,12 +2,9 @@
 
 #include "introduction/messages.h"
 
-#include <QString>
+#include <QtGlobal>
 
 #include <vector>
-
-/// With the port, for a person.
-QString textOf(const introduction::Address &address);
 
 /// Whether somebody else may name it as his own and have datagrams sent there: it is that of one machine, not of this
 /// one alone, and not one of those that mean another machine in each network, such as a cloud's metadata.

@@ -17,7 +17,8 @@ namespace
 constexpr std::chrono::seconds refreshSpacing = 20s; // some routers forget a silent mapping after 30 s
 } // namespace
 
-Agent::Agent(QObject *parent) : QObject(parent), m_bursts([this] { return now(); })
+Agent::Agent(QObject *parent)
+    : QObject(parent), m_bursts([this] { return now(); }), m_callBook([this] { return now(); })
 {
     m_clock.start();
     connect(&m_port, &SharedPort::received, this, &Agent::take);
@@ -53,6 +54,7 @@ void Agent::begin()
                  .arg(m_settings.udpPort));
         return QCoreApplication::exit(1);
     }
+    m_callBook.showAt(m_onlyOne.socket());
     m_doorkeeper.emplace(m_settings);
     m_registration = std::make_unique<Registration>(m_settings, &m_port);
 }
@@ -65,10 +67,17 @@ void Agent::take(const QByteArray &bytes)
     if (!decision)
         return;
     if (decision->guest)
-        knock(*decision->guest); // first: it opens the box's router for what the answer brings
+        meet(*decision->guest); // first: a knock opens the box's router for what the answer brings
     m_port.sendToServer(decision->reply);
-    if (decision->guest)
-        m_bursts.attend(*decision->guest);
+}
+
+void Agent::meet(const Guest &guest)
+{
+    m_callBook.note(guest);
+    if (guest.openWay)
+        return; // what a knock brings now would only disturb
+    knock(guest);
+    m_bursts.attend(guest);
 }
 
 /// One datagram at each place where the guest may be. Like those of the relay's bursts it comes from the relay's port,

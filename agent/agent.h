@@ -2,6 +2,7 @@
 
 #include "agent/boxsettings.h"
 #include "agent/bursts.h"
+#include "agent/callbook.h"
 #include "agent/doorkeeper.h"
 #include "agent/onlyone.h"
 #include "agent/registration.h"
@@ -29,6 +30,7 @@ public:
 private:
     void begin();
     void take(const QByteArray &bytes);
+    void meet(const Guest &guest);
     void knock(const Guest &guest) const;
     Moment now() const { return Moment(m_clock.elapsed()); }
 
@@ -38,6 +40,7 @@ private:
     BoxSettings m_settings;
     SharedPort m_port;
     Bursts m_bursts;
+    CallBook m_callBook;
     std::optional<Doorkeeper> m_doorkeeper; // as the settings are
     std::unique_ptr<Registration> m_registration;
 };

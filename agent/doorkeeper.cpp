@@ -57,6 +57,9 @@ std::optional<Doorkeeper::Decision> Doorkeeper::take(std::string_view bytes, Mom
     if (!relayed.empty())
         guest.relayed = relayed.front();
     guest.wantsBurst = items->has(Item::BurstWanted);
+    const std::string_view way = items->first(Item::OpenWay);
+    if (way.size() == 1)
+        guest.openWay = static_cast<OpenWay>(way.front());
     return Decision{reply(sealed), guest};
 }
 

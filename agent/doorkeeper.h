@@ -22,6 +22,7 @@ struct Guest {
     std::vector<introduction::Address> own;
     std::optional<introduction::Address> relayed;
     bool wantsBurst = false;
+    std::optional<introduction::OpenWay> openWay; // it has one, and wants nothing
 };
 
 /// Decides on calls: who is let in, and what each is answered. Knows no sockets.

@@ -1,12 +1,18 @@
 #include "agent/onlyone.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <string>
+
+AgentName::AgentName(quint16 port)
+{
+    const std::string text = "nat-relay-agent-" + std::to_string(port);
+    address.sun_family = AF_UNIX;
+    std::copy(text.cbegin(), text.cend(), address.sun_path + 1); // behind a zero byte: no file
+    length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + text.size());
+}
 
 OnlyOne::~OnlyOne()
 {
@@ -21,11 +27,7 @@ bool OnlyOne::take(quint16 port)
     if (m_socket >= 0)
         close(m_socket);
     m_port = port;
-    m_socket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un name = {};
-    name.sun_family = AF_UNIX;
-    const std::string text = "nat-relay-agent-" + std::to_string(port);
-    std::copy(text.cbegin(), text.cend(), name.sun_path + 1); // behind a zero byte: no file
-    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + text.size());
-    return bind(m_socket, reinterpret_cast<const sockaddr *>(&name), length) == 0;
+    m_socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const AgentName name(port);
+    return bind(m_socket, reinterpret_cast<const sockaddr *>(&name.address), name.length) == 0;
 }

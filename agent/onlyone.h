@@ -2,6 +2,17 @@
 
 #include <QtGlobal>
 
+#include <sys/socket.h>
+#include <sys/un.h>
+
+/// The name of the socket by which an agent of this port is known.
+struct AgentName {
+    explicit AgentName(quint16 port);
+
+    sockaddr_un address = {};
+    socklen_t length;
+};
+
 /// One agent for each port on this machine: of two, each would have every other call. An abstract socket's name is free
 /// again when its holder ends, however it ends, and is known as far as the port itself.
 class OnlyOne
@@ -14,6 +25,8 @@ public:
 
     /// Whether this is the one; lets go of the port before.
     bool take(quint16 port);
+    /// Where other programs of this machine can find it.
+    int socket() const { return m_socket; }
 
 private:
     int m_socket = -1;

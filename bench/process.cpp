@@ -1,6 +1,7 @@
-// nat-relayd as a process: how soon it answers, how much of a core and how much memory it takes.
+// The programs as processes: how soon nat-relayd answers, how much of a core and how much memory each of them takes.
 
 #include "bench/relaybox.h"
+#include "introduction/secrets.h"
 
 #include <QElapsedTimer>
 #include <QProcess>
@@ -11,17 +12,17 @@
 
 namespace
 {
-/// The relay as it is run, over the store of a box.
+/// A program as it is run, over the store of a box: the relay, unless another one is named.
 class Daemon
 {
 public:
-    Daemon()
+    explicit Daemon(const QString &name = QStringLiteral("nat-relayd"), const QStringList &words = {})
     {
         m_process.setStandardErrorFile(QProcess::nullDevice());
-        m_process.start(QStringLiteral(BUILD_DIR "/nat-relayd"), QStringList());
+        m_process.start(QStringLiteral(BUILD_DIR "/") + name, words);
         if (!m_process.waitForStarted())
-            qFatal("no relay");
-        QThread::sleep(3); // the store is read for the second time
+            qFatal("no program");
+        QThread::sleep(3); // the relay reads the store for the second time
     }
     ~Daemon()
     {
@@ -40,7 +41,13 @@ public:
             qFatal("no clock");
         return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
     }
-    double memory() const { return figures::memory("VmRSS", QString::number(m_process.processId())); }
+    double memory() const
+    {
+        const double bytes = figures::memory("VmRSS", QString::number(m_process.processId()));
+        if (bytes <= 0)
+            qFatal("the program has ended");
+        return bytes;
+    }
 
 private:
     QProcess m_process;
@@ -73,6 +80,42 @@ void idleShare(benchmark::State &state)
                    share(state, [] { QThread::sleep(10); }));
 }
 FIGURE(idleShare, 1);
+
+/// A box whose agent is registered at a server of its own, and nobody calls: what the two of them cost then.
+void idleIntroduction(benchmark::State &state)
+{
+    constexpr unsigned seconds = 60; // three registrations
+    StoppedBox box(1);
+    const introduction::Key secret{1};
+    const auto text = [](const introduction::Key &key) { return QByteArray::fromStdString(introduction::textOf(key)); };
+    box.set(
+        {{"nat_introduction_server", "127.0.0.1:7000"},
+         {"nat_introduction_token", text(introduction::boxToken(secret, *introduction::uuidOf(boxUuid.toStdString())))},
+         {"nat_introduction_key", text(introduction::freshKey())}});
+    QFile configuration(box.folder.filePath(QStringLiteral("server.conf")));
+    if (!configuration.open(QIODevice::WriteOnly) ||
+        configuration.write("host=127.0.0.1\nsecret=" + text(secret) + '\n') < 0)
+        qFatal("no configuration");
+    configuration.close();
+    const Daemon server(QStringLiteral("nat-rendezvousd"),
+                        {QStringLiteral("--config"), configuration.fileName(), QStringLiteral("serve")});
+    const Daemon agent(QStringLiteral("nat-relay-agent"));
+    double ofServer = server.busySeconds();
+    double ofAgent = agent.busySeconds();
+    double time = 0;
+    for (auto iteration : state) {
+        static_cast<void>(iteration);
+        time = figures::timed([] { QThread::sleep(seconds); });
+        state.SetIterationTime(time);
+    }
+    ofServer = server.busySeconds() - ofServer;
+    ofAgent = agent.busySeconds() - ofAgent;
+    figures::under(0.002, QStringLiteral("CPU of one core, nat-relay-agent, idle"), figures::percent, ofAgent / time);
+    figures::under(20e6, QStringLiteral("resident memory of nat-relay-agent"), figures::megabytes, agent.memory());
+    figures::under(0.002, QStringLiteral("CPU of one core, nat-rendezvousd, idle"), figures::percent, ofServer / time);
+    figures::under(20e6, QStringLiteral("resident memory of nat-rendezvousd"), figures::megabytes, server.memory());
+}
+FIGURE(idleIntroduction, 1);
 
 void sendingShare(benchmark::State &state)
 {

@@ -2,6 +2,7 @@
 
 #include "client/commandline.h"
 
+#include "handover/peerfile.h"
 #include "handover/valuecheck.h"
 
 #include <algorithm>
@@ -31,6 +32,7 @@ CommandLine::CommandLine(const QList<Command> &commands) : m_commands(commands)
         help += QStringLiteral("\n  %1  %2").arg(words.leftJustified(column), command.meaning);
         names.append(command.name);
     }
+    help += QStringLiteral("\n\nWhile it serves, http://127.0.0.1:8080/.nat-peer/status tells how the box is reached.");
     m_parser.setApplicationDescription(help);
     m_parser.addPositionalArgument(QStringLiteral("command"), anyOf(names) + QLatin1Char('.'),
                                    QStringLiteral("command [argument]"));
@@ -40,12 +42,14 @@ CommandLine::CommandLine(const QList<Command> &commands) : m_commands(commands)
                                        "looked for on the local network."),
                         QStringLiteral("file")});
     m_parser.addOption({QStringLiteral("listen"),
-                        QStringLiteral("serve: where browsers connect (default 127.0.0.1:8080)."),
+                        QStringLiteral("serve: where browsers connect (default 127.0.0.1:8080). status: where a "
+                                       "nat-peer serves that is asked, if there is one."),
                         QStringLiteral("address:port"), QStringLiteral("127.0.0.1:8080")});
     m_parser.addOption({{QStringLiteral("i"), QStringLiteral("include")},
                         QStringLiteral("get: print status line and header fields too.")});
     m_parser.addOption(
         {{QStringLiteral("v"), QStringLiteral("verbose")}, QStringLiteral("serve: a line for each request.")});
+    m_parser.addOption({QStringLiteral("json"), QStringLiteral("status: for programs.")});
     m_parser.addOption({QStringLiteral("punch"),
                         QStringLiteral("Open a path through routers that change ports: try more sockets and ports, "
                                        "the fewest first.")});
@@ -65,6 +69,19 @@ QString CommandLine::read(const QStringList &arguments)
     return valuecheck::firstError({checkNumber("timeout", 1, 86400), checkNumber("queue", 1, 10000),
                                    checkNumber("udp-port", 0, 65535), checkNumber("keep-alive", 1, 3600),
                                    checkNumber("punch-rate", 100, 1000000), checkCommand()});
+}
+
+BoxPath::Options CommandLine::pathOptions(const PeerFile &peer) const
+{
+    constexpr std::chrono::seconds punchLimit(60); // through all steps
+    BoxPath::Options how;
+    how.udpPort = static_cast<quint16>(number("udp-port"));
+    how.keepAlive = std::chrono::seconds(number("keep-alive"));
+    how.punch = isSet("punch") || !peer.server.isEmpty();
+    const std::chrono::seconds timeout(number("timeout"));
+    how.openLimit = how.punch ? std::max(punchLimit, timeout) : std::min(how.openLimit, timeout);
+    how.datagramsPerMinute = number("punch-rate");
+    return how;
 }
 
 void CommandLine::addNumber(const char *name, const char *meaning, const char *unit, int value)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "client/command/command.h"
+#include "client/path/boxpath.h"
 
 #include <QCommandLineParser>
 #include <QList>
@@ -24,6 +25,7 @@ public:
     bool isSet(const char *name) const { return m_parser.isSet(QString::fromLatin1(name)); }
     QString text(const char *name) const { return m_parser.value(QString::fromLatin1(name)); }
     int number(const char *name) const { return text(name).toInt(); }
+    BoxPath::Options pathOptions(const PeerFile &peer) const;
 
 private:
     void addNumber(const char *name, const char *meaning, const char *unit, int value);

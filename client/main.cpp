@@ -9,7 +9,6 @@
 
 #include <QCoreApplication>
 
-#include <algorithm>
 #include <csignal>
 
 namespace
@@ -17,25 +16,18 @@ namespace
 const QList<Command> &commands()
 {
     static const QList<Command> all{
-        {QStringLiteral("get"), QStringLiteral("/path"), QStringLiteral("prints a page"), true, command::get},
+        {QStringLiteral("get"), QStringLiteral("/path"), QStringLiteral("prints a page"), Command::Needs::Path,
+         command::get},
         {QStringLiteral("serve"), QString(), QStringLiteral("lets any browser reach the box, at http://127.0.0.1:8080"),
-         true, command::serve},
+         Command::Needs::Path, command::serve},
         {QStringLiteral("discover"), QStringLiteral("[address[:port]]"),
-         QStringLiteral("lists the boxes on the local network"), false, command::discover}};
+         QStringLiteral("lists the boxes on the local network"), Command::Needs::PeerFile, command::discover},
+        {QStringLiteral("import"), QStringLiteral("link"),
+         QStringLiteral("writes a new --config file of the box's link (-: on standard input)"), Command::Needs::Link,
+         command::import},
+        {QStringLiteral("status"), QString(), QStringLiteral("tells how the box is reached, and why not"),
+         Command::Needs::PeerFile, command::status}};
     return all;
-}
-
-BoxPath::Options pathOptions(const CommandLine &line, const PeerFile &peer)
-{
-    constexpr std::chrono::seconds punchLimit(60); // through all steps
-    BoxPath::Options how;
-    how.udpPort = static_cast<quint16>(line.number("udp-port"));
-    how.keepAlive = std::chrono::seconds(line.number("keep-alive"));
-    how.punch = line.isSet("punch") || !peer.server.isEmpty();
-    const std::chrono::seconds timeout(line.number("timeout"));
-    how.openLimit = how.punch ? std::max(punchLimit, timeout) : std::min(how.openLimit, timeout);
-    how.datagramsPerMinute = line.number("punch-rate");
-    return how;
 }
 } // namespace
 
@@ -49,14 +41,14 @@ int main(int argc, char **argv)
     const QString mistake = line.read(QCoreApplication::arguments());
     if (!mistake.isEmpty())
         return complain(mistake);
-    const PeerFile peer = PeerFile::read(line.text("config"));
+    const Command &command = line.command();
+    const PeerFile peer = command.needs == Command::Needs::Link ? PeerFile() : PeerFile::read(line.text("config"));
     if (!peer.error.isEmpty())
         return complain(peer.error);
-    const Command &command = line.command();
-    if (!command.needsPath)
+    if (command.needs != Command::Needs::Path)
         return command.run({line, peer, nullptr, nullptr});
 
-    BoxPath path(peer, pathOptions(line, peer));
+    BoxPath path(peer, line.pathOptions(peer));
     if (!path.error().isEmpty())
         return complain(path.error());
     QObject::connect(&path, &BoxPath::progress, tell);

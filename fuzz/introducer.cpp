@@ -1,6 +1,6 @@
 // The rendezvous server among boxes and peers that say anything. Each datagram of the input is 0 sender | 1 how it is
 // signed | 2 length | 3 bytes, of which those of signed kinds get a MAC that is right, and a cookie where one was
-// given.
+// given. Some come from another node of the server.
 
 #include "rendezvous/introducer.h"
 
@@ -27,6 +27,24 @@ template <std::size_t size> std::string_view viewOf(const std::array<std::uint8_
 {
     return {reinterpret_cast<const char *>(bytes.data()), size};
 }
+
+/// Other nodes, which are told a lot.
+struct Others : OtherNodes {
+    std::uint64_t number() const override { return 0x100; }
+    void want(const Uuid & /*box*/, bool /*isWanted*/) override {}
+    void handToBox(const Uuid & /*box*/, std::string bytes, std::string /*unclaimed*/) override { check(bytes); }
+    void handToNode(std::uint64_t number, std::string bytes) override
+    {
+        check(bytes);
+        if (number % 0x100 != 0)
+            std::abort();
+    }
+    static void check(const std::string &bytes)
+    {
+        if (!read<HandedCall>(bytes) && !read<HandedAnswer>(bytes) && !read<Moved>(bytes))
+            std::abort(); // nobody would take it
+    }
+};
 
 /// What a good box or peer would have put in.
 std::string complete(std::string bytes, unsigned how, const std::string &cookie, const std::string &ticket,
@@ -59,6 +77,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     Introducer::Options options;
     options.turn = {"turn.example:3478", "secret"};
     options.trustsPlain = size > 0 && (data[0] & 64U) != 0;
+    Others others;
+    options.others = size > 0 && (data[0] & 16U) != 0 ? &others : nullptr;
     Introducer introducer(options);
     std::map<std::uint16_t, std::string> cookies; // that each sender was given
     std::string ticket;
@@ -69,7 +89,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         from.address.port = data[0] % 4;
         const std::string bytes = complete(std::string(reinterpret_cast<const char *>(data + header), length), data[1],
                                            cookies[from.address.port], ticket, options.secret);
-        const auto sent = introducer.take(from, bytes, now, std::chrono::seconds(now.count() / 1000));
+        const std::chrono::seconds wallClock(now.count() / 1000);
+        const Mac mac = macOf(bytes, nodeKey(options.secret));
+        const auto sent = (data[0] & 32U) != 0 ? introducer.takeHanded(bytes + std::string(viewOf(mac)), now, wallClock)
+                                               : introducer.take(from, bytes, now, wallClock);
         if (sent && sent->place == from) {
             const auto challenge = read<Challenge>(sent->bytes);
             if (challenge && sent->bytes.size() > bytes.size())

@@ -46,6 +46,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     readAndSign<Ring>(bytes);
     readAndSign<Reply>(bytes);
     readAndWrite<Answer>(bytes);
+    readAndSign<HandedCall>(bytes);
+    readAndSign<HandedAnswer>(bytes);
+    readAndSign<Moved>(bytes);
     if (const auto items = Items::of(bytes)) {
         check(items->bytes() == bytes);
         for (int type = 0; type < 256; type++) {

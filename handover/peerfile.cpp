@@ -8,24 +8,38 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSettings>
+#include <QUrl>
+#include <QUrlQuery>
 
 namespace
 {
+enum class Kind { Uuid, Place, Secret };
+
 struct Field {
     const char *section;
     const char *key;
+    const char *inLink;
+    Kind kind;
     QString PeerFile::*value;
 };
 
 // In the order of the file. What is empty is left out.
-constexpr Field fields[] = {{"peer", "uuid", &PeerFile::uuid},
-                            {"box", "uuid", &PeerFile::boxUuid},
-                            {"box", "address", &PeerFile::address},
-                            {"box", "key", &PeerFile::key},
-                            {"box", "iv", &PeerFile::iv},
-                            {"introduction", "server", &PeerFile::server},
-                            {"introduction", "token", &PeerFile::token},
-                            {"introduction", "key", &PeerFile::callKey}};
+constexpr Field fields[] = {{"peer", "uuid", "peer", Kind::Uuid, &PeerFile::uuid},
+                            {"box", "uuid", "box", Kind::Uuid, &PeerFile::boxUuid},
+                            {"box", "address", "address", Kind::Place, &PeerFile::address},
+                            {"box", "key", "key", Kind::Secret, &PeerFile::key},
+                            {"box", "iv", "iv", Kind::Secret, &PeerFile::iv},
+                            {"introduction", "server", "server", Kind::Place, &PeerFile::server},
+                            {"introduction", "token", "token", Kind::Secret, &PeerFile::token},
+                            {"introduction", "key", "call", Kind::Secret, &PeerFile::callKey}};
+
+const QLatin1String linkScheme("nat-peer");
+const QLatin1String linkVersion("1");
+
+PeerFile::Names namesInFile()
+{
+    return {QStringLiteral("uuid in [box]"), QStringLiteral("key in [box]"), QStringLiteral("iv in [box]")};
+}
 } // namespace
 
 PeerFile PeerFile::read(const QString &path)
@@ -41,10 +55,36 @@ PeerFile PeerFile::read(const QString &path)
         const QString name = QStringLiteral("%1/%2").arg(QLatin1String(field.section), QLatin1String(field.key));
         peer.*field.value = ini.value(name).toString().trimmed();
     }
-    const QString error =
-        peer.check({QStringLiteral("uuid in [box]"), QStringLiteral("key in [box]"), QStringLiteral("iv in [box]")});
+    const QString error = peer.check(namesInFile());
     if (!error.isEmpty())
         peer.error = QStringLiteral("%1: %2").arg(path, error);
+    return peer;
+}
+
+PeerFile PeerFile::ofLink(const QString &text)
+{
+    PeerFile peer;
+    const QUrl link(text.trimmed(), QUrl::StrictMode);
+    if (link.scheme() != linkScheme) {
+        peer.error = QStringLiteral("this is no link of a peer: one begins with %1:%2?").arg(linkScheme, linkVersion);
+        return peer;
+    }
+    if (link.path() != linkVersion) {
+        peer.error = QStringLiteral("the link must be of version %1, and this one is of another: use a nat-peer that "
+                                    "is as new as the box's programs")
+                         .arg(linkVersion);
+        return peer;
+    }
+    const QUrlQuery open(link);
+    const QUrlQuery secret(link.fragment(QUrl::FullyEncoded));
+    for (const Field &field : fields) {
+        const QUrlQuery &part = field.kind == Kind::Secret ? secret : open;
+        const QString value = part.queryItemValue(QLatin1String(field.inLink), QUrl::FullyDecoded);
+        peer.*field.value = field.kind == Kind::Uuid ? QLatin1Char('{') + value + QLatin1Char('}') : value;
+    }
+    const QString error = peer.check(namesInFile());
+    if (!error.isEmpty())
+        peer.error = QStringLiteral("the link must be copied whole, up to its end: %1").arg(error);
     return peer;
 }
 
@@ -101,4 +141,20 @@ QByteArray PeerFile::toJson() const
         sections.insert(QLatin1String(field.section), section);
     }
     return QJsonDocument(sections).toJson();
+}
+
+QByteArray PeerFile::toLink() const
+{
+    QByteArray open;
+    QByteArray secret;
+    for (const Field &field : fields) {
+        QString value = this->*field.value;
+        if (value.isEmpty())
+            continue;
+        if (field.kind == Kind::Uuid)
+            value = value.mid(1, value.size() - 2); // the braces would have to be encoded
+        QByteArray &part = field.kind == Kind::Secret ? secret : open;
+        part += (part.isEmpty() ? "" : "&") + QByteArray(field.inLink) + '=' + QUrl::toPercentEncoding(value, ":");
+    }
+    return linkScheme.latin1() + (':' + QByteArray(linkVersion.latin1())) + '?' + open + '#' + secret;
 }

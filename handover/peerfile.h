@@ -10,7 +10,10 @@
 ///   [box]  uuid, address (host:port; may be missing), key and iv (32 hexadecimal digits each)
 ///   [introduction] server (host:port), token and key (64 hexadecimal digits each); missing where the box has joined no
 ///                  rendezvous server
-/// All values are kept as they are written there.
+/// All values are kept as they are written there. The same as one link, for a person to send or to photograph:
+///   nat-peer:1?peer=UUID&box=UUID&address=...&server=...#key=...&iv=...&token=...&call=...
+/// 1 is its version; UUIDs are without braces, what is missing in the file is missing here, and what a later version
+/// adds is skipped. The secrets stand behind the #, which whoever is asked for a link's page is never told.
 struct PeerFile {
     /// What the box's values are called where they come from, for a message about one of them.
     struct Names {
@@ -30,6 +33,7 @@ struct PeerFile {
     QString callKey; // and sealed with
 
     static PeerFile read(const QString &path);
+    static PeerFile ofLink(const QString &text);
 
     /// Empty text, or the first value that is wrong, in one line that shows no key.
     QString check(const Names &names) const;
@@ -41,4 +45,6 @@ struct PeerFile {
     QByteArray toIni() const;
     /// Sections as objects.
     QByteArray toJson() const;
+    /// Without the end of its line.
+    QByteArray toLink() const;
 };

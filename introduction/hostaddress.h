@@ -3,6 +3,7 @@
 #include "introduction/messages.h"
 
 #include <QHostAddress>
+#include <QString>
 
 #include <algorithm>
 
@@ -25,5 +26,14 @@ inline QHostAddress hostOf(const Address &address)
     bool isIpv4 = false;
     const quint32 ipv4 = host.toIPv4Address(&isIpv4);
     return isIpv4 ? QHostAddress(ipv4) : host;
+}
+
+/// With its port, an IPv6 one in brackets.
+inline QString textOf(const Address &address)
+{
+    const QHostAddress host = hostOf(address);
+    const auto form =
+        host.protocol() == QAbstractSocket::IPv6Protocol ? QStringLiteral("[%1]:%2") : QStringLiteral("%1:%2");
+    return form.arg(host.toString()).arg(address.port);
 }
 } // namespace introduction

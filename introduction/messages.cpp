@@ -173,6 +173,37 @@ template <> struct Layout<Answer> {
         passer->field(message.id).template text<std::uint16_t>(message.byServer).rest(message.byBox);
     }
 };
+
+template <> struct Layout<HandedCall> {
+    static constexpr MessageKind kind = MessageKind::HandedCall;
+    static constexpr bool isSigned = true;
+    template <typename Passer, typename Message> static void pass(Passer *passer, Message &message)
+    {
+        passer->field(message.box).field(message.peer).field(message.id).field(message.ticket).rest(message.sealed);
+    }
+};
+
+template <> struct Layout<HandedAnswer> {
+    static constexpr MessageKind kind = MessageKind::HandedAnswer;
+    static constexpr bool isSigned = true;
+    template <typename Passer, typename Message> static void pass(Passer *passer, Message &message)
+    {
+        passer->field(message.box).field(message.id).field(message.ticket).rest(message.datagram);
+    }
+};
+
+template <> struct Layout<Moved> {
+    static constexpr MessageKind kind = MessageKind::Moved;
+    static constexpr bool isSigned = true;
+    template <typename Passer, typename Message> static void pass(Passer *passer, Message &message)
+    {
+        passer->field(message.box).field(message.nonce).field(message.count);
+    }
+};
+
+template <typename Message> constexpr std::size_t longest = longestMessage;
+template <> constexpr std::size_t longest<HandedCall> = longestHanded;
+template <> constexpr std::size_t longest<HandedAnswer> = longestHanded;
 } // namespace
 
 template <typename Message> std::string encode(const Message &message)
@@ -201,7 +232,7 @@ template <typename Message> std::optional<Message> read(std::string_view bytes)
     Message message;
     reader.field(kind);
     Layout<Message>::pass(&reader, message);
-    if (bytes.size() > longestMessage || kind != Layout<Message>::kind || !reader.isAtEnd())
+    if (bytes.size() > longest<Message> || kind != Layout<Message>::kind || !reader.isAtEnd())
         return std::nullopt;
     return message;
 }
@@ -214,6 +245,9 @@ template std::string encode(const Call &message, const Key &token);
 template std::string encode(const Ring &message, const Key &token);
 template std::string encode(const Reply &message, const Key &token);
 template std::string encode(const Answer &message);
+template std::string encode(const HandedCall &message, const Key &token);
+template std::string encode(const HandedAnswer &message, const Key &token);
+template std::string encode(const Moved &message, const Key &token);
 template std::optional<Registration> read(std::string_view bytes);
 template std::optional<Registered> read(std::string_view bytes);
 template std::optional<Challenge> read(std::string_view bytes);
@@ -222,6 +256,9 @@ template std::optional<Call> read(std::string_view bytes);
 template std::optional<Ring> read(std::string_view bytes);
 template std::optional<Reply> read(std::string_view bytes);
 template std::optional<Answer> read(std::string_view bytes);
+template std::optional<HandedCall> read(std::string_view bytes);
+template std::optional<HandedAnswer> read(std::string_view bytes);
+template std::optional<Moved> read(std::string_view bytes);
 
 bool isSigned(std::string_view bytes, const Key &token)
 {

@@ -20,10 +20,13 @@ enum class MessageKind : std::uint8_t {
     Registered = 0xa2,
     Challenge = 0xa3, // server to box or peer
     Refusal = 0xa4,
-    Call = 0xa5,   // peer to server
-    Ring = 0xa6,   // server to box
-    Reply = 0xa7,  // box to server
-    Answer = 0xa8, // server to peer
+    Call = 0xa5,         // peer to server
+    Ring = 0xa6,         // server to box
+    Reply = 0xa7,        // box to server
+    Answer = 0xa8,       // server to peer
+    HandedCall = 0xa9,   // node of the server to node
+    HandedAnswer = 0xaa, // node to node
+    Moved = 0xab,        // node to nodes
 };
 
 /// What the server or a box says no with.
@@ -79,7 +82,8 @@ struct Call {
 };
 
 /// What the server gives a box along with a call and wants back with the reply, so that it need remember no calls:
-/// 0 node that the call came to | 8 address of the peer | 26 signature of the server's (34 bytes)
+/// 0 node that the call came to, its last byte the socket there | 8 address of the peer | 26 signature of the server's
+/// (34 bytes)
 struct Ticket {
     std::uint64_t node = 0;
     Address peer;
@@ -110,8 +114,37 @@ struct Answer {
     std::string byBox;
 };
 
+/// A call for a box that is registered at another node of the server; which rings it for the peer:
+/// 0 kind | 1 box | 17 peer | 33 id | 41 ticket | 75 sealed for the box | MAC under the nodes' key
+struct HandedCall {
+    Uuid box = {};
+    Uuid peer = {};
+    std::uint64_t id = 0;
+    Ticket ticket;
+    std::string sealed;
+};
+
+/// What the node that the call came to is to send its peer, as no other address is let in there:
+/// 0 kind | 1 box | 17 id | 25 ticket | 59 an answer or a refusal | MAC under the nodes' key
+struct HandedAnswer {
+    Uuid box = {};
+    std::uint64_t id = 0;
+    Ticket ticket;
+    std::string datagram;
+};
+
+/// The box has just registered here, with these, and is nowhere else any more:
+/// 0 kind | 1 box | 17 nonce | 25 count | 29 MAC under the nodes' key (45 bytes)
+struct Moved {
+    Uuid box = {};
+    std::uint64_t nonce = 0;
+    std::uint32_t count = 0;
+};
+
 /// Longer ones are no messages: a datagram of this length passes every network in one piece.
 constexpr std::size_t longestMessage = 1200;
+/// What nodes hand each other may have grown a little, by ticket, credential and MAC.
+constexpr std::size_t longestHanded = 1600;
 constexpr std::size_t macLength = std::tuple_size<Mac>::value;
 
 /// The bytes of a message that is not signed, and of one that is: with a box's token, or a peer's where the peer sends
@@ -143,6 +176,17 @@ enum class Item : std::uint8_t {
     Verdict,        // 1 byte, a Verdict
     TurnTlsPort,    // 8 bytes: of that server's TLS
     NoDatagrams,    // 0 bytes: where the server sees the peer, it takes none
+    CallerAddress,  // 18 bytes: where the server sees the peer
+    OpenWay,        // 1 byte, an OpenWay: the peer calls for nothing else than to tell it
+};
+/// How a peer reaches its box, which only the peer can know.
+enum class OpenWay : std::uint8_t {
+    Nowhere = 0,     // is not told
+    SameNetwork = 1, // at an address of the box's own network
+    Ipv6,
+    Direct,  // by single knocks
+    Punched, // from many sockets, at many ports or with the relay's bursts
+    Carried, // by the TURN server
 };
 /// What a box makes of a call.
 enum class Verdict : std::uint8_t {

@@ -154,6 +154,11 @@ Key cookieKey(const Key &secret)
     return derive(secret, "cookie");
 }
 
+Key nodeKey(const Key &secret)
+{
+    return derive(secret, "node");
+}
+
 Mac macOf(std::string_view bytes, const Key &key)
 {
     CryptoPP::HMAC<CryptoPP::SHA256> hmac(key.data(), key.size());

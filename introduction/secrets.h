@@ -36,6 +36,8 @@ Key callKey(const Key &boxCallKey, const Uuid &peer);
 Key answerKey(const Key &peerToken);
 /// What the server signs for itself, from its secret.
 Key cookieKey(const Key &secret);
+/// What the server's nodes sign for each other, from the secret that all of them have.
+Key nodeKey(const Key &secret);
 
 Mac macOf(std::string_view bytes, const Key &key);
 /// In constant time.

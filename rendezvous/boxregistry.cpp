@@ -54,5 +54,13 @@ void BoxRegistry::forgetSilent(Moment now)
     auto &bySight = m_boxes.get<BySight>();
     for (int count = 0; count < mostForgotten && !bySight.empty() && now - bySight.front().seen > m_silenceLimit;
          count++)
-        bySight.pop_front();
+        forget(&bySight.front());
+}
+
+void BoxRegistry::forget(const RegisteredBox *box)
+{
+    const introduction::Uuid uuid = box->uuid;
+    m_boxes.erase(uuid);
+    if (m_forgotten)
+        m_forgotten(uuid);
 }

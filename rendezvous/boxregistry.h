@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <utility>
 
 /// Where a datagram comes from or goes to: one of the server's sockets, and the other side's address.
 struct Place {
@@ -38,8 +39,14 @@ struct RegisteredBox {
 class BoxRegistry
 {
 public:
-    /// A box that was silent for longer is forgotten; of more boxes than these no new one is taken.
-    BoxRegistry(Moment silenceLimit, std::size_t most) : m_silenceLimit(silenceLimit), m_most(most) {}
+    using Forgotten = std::function<void(const introduction::Uuid &)>;
+
+    /// A box that was silent for longer is forgotten, and `forgotten` called with it if it is anything; of more boxes
+    /// than these no new one is taken.
+    BoxRegistry(Moment silenceLimit, std::size_t most, Forgotten forgotten = nullptr)
+        : m_silenceLimit(silenceLimit), m_most(most), m_forgotten(std::move(forgotten))
+    {
+    }
 
     /// Null where the box is not registered.
     const RegisteredBox *find(const introduction::Uuid &box) const;
@@ -49,6 +56,7 @@ public:
     void see(const RegisteredBox *box, Moment now);
     /// Forgets a few of those that were silent for too long: call it often.
     void forgetSilent(Moment now);
+    void forget(const RegisteredBox *box);
     std::size_t size() const { return m_boxes.size(); }
 
 private:
@@ -66,5 +74,6 @@ private:
 
     const Moment m_silenceLimit;
     const std::size_t m_most;
+    const Forgotten m_forgotten;
     Boxes m_boxes;
 };

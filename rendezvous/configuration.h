@@ -14,4 +14,5 @@ struct Configuration {
     std::uint16_t turnTlsPort = 0;         // of its TLS; 0: none
     std::string turnSecret;
     bool trustsPlain = false;
+    std::vector<std::string> cluster; // URLs of NATS servers; empty: this is the only node
 };

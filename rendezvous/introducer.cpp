@@ -24,6 +24,7 @@ constexpr Allowance::Rule sourceRule{50ms, 100}; // what is not a known box's ow
 constexpr Allowance::Rule callRule{250ms, 40};   // for one box
 constexpr Allowance::Rule callerRule{1s, 15};    // of one peer
 constexpr Moment silenceLimit = 70s;             // three registrations of an agent, 20 s apart, and some way
+constexpr Moment overdueAfter = 25s;             // a registration is missing: the box may be at another node by now
 constexpr Moment plainSilenceLimit = 650s;       // two of a relay, 300 s apart
 constexpr std::size_t mostPlainBoxes = 100'000;  // as anybody can make them up
 
@@ -75,9 +76,14 @@ std::string turnPassword(const std::string &user, const std::string &secret)
 } // namespace
 
 Introducer::Introducer(const Options &options)
-    : m_options(options), m_cookieKey(cookieKey(options.secret)), m_hashKey(freshKey()),
-      m_boxes(silenceLimit, std::numeric_limits<std::size_t>::max()), m_plainBoxes(plainSilenceLimit, mostPlainBoxes),
-      m_sources(std::make_unique<Allowances>()), m_callers(std::make_unique<Allowances>())
+    : m_options(options), m_cookieKey(cookieKey(options.secret)), m_nodeKey(nodeKey(options.secret)),
+      m_hashKey(freshKey()), m_boxes(silenceLimit, std::numeric_limits<std::size_t>::max(),
+                                     [this](const Uuid &box) {
+                                         if (m_options.others != nullptr)
+                                             m_options.others->want(box, false);
+                                     }),
+      m_plainBoxes(plainSilenceLimit, mostPlainBoxes), m_sources(std::make_unique<Allowances>()),
+      m_callers(std::make_unique<Allowances>())
 {
 }
 
@@ -144,6 +150,7 @@ Introducer::Response Introducer::takeRegistration(const Incoming &incoming)
         changed.nonce = message->nonce;
         changed.seen = incoming.now;
         m_boxes.put(changed);
+        tellMoved(changed);
     }
     Counts::add(&m_counts.registrations);
     return Datagram{incoming.from, encode(Registered{message->count, incoming.from.address})};
@@ -180,29 +187,38 @@ Introducer::Response Introducer::takeCall(const Incoming &incoming)
         box = m_plainBoxes.find(call->box);
     if (!isProven(incoming, call->cookie))
         return challenge(incoming, call->id, box == nullptr ? 0 : box->nonce);
-    if (box == nullptr) {
+    if (box == nullptr && m_options.others == nullptr) {
         Counts::add(&m_counts.unknownBoxes);
         return refuse(incoming, call->id, Reason::UnknownBox);
     }
-    if (!isSigned(incoming.bytes, peerToken(box->token, call->peer)))
+    const Key token = box == nullptr ? boxToken(m_options.secret, call->box) : box->token;
+    if (!isSigned(incoming.bytes, peerToken(token, call->peer)))
         return refuse(incoming, call->id, Reason::BadToken);
     // Of this peer first: one alone must not use up what the box has for all.
     const std::string pair = textOf(call->box) + textOf(call->peer);
-    if (!allowance(m_callers.get(), pair)->take(incoming.now, callerRule) || !box->calls.take(incoming.now, callRule)) {
+    if (!allowance(m_callers.get(), pair)->take(incoming.now, callerRule)) {
         Counts::add(&m_counts.overLimit);
         return refuse(incoming, call->id, Reason::Busy);
     }
+    const Ring toBox{call->peer, call->id, ticket(incoming, call->box, call->id), call->sealed};
+    if (box == nullptr || incoming.now - box->seen > overdueAfter)
+        handOn(call->box, toBox, box == nullptr);
+    return box == nullptr ? std::nullopt : ring(*box, toBox, incoming.now, incoming.wallClock);
+}
+
+/// The call may have come to another node.
+Introducer::Response Introducer::ring(const RegisteredBox &box, const Ring &call, Moment now,
+                                      std::chrono::seconds wallClock)
+{
+    if (!box.calls.take(now, callRule)) {
+        Counts::add(&m_counts.overLimit);
+        return deliver({box.uuid, call.id, call.ticket, encode(Refusal{call.id, Reason::Busy})});
+    }
     Counts::add(&m_counts.calls);
-    if (!box->isSigned)
-        return answer(*box, call->peer, call->id, incoming.from, std::string(), incoming.wallClock);
-    Ring ring;
-    ring.peer = call->peer;
-    ring.id = call->id;
-    ring.ticket.node = incoming.from.socket;
-    ring.ticket.peer = incoming.from.address;
-    ring.ticket.signature = signature(ring.ticket, call->box, call->id, incoming.wallClock / cookieTime);
-    ring.sealed = call->sealed;
-    return Datagram{box->place, encode(ring, box->token)};
+    if (!box.isSigned)
+        return deliver({box.uuid, call.id, call.ticket,
+                        encode(Answer{call.id, seal(box, call.peer, call.id, call.ticket.peer, wallClock), {}})});
+    return Datagram{box.place, encode(call, box.token)};
 }
 
 Introducer::Response Introducer::takeReply(const Incoming &incoming)
@@ -213,33 +229,25 @@ Introducer::Response Introducer::takeReply(const Incoming &incoming)
     const RegisteredBox *box = m_boxes.find(reply->box);
     if (box == nullptr || !box->isSigned || box->place != incoming.from)
         return drop();
-    const std::int64_t period = incoming.wallClock / cookieTime;
-    const auto isOf = [&](std::int64_t when) {
-        return isEqual(reply->ticket.signature, signature(reply->ticket, reply->box, reply->id, when));
-    };
-    if (!isSigned(incoming.bytes, box->token) || !(isOf(period) || isOf(period - 1)))
+    if (!isSigned(incoming.bytes, box->token) || !isValid(reply->ticket, reply->box, reply->id, incoming.wallClock))
         return drop();
     if (!box->replies.take(incoming.now, callRule)) {
         Counts::add(&m_counts.overLimit);
         return std::nullopt;
     }
     Counts::add(&m_counts.answers);
-    const Place peer{reply->ticket.peer, static_cast<std::uint8_t>(reply->ticket.node)};
-    return answer(*box, reply->peer, reply->id, peer, std::move(reply->sealed), incoming.wallClock);
+    const Answer answer{reply->id, seal(*box, reply->peer, reply->id, reply->ticket.peer, incoming.wallClock),
+                        std::move(reply->sealed)};
+    return deliver({reply->box, reply->id, reply->ticket, encode(answer)});
 }
 
-Datagram Introducer::answer(const RegisteredBox &box, const Uuid &peer, std::uint64_t id, const Place &to,
-                            std::string byBox, std::chrono::seconds wallClock) const
-{
-    return {to, encode(Answer{id, seal(box, peer, id, wallClock), std::move(byBox)})};
-}
-
-/// What the server itself tells a peer: where it sees the box, and how the peer may have its datagrams carried.
-std::string Introducer::seal(const RegisteredBox &box, const Uuid &peer, std::uint64_t id,
+/// What the server itself tells a peer: where it sees the box and the peer, and how that may have its datagrams
+/// carried.
+std::string Introducer::seal(const RegisteredBox &box, const Uuid &peer, std::uint64_t id, const Address &caller,
                              std::chrono::seconds wallClock) const
 {
     Items items;
-    items.add(Item::SeenAddress, box.place.address);
+    items.add(Item::SeenAddress, box.place.address).add(Item::CallerAddress, caller);
     if (!m_options.turn.server.empty()) {
         const std::string user = std::to_string((wallClock + credentialTime).count()) + ':' + textOf(peer);
         items.add(Item::TurnServer, m_options.turn.server)
@@ -305,6 +313,22 @@ std::uint64_t Introducer::cookie(const Place &of, std::int64_t period) const
     appendAddress(&text, of.address);
     appendNumber(&text, static_cast<std::uint64_t>(period));
     return shortMac(text, m_cookieKey);
+}
+
+Ticket Introducer::ticket(const Incoming &incoming, const Uuid &box, std::uint64_t id) const
+{
+    Ticket made;
+    made.node = incoming.from.socket | (m_options.others == nullptr ? 0 : m_options.others->number());
+    made.peer = incoming.from.address;
+    made.signature = signature(made, box, id, incoming.wallClock / cookieTime);
+    return made;
+}
+
+bool Introducer::isValid(const Ticket &ticket, const Uuid &box, std::uint64_t id, std::chrono::seconds wallClock) const
+{
+    const std::int64_t period = wallClock / cookieTime;
+    return isEqual(ticket.signature, signature(ticket, box, id, period)) ||
+           isEqual(ticket.signature, signature(ticket, box, id, period - 1));
 }
 
 /// Good for as long as a cookie, so that nobody can have an old peer's address written to for ever.

@@ -2,6 +2,7 @@
 
 #include "introduction/messages.h"
 #include "rendezvous/boxregistry.h"
+#include "rendezvous/othernodes.h"
 
 #include <array>
 #include <atomic>
@@ -18,6 +19,7 @@ struct Counts {
     std::atomic<std::uint64_t> challenges{0};
     std::atomic<std::uint64_t> calls{0};        // that went on to their box
     std::atomic<std::uint64_t> answers{0};      // that went on to their peer
+    std::atomic<std::uint64_t> handedOn{0};     // calls for boxes that may be registered at other nodes
     std::atomic<std::uint64_t> unknownBoxes{0}; // calls for boxes that are not registered
     std::atomic<std::uint64_t> badTokens{0};
     std::atomic<std::uint64_t> overLimit{0};
@@ -52,13 +54,17 @@ public:
     struct Options {
         introduction::Key secret = {};
         TurnService turn;
-        bool trustsPlain = false; // registrations of relays count where no agent's does
+        bool trustsPlain = false;     // registrations of relays count where no agent's does
+        OtherNodes *others = nullptr; // null: there are none
     };
 
     explicit Introducer(const Options &options);
 
     /// What is to be sent for a datagram, if anything. `now` never goes back; `wallClock` is what UNIX counts, and may.
     std::optional<Datagram> take(const Place &from, std::string_view bytes, Moment now, std::chrono::seconds wallClock);
+
+    /// The same for what another node handed on, or what came back unclaimed.
+    std::optional<Datagram> takeHanded(std::string_view bytes, Moment now, std::chrono::seconds wallClock);
 
     /// Call it now and then while nothing comes.
     void forgetSilent(Moment now);
@@ -78,15 +84,27 @@ private:
     Response takePlain(const Incoming &incoming);
     Response takeCall(const Incoming &incoming);
     Response takeReply(const Incoming &incoming);
+    Response ring(const RegisteredBox &box, const introduction::Ring &call, Moment now, std::chrono::seconds wallClock);
     Response challenge(const Incoming &incoming, std::uint64_t echo, std::uint64_t boxNonce);
     Response refuse(const Incoming &incoming, std::uint64_t echo, introduction::Reason reason);
     Response drop();
-    Datagram answer(const RegisteredBox &box, const introduction::Uuid &peer, std::uint64_t id, const Place &to,
-                    std::string byBox, std::chrono::seconds wallClock) const;
+
+    // What passes between nodes.
+    void tellMoved(const RegisteredBox &box);
+    void handOn(const introduction::Uuid &box, const introduction::Ring &call, bool isElsewhere);
+    Response takeHandedCall(const introduction::HandedCall &call, Moment now, std::chrono::seconds wallClock);
+    Response takeHandedAnswer(introduction::HandedAnswer answer, std::chrono::seconds wallClock);
+    Response takeMoved(const introduction::Moved &moved);
+    Response deliver(introduction::HandedAnswer answer);
+    bool isOurs(const introduction::Ticket &ticket) const;
+
     std::string seal(const RegisteredBox &box, const introduction::Uuid &peer, std::uint64_t id,
-                     std::chrono::seconds wallClock) const;
+                     const introduction::Address &caller, std::chrono::seconds wallClock) const;
     bool isWithinLimit(const Incoming &incoming);
     bool isProven(const Incoming &incoming, std::uint64_t proof) const;
+    introduction::Ticket ticket(const Incoming &incoming, const introduction::Uuid &box, std::uint64_t id) const;
+    bool isValid(const introduction::Ticket &ticket, const introduction::Uuid &box, std::uint64_t id,
+                 std::chrono::seconds wallClock) const;
     std::uint64_t cookie(const Place &of, std::int64_t period) const;
     std::uint64_t signature(const introduction::Ticket &ticket, const introduction::Uuid &box, std::uint64_t id,
                             std::int64_t period) const;
@@ -96,6 +114,7 @@ private:
 
     const Options m_options;
     const introduction::Key m_cookieKey;
+    const introduction::Key m_nodeKey;
     const introduction::Key m_hashKey; // so that nobody can tell whom he shares an allowance with
     BoxRegistry m_boxes;
     BoxRegistry m_plainBoxes;

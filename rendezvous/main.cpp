@@ -62,6 +62,11 @@ int run(int argc, char **argv)
     app.add_flag("--trust-plain", configuration.trustsPlain,
                  "Take the plain registration of a relay for where its box is: anybody can send one");
 
+    app.add_option("--cluster", configuration.cluster,
+                   "nats://HOST:PORT, or several: the NATS servers through which this server's nodes find each "
+                   "other's boxes")
+        ->delimiter(',');
+
     CLI::App *settingUp = app.add_subcommand("setup", "Writes a configuration with a fresh secret, and one for coturn");
     settingUp->fallthrough();
     Setup setup;

@@ -21,6 +21,7 @@ public:
                 counter("challenges_total", "Datagrams from new addresses.", m_counts.challenges),
                 counter("calls_total", "Calls that went on to their box.", m_counts.calls),
                 counter("answers_total", "Answers that went on to their peer.", m_counts.answers),
+                counter("handed_on_total", "Calls that went on to other nodes.", m_counts.handedOn),
                 counter("unknown_boxes_total", "Calls for boxes that are not registered.", m_counts.unknownBoxes),
                 counter("bad_tokens_total", "Datagrams signed with a wrong token.", m_counts.badTokens),
                 counter("over_limit_total", "Datagrams over a limit.", m_counts.overLimit),

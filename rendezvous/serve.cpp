@@ -5,6 +5,7 @@
 
 #include "rendezvous/introducer.h"
 #include "rendezvous/metrics.h"
+#include "rendezvous/natsnodes.h"
 #include "rendezvous/sockets.h"
 #include "rendezvous/streams.h"
 
@@ -15,8 +16,11 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <memory>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
+#include <vector>
 
 using namespace std::chrono_literals;
 
@@ -54,14 +58,24 @@ Introducer::Options optionsOf(const Configuration &configuration)
     options.secret = *secret;
     options.turn = {configuration.turn, configuration.turnSecret, configuration.turnTlsPort};
     options.trustsPlain = configuration.trustsPlain;
+    if (options.trustsPlain &&
+        !configuration.cluster.empty()) // what a relay says here must not go before an agent elsewhere
+        throw std::invalid_argument("trust-plain and cluster do not go together: a server of several nodes must know "
+                                    "where a box's agent has registered it");
     return options;
 }
+
 } // namespace
 
 void serve(const Configuration &configuration)
 {
-    Introducer introducer(optionsOf(configuration));
+    Introducer::Options options = optionsOf(configuration);
     const int end = openEnd();
+    std::unique_ptr<NatsNodes> others;
+    if (!configuration.cluster.empty())
+        others = std::make_unique<NatsNodes>(configuration.cluster);
+    options.others = others.get();
+    Introducer introducer(options);
     Sockets sockets(configuration.listen);
     Streams streams(configuration.listen);
     std::shared_ptr<void> metrics;
@@ -69,14 +83,21 @@ void serve(const Configuration &configuration)
         metrics = showMetrics(configuration.metrics, introducer.counts());
 
     // What is said by TCP goes on by UDP, and the other way round.
-    const auto take = [&](const Place &from, std::string_view bytes) {
-        auto response = introducer.take(from, bytes, now(), wallClock());
+    const auto byTcp = [&](std::optional<Datagram> response) {
         if (!response || response->place.socket != Streams::socket)
             return response;
         streams.send(*response);
         return std::optional<Datagram>();
     };
-    std::vector<pollfd> waiting{{end, POLLIN, 0}, {streams.descriptor(), POLLIN, 0}};
+    const auto take = [&](const Place &from, std::string_view bytes) {
+        return byTcp(introducer.take(from, bytes, now(), wallClock()));
+    };
+    const auto send = [&](std::optional<Datagram> response) {
+        if (const auto datagram = byTcp(std::move(response)))
+            sockets.send({*datagram});
+    };
+    std::vector<pollfd> waiting{
+        {end, POLLIN, 0}, {others ? others->descriptor() : -1, POLLIN, 0}, {streams.descriptor(), POLLIN, 0}};
     const std::size_t first = waiting.size(); // of the sockets
     for (const int descriptor : sockets.descriptors())
         waiting.push_back({descriptor, POLLIN, 0});
@@ -86,10 +107,11 @@ void serve(const Configuration &configuration)
             throw std::system_error(errno, std::generic_category(), "cannot wait for datagrams");
         introducer.forgetSilent(now());
         streams.closeSilent(now());
-        if (waiting.at(first - 1).revents != 0)
+        if (waiting.at(1).revents != 0)
+            others->serve([&](std::string_view bytes) { send(introducer.takeHanded(bytes, now(), wallClock())); });
+        if (waiting.at(2).revents != 0)
             streams.serve(now(), [&](const Place &from, std::string_view bytes) {
-                if (const auto response = take(from, bytes))
-                    sockets.send({*response});
+                send(introducer.take(from, bytes, now(), wallClock()));
             });
         for (std::size_t index = first; index < waiting.size(); index++) {
             if (waiting.at(index).revents != 0)

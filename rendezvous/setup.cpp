@@ -133,5 +133,7 @@ std::string Setup::run() const
            "coturn, TLS\n"
            "  UDP 49152 to 65535   coturn, what it carries\n"
            "Then run nat-rendezvousd serve and turnserver -c " +
-           coturn + ",\nand for each box nat-rendezvousd token UUID.\n";
+           coturn +
+           ",\nand for each box nat-rendezvousd token UUID. For several nodes copy both files to each, and add "
+           "cluster=nats://HOST:4222.\n";
 }

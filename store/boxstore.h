@@ -7,6 +7,7 @@
 /// A row of the table of peers.
 struct StoredPeer {
     static constexpr int noPort = -1; // the relay sends nothing there
+    static constexpr int connected = 1;
     static constexpr int connectRequested = 2;
 
     QString uuid;

@@ -3,6 +3,7 @@
 #include "core/hostcalls.h"
 #include "handover/peerfile.h"
 #include "tests/support/mariadb.h"
+#include "tests/support/secrets.h"
 
 #include <QDir>
 #include <QJsonArray>
@@ -24,10 +25,10 @@ class AdminTest : public QObject
         int status;
         QByteArray output, error;
         /// Failed, and said so in one line.
-        bool refuses(const QByteArray &complaint) const
+        bool refuses(const QByteArray &complaint, const QByteArray &program = "nat-relay-admin") const
         {
-            return status == 1 && output.isEmpty() && error.startsWith("nat-relay-admin: ") && error.count('\n') == 1 &&
-                   error.endsWith('\n') && error.contains(complaint);
+            return status == 1 && output.isEmpty() && error.startsWith(program + ": ") && error.count('\n') == 1 && error.endsWith('\n') &&
+                   error.contains(complaint);
         }
     };
 
@@ -38,10 +39,10 @@ class AdminTest : public QObject
     QString path(const QString &name) const { return folder->filePath(name); }
     QStringList files() const { return QDir(folder->path()).entryList(QDir::Files | QDir::Hidden | QDir::System); }
     /// Runs it from a shell that does this first.
-    static Result run(const QStringList &words, const QString &preparation = QString())
+    static Result run(const QStringList &words, const QString &preparation = QString(), const QString &program = "nat-relay-admin")
     {
         QProcess shell;
-        shell.start("bash", QStringList{"-c", preparation + "exec \"$@\"", "bash", BUILD_DIR "/nat-relay-admin"} + words);
+        shell.start("bash", QStringList{"-c", preparation + "exec \"$@\"", "bash", BUILD_DIR "/" + program} + words);
         return {shell.waitForFinished(20000) ? shell.exitCode() : -1, shell.readAllStandardOutput(), shell.readAllStandardError()};
     }
     static QJsonDocument json(const QStringList &words) { return QJsonDocument::fromJson(run(words + QStringList("--json")).output); }
@@ -84,11 +85,32 @@ class AdminTest : public QObject
         QVERIFY(run({"connect", uuid}).refuses("add --address IP:PORT"));
         QCOMPARE(run({"connect", uuid, "--address", "192.0.2.7:4001"}).status, 0);
         QCOMPARE(sql(peers), QList<QVector<QString>>({{"192.0.2.7", "4000", "4001", "2"}}));
-        QVERIFY(run({"peers"}).output.contains(uuid.toUtf8() + "  192.0.2.7  4000      4001             connect requested\n"));
+        QVERIFY(run({"peers"}).output.contains(uuid.toUtf8() + "  192.0.2.7  4000      4001             connect requested  -    -\n"));
         sql("UPDATE `box`.`nat_traverse` SET status = 1");
         QCOMPARE(run({"connect", uuid}).status, 0); // where it was last
         QCOMPARE(sql(peers), QList<QVector<QString>>({{"192.0.2.7", "4000", "4001", "2"}}));
         QVERIFY(run({"remove-peer", uuid}).output.contains("in memory until its restart") && sql(peers).isEmpty());
+    }
+
+    /// What a telephone reads of a picture made of half blocks.
+    QByteArray photograph(const QByteArray &picture) const
+    {
+        constexpr int scale = 4;
+        const auto lines = QString::fromUtf8(picture).split('\n');
+        QByteArray rows;
+        for (const QString &line : lines) {
+            for (const auto &dark : {QString("\u2580\u2588"), QString("\u2584\u2588")}) {
+                QByteArray row;
+                for (const QChar square : line)
+                    row += QByteArray(scale, dark.contains(square) ? '\0' : '\xff');
+                rows += line.size() == lines.first().size() ? row.repeated(scale) : QByteArray();
+            }
+        }
+        const int width = scale * lines.first().size();
+        write("code.pgm", "P5 " + QByteArray::number(width) + ' ' + QByteArray::number(rows.size() / width) + " 255\n" + rows);
+        QProcess reader;
+        reader.start("zbarimg", {"--quiet", "--raw", path("code.pgm")});
+        return reader.waitForFinished() ? reader.readAllStandardOutput() : QByteArray();
     }
 
 private slots:
@@ -207,7 +229,7 @@ private slots:
         const QByteArray escaped = run({"peers", "--json"}).output;
         QVERIFY2(escaped.contains("\"\\u001b[2J\\u2028\\u009b\"") && !escaped.contains('\x80') && !escaped.contains('\xc2'), escaped);
         for (const char *status :
-             {"  disconnected\n", "  connected\n", "  connect requested\n", "  connecting\n", "  unknown (4)\n", "  ?[2J??  "})
+             {"  disconnected  ", "  connected  ", "  connect requested  ", "  connecting  ", "  unknown (4)  ", "  ?[2J??  "})
             QVERIFY2(table.contains(status) && !table.contains('\x1b'), table);
     }
 
@@ -243,6 +265,53 @@ private slots:
         QVERIFY(!content("third.ini").contains("[introduction]"));
     }
 
+    void linkIsTheSameAsTheFile()
+    {
+        const QByteArray token(64, 'b');
+        QCOMPARE(run({"join", "box.example.net:7001 " + token}).status, 0);
+        const QStringList add{"add-peer", "--box-address", "[fe80::1%eth0]:5000"};
+        const QString terminal =
+            "exec script -qec '" BUILD_DIR "/nat-relay-admin add-peer --box-address [fe80::1%eth0]:5000 --qr' /dev/null; ";
+        const auto import = [this](const QString &link, const QString &from = QString()) {
+            return run({"--config", path("new.ini"), "import", link}, from, "nat-peer");
+        };
+        QByteArray coloured = run({}, terminal).output.replace("\r", "");
+        const QByteArray first = "\x1b[38;5;16;48;5;231m ";
+        QVERIFY(coloured.startsWith(first) && coloured.count(first) == coloured.count(" \x1b[0m\n"));
+        coloured.replace(first.chopped(1), "").replace("\x1b[0m", "");
+        QByteArray link;
+        for (const QByteArray &given :
+             {photograph(coloured), photograph(run(add + QStringList("--qr")).output), run(add + QStringList("--link")).output}) {
+            link = given;
+            QCOMPARE(import("-", "exec <<<'" + given.trimmed() + "'; ").status, 0);
+            const PeerFile file = PeerFile::read(path("new.ini"));
+            QVERIFY(file.error.isEmpty() && isPrivate(path("new.ini")) && file.boxUuid == setting("uuid"));
+            QVERIFY(run({"peers"}).output.contains(file.uuid.toUtf8()) && file.address == add.last() &&
+                    file.server == "box.example.net:7001");
+            const QByteArray uuid = QByteArray::fromHex(file.uuid.toLatin1().replace('-', ""));
+            QVERIFY(file.key == setting("aes_key") && file.iv == setting("aes_iv"));
+            QCOMPARE(file.token.toLatin1(), hkdf(QByteArray::fromHex(token), "peer" + uuid).toHex());
+            QCOMPARE(file.callKey.toLatin1(), hkdf(QByteArray::fromHex(setting("nat_introduction_key").toLatin1()), "call" + uuid).toHex());
+            const QByteArray open = given.left(given.indexOf('#'));
+            for (const QString &secret : {file.key, file.iv, file.token, file.callKey})
+                QVERIFY(given.contains(secret.toLatin1()) && !open.contains(secret.toLatin1()));
+            QVERIFY(import(given).refuses("new.ini exists already", "nat-peer") && QFile::remove(path("new.ini")));
+        }
+        link = link.trimmed();
+        const QByteArray notWhole = "must be copied whole";
+        QList<std::tuple<QByteArray, QByteArray>> rows{{"https://box.example.net/", "begins with nat-peer:1?"},
+                                                       {QByteArray(link).replace(":1?", ":2?"), "version 1"},
+                                                       {QByteArray(link).replace("net:7001", "net:7001%0Akey=1"), notWhole},
+                                                       {QByteArray(link).replace('#', '&'), "key in [box] must be 32"}};
+        for (int length = link.indexOf("?") + 1; length < link.size(); length += 7)
+            rows.append({link.left(length), notWhole});
+        for (const auto &[bad, complaint] : rows) {
+            const Result result = import(bad);
+            QVERIFY2(result.refuses(complaint, "nat-peer") && !result.error.contains(token.left(9)), bad + ": " + result.error);
+            QVERIFY(!files().contains("new.ini"));
+        }
+    }
+
     void refusalsChangeNothing()
     {
         write("taken", "a letter");
@@ -265,6 +334,7 @@ private slots:
             {{"add-peer", "--box-address"}, {"box", "a,b:5000"}, "must be HOST:PORT like box.example.net:5000"},
             {{"add-peer", "--out"}, {""}, "--out must name a new file"},
             {{"add-peer", "--out"}, {path("taken")}, "taken exists already"},
+            {{"add-peer", "--qr"}, {"--link", "--json", "--out=x"}, "each go alone"},
             {{"connect"}, {"peer"}, "must be a UUID in braces like {0"},
             {{"connect", uuid, "--address"}, {"192.0.2.7"}, "must be IP:PORT"},
             {{"connect"}, {unknown}, "nat-relay-admin peers lists"},

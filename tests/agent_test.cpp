@@ -16,7 +16,7 @@ using namespace std::chrono_literals;
 
 namespace
 {
-enum Item : char { BoxNonce = 1, OwnAddress, RelayedAddress, BurstWanted, Verdict = 9, NoDatagrams = 11 };
+enum Item : char { BoxNonce = 1, OwnAddress, RelayedAddress, BurstWanted, SeenAddress, Verdict = 9, NoDatagrams = 11, OpenWay = 13 };
 const QByteArray welcome(1, '\1');
 const QByteArray staleNonce(1, '\2');
 const QByteArray unknownPeer(1, '\3');
@@ -62,6 +62,13 @@ class AgentTest : public QObject, Programs
                   "WHERE remote_uuid = '" +
                   uuid + "'")
             .toByteArray();
+    }
+    /// The file of a peer that has been added since the box has joined.
+    QByteArray introduced(const QByteArray &uuid) const
+    {
+        return QByteArray(config).replace(peerUuid, uuid).replace("address=127.0.0.1:5000\n", "") +
+               "[introduction]\nserver=192.0.2.1:7000\ntoken=" + hkdf(tokenOfBox(), "peer" + bytesOfUuid(uuid)).toHex() +
+               "\nkey=" + hkdf(boxCallKey, "call" + bytesOfUuid(uuid)).toHex() + '\n';
     }
     static QByteArray at(const Caller &caller) { return "192.0.2.1 " + ports(caller.socket.localPort()) + " 2"; }
     static QByteArray ports(int port) { return QByteArray::number(port - 1) + ' ' + QByteArray::number(port); }
@@ -181,7 +188,9 @@ private slots:
             if (place < 25 || (place >= 59 && place < good.size() - 16)) // all but the ticket, by a server that has the box's token
                 sendForged(sign(forged.chopped(16), tokenOfBox()));
         }
-        Caller other(otherUuid); // in another's name
+        Caller other(otherUuid); // in another's name, with a key that is one's own
+        const std::string plain = (item(BoxNonce, fake.nonce) + burstWanted).toStdString();
+        sendForged(other.ring(QByteArray::fromStdString(introduction::seal(plain, other.context(1), peer.key()))));
         const QByteArray stolen = sign(good.left(1) + bytesOfUuid(otherUuid) + good.mid(17).chopped(16), tokenOfBox());
         sendForged(stolen);
         fake.send(good);
@@ -197,6 +206,129 @@ private slots:
         QCOMPARE(fake.reply(third.ring(good.mid(59).chopped(16))), reply);
         QCOMPARE(peer.knocks() + third.knocks(), 0);
         QVERIFY(row(peerUuid).endsWith(" 0"));
+
+        // What the server says unsigned must answer what the agent has said last.
+        const int before = fake.registrations;
+        for (const QByteArray &message : {"\xa3" + fake.nonce + QByteArray(16, 'c'), "\xa4" + fake.nonce + '\1'}) {
+            for (int place = 0; place < message.size(); place++) {
+                QByteArray forged = message;
+                forged[place] = static_cast<char>(forged.at(place) ^ 1);
+                if (place < 9)
+                    sendForged(forged);
+                sendForged(message.left(place));
+            }
+        }
+        fake.reply(good); // comes after all these
+        QVERIFY(!awaitAgent("refuses", 100) && fake.registrations == before);
+        fake.send("\xa3" + fake.nonce + QByteArray(16, 'c'));
+        QTRY_COMPARE(fake.registrations, before + 1);
+    }
+
+    void peersHeedNothingForged()
+    {
+        QUdpSocket rendezvous;
+        QUdpSocket home; // where a box would be
+        QVERIFY(rendezvous.bind(lan, 7000) && home.bind(lan, 5000));
+        write("peer.ini", introduced(peerUuid));
+        const Process peer(new QProcess);
+        startPeer(peer.get(), {"get", "/"});
+        Caller caller; // the same one's bytes
+        quint16 port = 0;
+        const auto nextCall = [&] {
+            while (rendezvous.hasPendingDatagrams())
+                rendezvous.readDatagram(nullptr, 0);
+            QByteArray data(2000, '\0');
+            const bool isThere = QTest::qWaitFor([&] { return rendezvous.hasPendingDatagrams(); }, 10000);
+            data.resize(isThere ? int(rendezvous.readDatagram(data.data(), data.size(), nullptr, &port)) : 0);
+            return data;
+        };
+        caller.id = nextCall().mid(33, 8);
+        const auto answer = [&](const QByteArray &seen) {
+            const auto sealed = [&](const QByteArray &items, char whom, const introduction::Key &key) {
+                return QByteArray::fromStdString(introduction::seal(items.toStdString(), caller.context(whom), key));
+            };
+            const QByteArray key = hkdf(hkdf(tokenOfBox(), "peer" + bytesOfUuid(peerUuid)), "answer");
+            const QByteArray byServer = sealed(item(SeenAddress, seen), 3, *introduction::keyOf(key.toHex().toStdString()));
+            return "\xa8" + caller.id + bytesOf(quint16(byServer.size())) + byServer + sealed(item(Verdict, welcome), 2, caller.key());
+        };
+        const QByteArray good = answer(address(lan, 5000));
+        const int readByPeer = 11 + qFromBigEndian<quint16>(good.constData() + 9);
+        for (int place = 0; place < readByPeer; place++) {
+            QByteArray forged = good;
+            forged[place] = static_cast<char>(forged.at(place) ^ 1);
+            rendezvous.writeDatagram(forged, lan, port);
+            rendezvous.writeDatagram(good.left(place), lan, port);
+        }
+        QUdpSocket().writeDatagram(good, lan, port); // by somebody else
+        QCOMPARE(nextCall().mid(33, 8), caller.id);  // goes on asking
+        QVERIFY(!home.hasPendingDatagrams());
+        rendezvous.writeDatagram(good, lan, port);
+        QVERIFY(QTest::qWaitFor([&] { return home.hasPendingDatagrams(); }, 10000));
+    }
+
+    /// Real ones, of whom each has something that is not right any more.
+    void peersAreToldWhyTheyStayOut()
+    {
+        startServer();
+        startAgent();
+        QVERIFY2(awaitAgent("Registered at"), agentLog);
+        const auto wrong = [](QByteArray ini, const QByteArray &name) {
+            return ini.replace(ini.lastIndexOf(name) + name.size(), 64, QByteArray(64, 'a'));
+        };
+        const QByteArray added = introduced(otherUuid);
+        box->addPeer(otherUuid);
+        const QList<std::pair<QByteArray, QByteArray>> cases{
+            {introduced(strangerUuid), "the box refuses this peer: it has been removed there"},
+            {wrong(added, "\ntoken="), "does not take this peer's token"}, // as when the server has a new secret
+            {wrong(added, "\nkey="), "configuration still the one that was handed over?"},
+            {QByteArray(added).replace(boxUuid, "{99999999-0000-4000-8000-00000000000c}"), "does not know the box"}};
+        std::vector<Process> peers; // at the same time, as most try for a minute
+        for (const auto &[ini, complaint] : cases) {
+            const QString file = path(QString::number(peers.size()));
+            write(QString::number(peers.size()), ini);
+            peers.emplace_back(new QProcess);
+            peers.back()->start(BUILD_DIR "/nat-peer", {"--config", file, "--punch-rate", "100", "get", "/"});
+        }
+        for (size_t index = 0; index < peers.size(); index++) {
+            const auto [status, output, error] = finish(peers[index].get());
+            QVERIFY2(status == 1 && output.isEmpty() && error.contains(cases.at(int(index)).second), error);
+        }
+        QCOMPARE(row(otherUuid), "127.0.0.1 4000 4001 0");
+    }
+
+    void ownerSeesHowPeersCome()
+    {
+        FakeServer fake;
+        startAgent();
+        QVERIFY(fake.isRegistered());
+        Caller peer;
+        const auto shown = [](const QString &word = "--json") {
+            QProcess admin;
+            admin.start(BUILD_DIR "/nat-relay-admin", QStringList{"peers"} + QStringList(word).filter("-"));
+            return admin.waitForFinished() ? admin.readAllStandardOutput() : QByteArray();
+        };
+        QVERIFY(!shown().contains("call_seconds"));
+        const QByteArray relayed = item(RelayedAddress, address(QHostAddress("192.0.2.77"), 50000));
+        const QList<std::tuple<QByteArray, int, QByteArray>> calls{// what a call says, the row's status, the way that is shown
+                                                                   {relayed, 1, ""},
+                                                                   {relayed + item(OpenWay, "\5"), 1, "carried"},
+                                                                   {relayed + burstWanted, 1, "carried"},
+                                                                   {item(OpenWay, "\4"), 1, "punched"},
+                                                                   {item(OpenWay, "\1"), 0, ""},
+                                                                   {item(OpenWay, "\1"), 1, "same network"},
+                                                                   {"", 1, ""},
+                                                                   {item(OpenWay, "\2"), 1, "IPv6"},
+                                                                   {item(OpenWay, "\3"), 1, "direct"}};
+        for (const auto &[items, status, way] : calls) {
+            peer.id[0] = static_cast<char>(peer.id.at(0) + 1);
+            QCOMPARE(peer.opened(fake.reply(peer.ring(peer.sealed(fake.nonce, items)))).value(Verdict), welcome);
+            QCOMPARE(peer.knocks(), items.contains(char(OpenWay)) ? 0 : 1); // who only tells something is not disturbed
+            box->sql("UPDATE nat_traverse SET status = " + QByteArray::number(status));
+            const QByteArray json = shown();
+            QVERIFY2(json.contains("\"called_from\": \"192.0.2.1:" + QByteArray::number(peer.socket.localPort()) + '"'), json);
+            QVERIFY2(way.isEmpty() ? !json.contains("\"way\"") : json.contains("\"way\": \"" + way + '"'), json);
+        }
+        QVERIFY2(shown("").contains("connected  direct for "), shown(""));
     }
 
     void refusedAreToldWhy()

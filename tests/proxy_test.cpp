@@ -3,6 +3,8 @@
 #include "tests/support/programs.h"
 
 #include <QCryptographicHash>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QScopeGuard>
@@ -284,6 +286,42 @@ private slots:
             web.answer(QByteArray("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n") + target);
         }
         QVERIFY(body(answer(first)) == "/0" && body(answer(third)) == "/2" && answer(second).count("200 OK") == 2);
+    }
+
+    void statusIsToldAndNotAskedOfTheBox()
+    {
+        WebServer web;
+        startRelay();
+        startProxy();
+        const auto of = [](const QByteArray &json) { return QJsonDocument::fromJson(json).object(); };
+        const auto status = [&of] { return of(body(answer(get("/.nat-peer/status.json")))); };
+        QVERIFY(QTest::qWaitFor([&] { return status()["roundTrip"].toDouble() > 0; }, 10000));
+        const auto page = get("/page");
+        QVERIFY(request(web).startsWith("GET /page "));
+        QCOMPARE(status()["rate"].toInt(), 0); // at once, while the box is busy
+        web.answer("HTTP/1.1 200 OK\r\nContent-Length: 5000\r\n\r\n" + QByteArray(5000, 'x'));
+        QVERIFY(!answer(page).isEmpty() && status()["rate"].toInt() > 500);
+        const auto [asked, told, none] = fetch({"--json", "status"}); // of the one that serves
+        QVERIFY2(asked == 0 && of(told)["received"].toInt() > 5000 && of(told)["state"] == "open", told);
+        for (const auto &[line, code, text] :
+             {std::tuple("GET /.nat-peer/status", "200",
+                         "<h1>The box is reached on the same network, "
+                         "directly at 127.0.0.1</h1>"),
+              std::tuple("HEAD /.nat-peer/status?x", "200", ""), std::tuple("POST /.nat-peer/status", "405", "GET"),
+              std::tuple("GET http://x/.nat-peer/other", "404", "no such page")}) {
+            const QByteArray got = answer(ask(QByteArray(line) + " HTTP/1.0\r\n\r\n"));
+            QVERIFY2(got.startsWith(QByteArray("HTTP/1.1 ") + code) && body(got).contains(text), line + got);
+            QCOMPARE(body(got).isEmpty(), *text == '\0');
+        }
+        const auto last = get("/last");
+        QVERIFY(request(web).startsWith("GET /last ")); // and nothing else came to the box
+        proxy.reset();
+        const auto [open, opened, quiet] = fetch({"--json", "status"}); // opens a path for it
+        QVERIFY2(open == 0 && of(opened)["received"] == 0 && of(opened)["roundTrip"].toDouble() > 0, opened + quiet);
+        relay.reset();
+        const auto [failed, lines, error] = fetch({"--timeout", "1", "status"});
+        QVERIFY2(failed == 1 && lines.startsWith("The box is not reached\n  Likeliest cause   no answer from the box: is it there"), lines);
+        QVERIFY2(lines.contains("\n  knocking at the box's port: no answer ("), lines);
     }
 
     void lateAnswerIsNotTakenForTheNext()

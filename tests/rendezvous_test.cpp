@@ -4,7 +4,7 @@
 
 #include "introduction/messages.h"
 #include "rendezvous/introducer.h"
-#include "tests/support/secrets.h"
+#include "tests/support/introduced.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -19,25 +19,6 @@ using namespace std::chrono_literals;
 
 namespace
 {
-const QByteArray secret(32, 's');
-const QByteArray boxUuid = QByteArray::fromHex("00112233445566778899aabbccddeeff");
-const QByteArray peerUuid = QByteArray::fromHex("0f1e2d3c4b5a69788796a5b4c3d2e1f0");
-const QByteArray boxText = "{00112233-4455-6677-8899-aabbccddeeff}";
-
-const QByteArray tokenOfBox = hkdf(secret, "box" + boxUuid);
-const QByteArray tokenOfPeer = hkdf(tokenOfBox, "peer" + peerUuid);
-
-QByteArray registration(quint64 nonce, quint32 count, const QByteArray &cookie, const QByteArray &token = tokenOfBox)
-{
-    return sign("\xa1" + boxUuid + bytesOf(nonce) + bytesOf(count) + cookie, token);
-}
-const QByteArray noCookie(8, '\0');
-const QByteArray callId = "call id.";
-QByteArray call(const QByteArray &cookie, const QByteArray &sealed = "for the box", const QByteArray &token = tokenOfPeer,
-                const QByteArray &peer = peerUuid)
-{
-    return sign("\xa5" + boxUuid + peer + callId + cookie + sealed, token);
-}
 QByteArray ipv4(const QByteArray &lastBytes) { return QByteArray(10, '\0') + "\xff\xff" + lastBytes; }
 
 Place place(const QByteArray &ip, quint16 port)
@@ -50,20 +31,48 @@ Place place(const QByteArray &ip, quint16 port)
 const Place home = place(ipv4("\1\2\3\4"), 5000);
 const Place away = place(ipv4("\5\6\7\10"), 4500);
 
+/// The other nodes, as one of them sees them: what it has handed on.
+struct Others : OtherNodes {
+    explicit Others(quint64 ofTickets) : own(ofTickets) {}
+    std::uint64_t number() const override { return own; }
+    void want(const Uuid & /*box*/, bool isWanted) override { wants = isWanted; }
+    void handToBox(const Uuid &box, std::string bytes, std::string back) override
+    {
+        QCOMPARE(QByteArray::fromStdString(textOf(box)), boxText);
+        handed = QByteArray::fromStdString(bytes);
+        unclaimed = QByteArray::fromStdString(back);
+    }
+    void handToNode(std::uint64_t to, std::string bytes) override
+    {
+        node = to;
+        handed = QByteArray::fromStdString(bytes);
+    }
+    const quint64 own;
+    bool wants = false;
+    quint64 node = 0;
+    QByteArray handed;
+    QByteArray unclaimed;
+};
+
 /// An Introducer, and the time there.
 struct Server {
-    explicit Server(bool trustsPlain = false)
+    explicit Server(bool trustsPlain = false, OtherNodes *others = nullptr)
     {
         Introducer::Options options;
         std::copy(secret.cbegin(), secret.cend(), options.secret.begin());
         options.turn = {"turn.example:3478", "turn secret"};
         options.trustsPlain = trustsPlain;
+        options.others = others;
         introducer = std::make_unique<Introducer>(options);
     }
     /// What is sent for a datagram, to `to`.
     QByteArray take(const Place &from, const QByteArray &bytes)
     {
-        const auto sent = introducer->take(from, bytes.toStdString(), now, wallClock);
+        return note(introducer->take(from, bytes.toStdString(), now, wallClock));
+    }
+    QByteArray takeHanded(const QByteArray &bytes) { return note(introducer->takeHanded(bytes.toStdString(), now, wallClock)); }
+    QByteArray note(const std::optional<Datagram> &sent)
+    {
         to = sent ? sent->place : Place();
         return sent ? QByteArray::fromStdString(sent->bytes) : QByteArray();
     }
@@ -180,6 +189,7 @@ private slots:
         std::copy(computed.cbegin(), computed.cend(), key.begin());
         const auto items = Items::of(unseal(sealed.toStdString(), ("\3" + boxUuid + peerUuid + callId).toStdString(), key).value());
         QVERIFY(items->addresses(Item::SeenAddress).at(0) == home.address);
+        QVERIFY(items->addresses(Item::CallerAddress).at(0) == away.address);
         QCOMPARE(QByteArray::fromStdString(std::string(items->first(Item::TurnServer))), QByteArray("turn.example:3478"));
         const auto user = QByteArray::fromStdString(std::string(items->first(Item::TurnUser)));
         QCOMPARE(user, QByteArray("1800003600:{0f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0}"));
@@ -199,8 +209,7 @@ private slots:
         QVERIFY(server.registerBox(home));
         const QByteArray cookie = server.cookie(away);
         const QByteArray ring = server.take(away, call(cookie));
-        const QByteArray reply = sign("\xa7" + boxUuid + peerUuid + callId + ring.mid(25, 34) + "for the peer", tokenOfBox);
-        const QList<QPair<Place, QByteArray>> good{{home, registration(7, 2, noCookie)}, {away, call(cookie)}, {home, reply}};
+        const QList<QPair<Place, QByteArray>> good{{home, registration(7, 2, noCookie)}, {away, call(cookie)}, {home, reply(ring)}};
         for (const auto &[from, bytes] : good) {
             for (int length = 0; length < bytes.size(); length++)
                 QVERIFY(!server.take(from, bytes.left(length)).startsWith('\xa2'));
@@ -218,6 +227,59 @@ private slots:
         QCOMPARE(server.introducer->counts().registrations.load(), 1U);
         QCOMPARE(server.introducer->counts().calls.load(), 1U);
         QCOMPARE(server.introducer->counts().answers.load(), 0U);
+    }
+
+    void nodesHandOnCallsAndAnswers()
+    {
+        Others nearBox(0x100);
+        Others nearPeer(0x200);
+        Server atBox(false, &nearBox);
+        Server atPeer(false, &nearPeer);
+        QVERIFY(atBox.registerBox(home) && nearBox.wants);
+        const QByteArray cookie = atPeer.cookie(away);
+        QVERIFY(atPeer.take(away, call(cookie, "x", tokenOfBox)).startsWith('\xa4') && nearPeer.handed.isEmpty());
+        QVERIFY(atPeer.take(away, call(noCookie)).startsWith('\xa3') && nearPeer.handed.isEmpty());
+        QVERIFY(atPeer.take(away, call(cookie)).isEmpty());
+        const QByteArray handedCall = nearPeer.handed;
+        const QByteArray ring = atBox.takeHanded(handedCall);
+        QVERIFY(ring.startsWith("\xa6" + peerUuid) && atBox.to == home);
+        QVERIFY(atBox.take(home, reply(ring)).isEmpty());
+        QCOMPARE(nearBox.node, 0x200U);
+        const QByteArray answer = atPeer.takeHanded(nearBox.handed);
+        QVERIFY(answer.startsWith("\xa8" + callId) && answer.endsWith("for the peer") && atPeer.to == away);
+        QCOMPARE(atPeer.takeHanded(nearPeer.unclaimed), "\xa4" + callId + '\2');
+        QVERIFY(atPeer.to == away);
+
+        // The box registers with the other node: it is no longer at the first one, which an old word does not change.
+        QVERIFY(atPeer.registerBox(away, 7, 2));
+        const QByteArray moved = nearPeer.handed;
+        for (const QByteArray &good : {handedCall, nearBox.handed, nearPeer.unclaimed, moved}) {
+            for (int bit = 0; bit < 8 * good.size(); bit++) {
+                QByteArray forged = good;
+                forged[bit / 8] = static_cast<char>(forged.at(bit / 8) ^ 1 << bit % 8);
+                QVERIFY(atBox.takeHanded(forged).isEmpty() && atPeer.takeHanded(forged).isEmpty() && nearBox.wants);
+            }
+        }
+        QVERIFY(atBox.takeHanded(nearBox.handed).isEmpty()); // which is not for this node
+        atBox.takeHanded(moved);
+        QVERIFY(!nearBox.wants && atBox.takeHanded(handedCall).isEmpty());
+        QVERIFY(atBox.registerBox(home, 7, 3));
+        atBox.takeHanded(moved);
+        QVERIFY(nearBox.wants && isBoxAt(&atBox, home));
+
+        // A box that is late may have moved without a word: both are asked then.
+        nearBox.handed.clear();
+        QVERIFY(isBoxAt(&atBox, home) && nearBox.handed.isEmpty());
+        atBox.wait(26s);
+        QVERIFY(isBoxAt(&atBox, home) && nearBox.handed.startsWith('\xa9') && nearBox.unclaimed.isEmpty());
+        for (int count = 0; count < 40; count++)
+            atBox.takeHanded(handedCall);
+        QVERIFY(atPeer.takeHanded(nearBox.handed) == "\xa4" + callId + '\3'); // over the box's limit
+        atBox.wait(45s);
+        atBox.introducer->forgetSilent(atBox.now);
+        QVERIFY(!nearBox.wants);
+        atPeer.wait(129s);
+        QVERIFY(atPeer.takeHanded(nearPeer.unclaimed).isEmpty()); // an old ticket
     }
 
     void floodsMeetLimits()

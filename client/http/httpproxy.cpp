@@ -21,8 +21,8 @@ constexpr int fairTurn = 4;                        // one in so many goes to who
 constexpr std::chrono::milliseconds longTurn = 1s; // in which others should have had theirs
 } // namespace
 
-HttpProxy::HttpProxy(RelayClient *client, const Options &options, QObject *parent)
-    : QObject(parent), m_client(client), m_options(options)
+HttpProxy::HttpProxy(RelayClient *client, Options options, QObject *parent)
+    : QObject(parent), m_client(client), m_options(std::move(options))
 {
     connect(&m_server, &QTcpServer::newConnection, this, &HttpProxy::accept);
 }
@@ -65,8 +65,24 @@ void HttpProxy::leave(ProxyConnection *connection)
     end(gone, m_options.isVerbose);
 }
 
+/// At once, whatever the box is doing.
+void HttpProxy::answer(ProxyConnection *connection) const
+{
+    const auto method = connection->request().method();
+    if (method != boost::beast::http::verb::get && method != boost::beast::http::verb::head)
+        return connection->fail(405, QStringLiteral("there is nothing here but to GET"));
+    const QByteArray target = toByteArray(connection->request().target());
+    const auto page = m_options.ownPage ? m_options.ownPage(target.split('?').constFirst()) : std::nullopt;
+    if (page)
+        connection->answer(200, page->type, page->body);
+    else
+        connection->fail(404, QStringLiteral("nat-peer has no such page"));
+}
+
 void HttpProxy::enqueue(ProxyConnection *connection)
 {
+    if (toByteArray(connection->request().target()).startsWith(ownPath))
+        return answer(connection);
     if (static_cast<int>(m_waiting.size()) >= m_options.queueLimit)
         return connection->fail(503, QStringLiteral("%1 requests wait already").arg(m_waiting.size()));
     auto job = std::make_unique<Job>(m_client);

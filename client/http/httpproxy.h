@@ -9,10 +9,18 @@
 #include <QString>
 #include <QTcpServer>
 
+#include <functional>
 #include <list>
 #include <memory>
+#include <optional>
 
 class ProxyConnection;
+
+/// A page of the proxy's own.
+struct OwnPage {
+    QByteArray type;
+    QByteArray body;
+};
 
 /// An HTTP/1.1 server that brings every request to the box's web server and the response back: one at a time, as the
 /// relay works. Between the parts of a long response others have their turn, those first that a page waits for.
@@ -24,9 +32,13 @@ public:
     struct Options {
         int queueLimit = 32; // requests that wait; one more is answered 503
         bool isVerbose = false;
+        /// What is at a path that begins with ownPath, if anything: nothing there is asked of the box.
+        std::function<std::optional<OwnPage>(const QByteArray &path)> ownPage = {};
     };
 
-    HttpProxy(RelayClient *client, const Options &options, QObject *parent = nullptr);
+    static constexpr char ownPath[] = "/.nat-peer/";
+
+    HttpProxy(RelayClient *client, Options options, QObject *parent = nullptr);
 
     /// False when the address cannot be used; errorString() says why.
     bool listen(const QHostAddress &address, quint16 port) { return m_server.listen(address, port); }
@@ -57,6 +69,7 @@ private:
     void accept();
     void leave(ProxyConnection *connection);
     void enqueue(ProxyConnection *connection);
+    void answer(ProxyConnection *connection) const;
     void next();
     void forward(Job *job);
     void pause();

@@ -243,14 +243,19 @@ void ProxyConnection::fail(unsigned status, const QString &reason)
         setsockopt(static_cast<int>(m_socket->socketDescriptor()), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
         return m_socket->abort();
     }
+    answer(status, "text/plain; charset=utf-8", reason.toUtf8() + '\n');
+}
+
+void ProxyConnection::answer(unsigned status, const QByteArray &type, const QByteArray &body)
+{
     m_isReading = false;
     HttpResponseHead head;
     head.result(status);
-    head.set(http::field::content_type, "text/plain; charset=utf-8");
+    head.set(http::field::content_type, type.toStdString());
     head.set(http::field::cache_control, "no-store");
+    head.set("Content-Security-Policy", "default-src 'none'; style-src 'unsafe-inline'");
     if (status == 503)
         head.set(http::field::retry_after, "1");
-    const QByteArray body = reason.toUtf8() + '\n';
     sendHead(head, static_cast<quint64>(body.size()));
     if (m_request.method() != http::verb::head)
         sendBody(body);

@@ -27,6 +27,8 @@ public:
     void sendBody(const QByteArray &bytes);
     /// The response is whole: the next request is read.
     void finish();
+    /// Answers with a page of the proxy's own.
+    void answer(unsigned status, const QByteArray &type, const QByteArray &body);
     /// Answers with an error of the proxy's own or, when the head of a response has gone out, breaks the connection, so
     /// that the client takes no short body for a whole one.
     void fail(unsigned status, const QString &reason);

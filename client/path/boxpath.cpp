@@ -11,32 +11,16 @@
 #include "protocol/datagram.h"
 #include "protocol/uuidscan.h"
 
-#include <QUuid>
-
-#include <sys/resource.h>
-
-#include <algorithm>
-#include <functional>
-
 using namespace std::chrono_literals;
 
 namespace
 {
 constexpr auto tickSpacing = 20ms;
 constexpr std::chrono::milliseconds answerSpacing = 100ms; // a burst brings up to 800 datagrams at once
-constexpr qintptr spareDescriptors = 300;                  // for connections of browsers
 constexpr std::chrono::milliseconds echoTime = 1s;
 constexpr std::chrono::milliseconds improveLimit = 60s; // through all steps of knocking
 constexpr auto carrierRest = 30s;                       // what the box has under way is still carried after a move
-
-/// The same at every start, so that what the relay still sends to one that was killed reaches the next one, which
-/// confirms it: otherwise everybody would wait until the relay gives it up.
-quint16 usualPort(const QString &uuid)
-{
-    constexpr uint first = 49152; // of the ports that nobody is assigned (RFC 6335)
-    constexpr uint count = 16384;
-    return static_cast<quint16>(first + QUuid(uuid).data1 % count);
-}
+constexpr auto measureDelay = 1s; // by then there are no more echoes of the knocks that have opened the path
 
 bool isOver(const QElapsedTimer &timer, std::chrono::milliseconds time)
 {
@@ -49,13 +33,12 @@ BoxPath::BoxPath(const PeerFile &peer, const Options &options, QObject *parent)
       m_iv(QByteArray::fromHex(peer.iv.toLatin1())), m_options(options),
       m_plan(options.punch, options.datagramsPerMinute)
 {
-    const bool isBound =
-        options.udpPort == 0 ? addSocket(usualPort(m_uuid)) || addSocket(0) : addSocket(options.udpPort);
-    if (!isBound)
+    connect(&m_sockets, &SocketPool::received, this, &BoxPath::hear);
+    if (!m_sockets.open(m_uuid, options.udpPort))
         m_error = QStringLiteral("UDP port %1 cannot be used: another program may have it; choose another one")
                       .arg(options.udpPort);
     else if (!peer.server.isEmpty())
-        addWay(new ByIntroduction(peer, m_sockets.constFirst(), this));
+        addWay(new ByIntroduction(peer, m_sockets.first(), this));
     if (!peer.address.isEmpty())
         addWay(new ByAddress(peer.box(), this));
     else if (peer.server.isEmpty())
@@ -69,31 +52,17 @@ BoxPath::BoxPath(const PeerFile &peer, const Options &options, QObject *parent)
 void BoxPath::addWay(Way *way)
 {
     m_ways.append(way);
+    m_record.watch(way);
     connect(way, &Way::found, this, [this, way](const QList<Target> &targets) {
         m_found[way] = targets;
         aim();
     });
     connect(way, &Way::carrierFound, this, &BoxPath::useCarrier);
+    connect(way, &Way::carrierFound, this, &BoxPath::probe);
     connect(way, &Way::failed, this, [this](const QString &reason) {
         if (--m_waysLeft == 0 && m_isOpening)
             giveUp(reason);
     });
-}
-
-bool BoxPath::addSocket(quint16 port)
-{
-    auto *socket = new UdpChannel(this);
-    if (!socket->open(port)) {
-        delete socket;
-        return false;
-    }
-    connect(socket, &Channel::received, this,
-            [this, socket](const QByteArray &data, const QHostAddress &from, quint16 senderPort) {
-                if (m_sockets.contains(socket))
-                    hear(socket, data, from, senderPort);
-            });
-    m_sockets.append(socket);
-    return true;
 }
 
 void BoxPath::aim()
@@ -106,6 +75,8 @@ void BoxPath::aim()
         }
     }
     m_plan.aimAt(targets);
+    if (m_plan.hasTarget())
+        m_record.attempt(m_plan.text());
     for (const Target &target : qAsConst(targets)) {
         if (m_carrier != nullptr)
             m_carrier->permit(target.address);
@@ -117,6 +88,7 @@ void BoxPath::useCarrier(const TurnAccount &account)
     if (m_carrier != nullptr || !(m_isOpening || m_isImproving))
         return;
     m_carrier = new TurnChannel(account, this);
+    m_record.watch(m_carrier);
     connect(
         m_carrier, &Channel::received, this,
         [this](const QByteArray &data, const QHostAddress &from, quint16 port) { hear(m_carrier, data, from, port); });
@@ -149,6 +121,16 @@ void BoxPath::dropCarrier()
     m_carrier = nullptr;
 }
 
+/// Beside all else: what it tells is for a person.
+void BoxPath::probe(const TurnAccount &account)
+{
+    if (m_probe != nullptr)
+        return;
+    m_probe = std::make_unique<StunProbe>(m_sockets.first(), account.host, account.port, nullptr);
+    connect(m_probe.get(), &StunProbe::seen, this,
+            [this](const introduction::Address &address) { m_record.setPeerSeen(address); });
+}
+
 bool BoxPath::isFresh() const
 {
     return !m_isOpening && m_channel != nullptr && !isOver(m_sinceHeard, 2 * m_options.keepAlive + 5s);
@@ -174,6 +156,8 @@ void BoxPath::open()
     m_sinceOpening.start();
     m_plan.begin();
     m_ticks.start();
+    m_record.begin();
+    m_probe.reset();
     m_waysLeft = m_ways.size();
     for (Way *way : qAsConst(m_ways))
         way->begin();
@@ -199,30 +183,29 @@ void BoxPath::tick()
 
 void BoxPath::nextStep()
 {
-    const int wanted = m_plan.nextStep();
-    rlimit descriptors = {};
-    getrlimit(RLIMIT_NOFILE, &descriptors);
-    const auto most = static_cast<qintptr>(descriptors.rlim_cur) - spareDescriptors;
-    while (m_sockets.size() < wanted && m_sockets.constLast()->descriptor() < most && addSocket(0)) {
-    }
-    m_plan.useSockets(m_sockets.size());
+    m_plan.useSockets(m_sockets.grow(m_plan.nextStep()));
+    m_record.attempt(m_plan.text());
     for (Way *way : qAsConst(m_ways))
         way->help();
     if (m_isOpening)
-        emit progress(m_plan.text());
+        emit progress(QStringLiteral("no answer yet; ") + m_plan.text());
 }
 
 void BoxPath::knock(Channel *channel, const QHostAddress &address, quint16 port)
 {
     const QByteArray plain = datagram::link(DatagramKind::KeepAlive, m_uuid, m_boxUuid);
     channel->send(cipher::encipher(plain, m_key, m_iv), address, port);
-    if (channel == m_channel)
-        m_sinceKnock.start();
+    if (channel != m_channel)
+        return;
+    m_sinceKnock.start();
+    m_record.knocked();
 }
 
 void BoxPath::hear(Channel *channel, const QByteArray &data, const QHostAddress &from, quint16 port)
 {
-    if (channel == m_sockets.constFirst()) {
+    if (channel == m_sockets.first()) {
+        if (m_probe != nullptr && m_probe->take(data))
+            return;
         for (Way *way : qAsConst(m_ways)) {
             if (way->take(data, from, port))
                 return;
@@ -237,7 +220,8 @@ void BoxPath::hear(Channel *channel, const QByteArray &data, const QHostAddress 
 
 void BoxPath::take(Channel *channel, const QByteArray &plain, const QHostAddress &from, quint16 port)
 {
-    const bool isPresent = m_isOpening || channel == m_channel || (m_isImproving && m_channel == nullptr);
+    const bool isPresent =
+        m_isOpening || channel == m_channel || (m_isImproving && m_channel == nullptr && !channel->isDirect());
     const bool isBetter = m_isImproving && channel->isDirect();
     const bool isLate = channel == m_carrier; // what was under way before a move
     if (!isPresent && !isBetter && !isLate)
@@ -248,10 +232,13 @@ void BoxPath::take(Channel *channel, const QByteArray &plain, const QHostAddress
         m_port = port;
         m_sinceHeard.start();
     }
-    const bool isKnock = static_cast<DatagramKind>(plain.at(0)) == DatagramKind::ConnectRequest;
+    const auto kind = static_cast<DatagramKind>(plain.at(0));
+    const bool isKnock = kind == DatagramKind::ConnectRequest;
     const bool isEcho = !m_isOpening && isPresent && !isOver(m_sinceSend, echoTime); // of a ConnectRequest of ours
     if (isKnock && !isEcho && (isBetter || isOver(m_sinceKnock, answerSpacing)))
         knock(channel, from, port);
+    if (kind == DatagramKind::KeepAlive && !m_isOpening && channel == m_channel)
+        m_record.echoed();
     if (!isKnock)
         takeEcho(channel, from, port);
     if (isPresent || !isKnock) // a knock elsewhere is no answer to anything that was asked
@@ -270,13 +257,26 @@ void BoxPath::takeEcho(Channel *channel, const QHostAddress &from, quint16 port)
 void BoxPath::settle()
 {
     m_isOpening = false;
-    m_openingTime = m_sinceOpening.elapsed();
     m_undeciphered = 0;
     m_keepAlive.start();
     m_isImproving = !m_channel->isDirect();
+    noteOpen();
     if (!m_isImproving)
         stopKnocking();
+    tellWays();
     emit opened();
+}
+
+/// Before the knocking ends, as it may be what has opened the path.
+void BoxPath::noteOpen()
+{
+    if (m_channel->isDirect()) {
+        m_record.note(m_plan.text(), QStringLiteral("the box answers"));
+        m_record.open(m_address, m_port, m_plan.hasPunched());
+    } else {
+        m_record.openCarried(m_address, m_port, m_carrier->server());
+    }
+    QTimer::singleShot(measureDelay, this, &BoxPath::keepAlive);
 }
 
 /// What the box has under way still comes where it was asked from; what is asked from now on comes here.
@@ -286,22 +286,27 @@ void BoxPath::move(Channel *channel, const QHostAddress &address, quint16 port)
     m_address = address;
     m_port = port;
     m_sinceHeard.start();
-    m_openingTime = m_sinceOpening.elapsed();
+    noteOpen();
     stopKnocking();
+    tellWays();
     emit moved();
 }
 
-/// Keeps the first socket, for its local port, and the one on which the box was heard.
+void BoxPath::tellWays()
+{
+    for (Way *way : qAsConst(m_ways))
+        way->opened(m_record.reach());
+}
+
+/// The first socket stays, for its local port, and the one on which the box was heard.
 void BoxPath::stopKnocking()
 {
     m_isOpening = m_isImproving = false;
     m_ticks.stop();
+    m_record.end();
     for (Way *way : qAsConst(m_ways))
         way->end();
-    const auto isSpare = [this](UdpChannel *socket) { return socket != m_channel && socket != m_sockets.constFirst(); };
-    const auto firstSpare = std::stable_partition(m_sockets.begin() + 1, m_sockets.end(), std::not_fn(isSpare));
-    std::for_each(firstSpare, m_sockets.end(), [](UdpChannel *socket) { socket->deleteLater(); });
-    m_sockets.erase(firstSpare, m_sockets.end());
+    m_sockets.shrink(m_channel);
     if (m_carrier != nullptr && m_carrier != m_channel)
         QTimer::singleShot(carrierRest, m_carrier, [this] {
             if (m_carrier != m_channel && !m_isOpening)
@@ -311,24 +316,11 @@ void BoxPath::stopKnocking()
 
 void BoxPath::giveUp(const QString &reason)
 {
+    m_record.fail(reason);
     stopKnocking();
     emit failed(reason);
 }
 
-QString BoxPath::how() const
-{
-    if (m_channel == nullptr)
-        return QStringLiteral("not at all");
-    const QString time = QStringLiteral(", after %1 s").arg(static_cast<double>(m_openingTime) / 1000, 0, 'f', 1);
-    if (!m_channel->isDirect())
-        return QStringLiteral("carried by %1").arg(m_carrier->server()) + time;
-    return (m_plan.hasPunched() ? QStringLiteral("punched through the routers to %1")
-                                : QStringLiteral("directly at %1"))
-               .arg(introduction::hostOf(introduction::addressOf(m_address, m_port)).toString()) +
-           time;
-}
-
-/// Why nobody may have answered.
 QString BoxPath::silence() const
 {
     if (m_undeciphered > 0)

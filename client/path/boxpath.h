@@ -1,6 +1,9 @@
 #pragma once
 
 #include "client/path/knockplan.h"
+#include "client/path/pathrecord.h"
+#include "client/path/socketpool.h"
+#include "client/path/stunprobe.h"
 #include "client/path/turnchannel.h"
 #include "client/path/udpchannel.h"
 #include "client/path/way.h"
@@ -16,6 +19,7 @@
 #include <QTimer>
 
 #include <chrono>
+#include <memory>
 
 /// The way of the datagrams between a peer and its box: knocks where the box should be until it answers, enciphers,
 /// keeps the path open and follows a box whose address changes. All ways to find it race; where a server's carrying is
@@ -46,8 +50,12 @@ public:
     bool isFresh() const;
     /// Sends one datagram, enciphered. Only once the path has been open.
     void send(const QByteArray &plain);
-    /// How the box is reached, for a person to read.
-    QString how() const;
+    /// How the box is reached, and what was tried.
+    const PathRecord &record() const { return m_record; }
+    /// Open, and still looking for a direct way.
+    bool isImproving() const { return m_isImproving; }
+    /// Why nobody may have answered by now, the likeliest cause.
+    QString silence() const;
 
 signals:
     void opened();
@@ -61,10 +69,10 @@ signals:
 
 private:
     void addWay(Way *way);
-    bool addSocket(quint16 port);
     void aim();
     void useCarrier(const TurnAccount &account);
     void dropCarrier();
+    void probe(const TurnAccount &account);
     void tick();
     void nextStep();
     void knock(Channel *channel, const QHostAddress &address, quint16 port);
@@ -72,10 +80,11 @@ private:
     void take(Channel *channel, const QByteArray &plain, const QHostAddress &from, quint16 port);
     void takeEcho(Channel *channel, const QHostAddress &from, quint16 port);
     void settle();
+    void noteOpen();
     void move(Channel *channel, const QHostAddress &address, quint16 port);
     void stopKnocking();
+    void tellWays();
     void giveUp(const QString &reason);
-    QString silence() const;
     void keepAlive();
 
     const QString m_uuid;
@@ -88,19 +97,20 @@ private:
     int m_waysLeft = 0;  // that have not failed
     QHash<Way *, QList<Target>> m_found;
     KnockPlan m_plan;
-    QList<UdpChannel *> m_sockets; // the first one has the local port that was asked for
+    SocketPool m_sockets; // the first one has the local port that was asked for
     TurnChannel *m_carrier = nullptr;
+    std::unique_ptr<StunProbe> m_probe;
     Channel *m_channel = nullptr; // where the box was heard last, and from which address
     QHostAddress m_address;
     quint16 m_port = 0;
     bool m_isOpening = false;
-    bool m_isImproving = false; // open, and still looking for a direct way
-    int m_undeciphered = 0;     // datagrams since the path was last open
+    bool m_isImproving = false;
+    int m_undeciphered = 0; // datagrams since the path was last open
     QTimer m_ticks;
     QTimer m_keepAlive;
     QElapsedTimer m_sinceOpening;
     QElapsedTimer m_sinceHeard;
     QElapsedTimer m_sinceSend;
     QElapsedTimer m_sinceKnock; // of ours, where the box was heard
-    qint64 m_openingTime = 0;   // ms that it took
+    PathRecord m_record;
 };

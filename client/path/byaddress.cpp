@@ -8,6 +8,11 @@
 
 ByAddress::ByAddress(Endpoint box, QObject *parent) : Way(parent), m_box(std::move(box)) {}
 
+QString ByAddress::name() const
+{
+    return QStringLiteral("the address of the configuration, %1").arg(m_box.host);
+}
+
 void ByAddress::begin()
 {
     const auto port = static_cast<quint16>(m_box.port);

@@ -11,6 +11,7 @@ class ByAddress : public Way
 public:
     ByAddress(Endpoint box, QObject *parent);
 
+    QString name() const override;
     void begin() override;
 
 private:

@@ -9,6 +9,11 @@ ByDiscovery::ByDiscovery(QString uuid, QString boxUuid, QObject *parent)
 {
 }
 
+QString ByDiscovery::name() const
+{
+    return QStringLiteral("the local network");
+}
+
 void ByDiscovery::begin()
 {
     m_isSearching = true;

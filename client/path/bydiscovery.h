@@ -13,6 +13,7 @@ class ByDiscovery : public Way
 public:
     ByDiscovery(QString uuid, QString boxUuid, QObject *parent);
 
+    QString name() const override;
     void begin() override;
     void end() override;
     QString silence() const override;

@@ -22,6 +22,7 @@ constexpr std::chrono::milliseconds patientSpacing = 2s; // after a refusal that
 constexpr int sendsPerServer = 2;                        // before the next of its addresses is tried
 constexpr int sendsUntilStream = 3;                      // 1 s without a sign of the server
 constexpr int mostSends = 100;                           // of one call, whatever the server answers
+constexpr int mostReports = 5;                           // of the way that is open, likewise
 constexpr int mostOwnAddresses = 8;
 
 QList<QHostAddress> ownAddresses()
@@ -62,6 +63,11 @@ ByIntroduction::ByIntroduction(const PeerFile &peer, UdpChannel *channel, QObjec
     connect(&m_stream, &CallStream::received, this, [this](const QByteArray &data) { takeMessage(&m_byTcp, data); });
 }
 
+QString ByIntroduction::name() const
+{
+    return QStringLiteral("the rendezvous server, %1").arg(m_server.host);
+}
+
 void ByIntroduction::begin()
 {
     m_isAnswered = m_wantsBurst = false;
@@ -73,7 +79,7 @@ void ByIntroduction::begin()
     const QHostAddress literal(m_server.host);
     if (!literal.isNull()) {
         m_addresses = {literal};
-        return call();
+        return ask();
     }
     m_lookup = QHostInfo::lookupHost(m_server.host, this, [this](const QHostInfo &host) {
         m_lookup = -1;
@@ -84,7 +90,7 @@ void ByIntroduction::begin()
         std::stable_partition(m_addresses.begin(), m_addresses.end(), [](const QHostAddress &address) {
             return address.protocol() == QAbstractSocket::IPv4Protocol;
         });
-        call();
+        ask();
     });
 }
 
@@ -101,14 +107,14 @@ void ByIntroduction::help()
 {
     m_wantsBurst = true;
     if (!m_addresses.isEmpty())
-        call();
+        ask();
 }
 
 void ByIntroduction::useRelayed(const QHostAddress &address, quint16 port)
 {
     m_relayed = addressOf(address, port);
     if (!m_addresses.isEmpty())
-        call();
+        ask();
 }
 
 /// The last call once more, whose answer brings another account.
@@ -132,6 +138,22 @@ QString ByIntroduction::silence() const
                      "no answer from %1, the rendezvous server, by UDP or TCP: is this machine connected to the "
                      "internet, and that server on?")
                      .arg(m_server.host);
+}
+
+/// The box's owner sees it. Nothing waits for that, so a server that is gone is not asked for long.
+void ByIntroduction::opened(OpenWay way)
+{
+    if (m_addresses.isEmpty())
+        return;
+    m_openWay = way;
+    call();
+    m_sent = mostSends - mostReports;
+}
+
+void ByIntroduction::ask()
+{
+    m_openWay.reset();
+    call();
 }
 
 void ByIntroduction::call()
@@ -189,6 +211,9 @@ std::string ByIntroduction::sealed(const Line &line) const
         items.add(Item::NoDatagrams, std::string_view());
     else if (m_wantsBurst)
         items.add(Item::BurstWanted, std::string_view());
+    const char way = m_openWay ? static_cast<char>(*m_openWay) : '\0';
+    if (m_openWay)
+        items.add(Item::OpenWay, std::string_view(&way, 1));
     return seal(items.bytes(), context(SealedFor::BoxByPeer, m_box, m_peer, line.id), m_key);
 }
 
@@ -240,7 +265,9 @@ void ByIntroduction::takeRefusal(const Refusal &refusal)
         m_reason = QStringLiteral("the rendezvous server does not take this peer's token: the box has joined anew, and "
                                   "must hand over a new configuration");
     else
-        m_reason = QStringLiteral("the rendezvous server is busy with other calls for this box");
+        m_reason =
+            QStringLiteral("the rendezvous server has passed on as many calls to the box as it may, and this one "
+                           "had no answer: is the box's configuration still the one that was handed over?");
     m_repeat.start(patientSpacing);
 }
 
@@ -261,10 +288,12 @@ void ByIntroduction::takeAnswer(Line *line, const Answer &answer)
     if (!where.empty() && !hostOf(where.front()).isLoopback()) // one, as a server that lies must not aim us at many
         seen.append({hostOf(where.front()), where.front().port, true});
     if (answer.byBox.empty()) { // a box with other software, of which the server only knows where it is
+        tellSides(*line, *items, {});
         emit found(seen);
     } else {
         const auto plain = unseal(answer.byBox, context(SealedFor::PeerByBox, m_box, m_peer, line->id), m_key);
         const auto byBox = plain ? Items::of(*plain) : std::nullopt;
+        tellSides(*line, *items, byBox.value_or(Items()));
         if (byBox)
             takeVerdict(*byBox, seen);
         else
@@ -275,6 +304,19 @@ void ByIntroduction::takeAnswer(Line *line, const Answer &answer)
         emit carrierFound({turn.host, static_cast<quint16>(turn.port),
                            static_cast<quint16>(items->number(Item::TurnTlsPort)), !m_byUdp.isHeard,
                            toBytes(items->first(Item::TurnUser)), toBytes(items->first(Item::TurnPassword))});
+}
+
+void ByIntroduction::tellSides(const Line &line, const Items &byServer, const Items &byBox)
+{
+    Sides sides;
+    const auto own = ownAddresses();
+    for (const QHostAddress &address : own)
+        sides.peer.own.push_back(addressOf(address, m_channel->port()));
+    if (&line == &m_byUdp) // the ports of TCP are others
+        sides.peer.seen = byServer.addresses(Item::CallerAddress);
+    sides.box.own = byBox.addresses(Item::OwnAddress);
+    sides.box.seen = byServer.addresses(Item::SeenAddress);
+    emit sighted(sides);
 }
 
 void ByIntroduction::takeVerdict(const Items &byBox, const QList<Target> &seen)
@@ -300,5 +342,7 @@ void ByIntroduction::takeVerdict(const Items &byBox, const QList<Target> &seen)
     for (const Address &address : byBox.addresses(Item::OwnAddress))
         targets.append({hostOf(address), address.port, false});
     m_wantsBurst = false; // that one has been heard
+    if (m_openWay)
+        return;
     emit found(targets + seen);
 }

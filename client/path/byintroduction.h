@@ -18,15 +18,18 @@ public:
     /// Calls leave from `channel`, at whose outside port the box knocks.
     ByIntroduction(const PeerFile &peer, UdpChannel *channel, QObject *parent);
 
+    QString name() const override;
     void begin() override;
     void end() override;
     bool take(const QByteArray &data, const QHostAddress &from, quint16 port) override;
     void help() override;
     void useRelayed(const QHostAddress &address, quint16 port) override;
     void loseCarrier() override;
+    void opened(introduction::OpenWay way) override;
     QString silence() const override;
 
 private:
+    void ask();
     void call();
     void transmit();
     /// The present call, as it goes one way: the server sees another address of this peer on each.
@@ -42,6 +45,7 @@ private:
     void takeChallenge(Line *line, const introduction::Challenge &challenge);
     void takeRefusal(const introduction::Refusal &refusal);
     void takeAnswer(Line *line, const introduction::Answer &answer);
+    void tellSides(const Line &line, const introduction::Items &byServer, const introduction::Items &byBox);
     void takeVerdict(const introduction::Items &byBox, const QList<Target> &seen);
     std::string sealed(const Line &line) const;
     void nextServer();
@@ -61,7 +65,8 @@ private:
     std::uint64_t m_boxNonce = 0;
     int m_sent = 0; // of the present call
     bool m_wantsBurst = false;
-    introduction::Address m_relayed; // port 0: none
-    bool m_isAnswered = false;       // by the box
-    QString m_reason;                // why the server or the box said no, last
+    introduction::Address m_relayed;                // port 0: none
+    std::optional<introduction::OpenWay> m_openWay; // that the present call tells
+    bool m_isAnswered = false;                      // by the box
+    QString m_reason;                               // why the server or the box said no, last
 };

@@ -95,7 +95,9 @@ QString KnockPlan::text() const
 {
     const Step &step = steps[m_step];
     const int datagrams = m_sockets + step.sweepers * 2 * step.reach;
-    return QStringLiteral("no answer yet; trying from %1 at %2 of the box's ports: %3 datagrams")
+    if (datagrams == 1)
+        return QStringLiteral("knocking at the box's port");
+    return QStringLiteral("knocking from %1 at %2 of the box's ports: %3 datagrams")
         .arg(m_sockets == 1 ? QStringLiteral("1 socket") : QStringLiteral("%1 sockets").arg(m_sockets))
         .arg(1 + 2 * step.reach)
         .arg(datagrams);

@@ -1,7 +1,9 @@
 #pragma once
 
+#include "client/path/sides.h"
 #include "client/path/target.h"
 #include "client/path/turnaccount.h"
+#include "introduction/messages.h"
 
 #include <QByteArray>
 #include <QHostAddress>
@@ -18,6 +20,8 @@ class Way : public QObject
 public:
     using QObject::QObject;
 
+    /// What it asks, for a person to read.
+    virtual QString name() const = 0;
     /// Begins to look for the box; found() or failed() may follow at once, and found() more than once.
     virtual void begin() = 0;
     /// The path is open, or given up: looks no further.
@@ -30,6 +34,8 @@ public:
     virtual void useRelayed(const QHostAddress & /*address*/, quint16 /*port*/) {}
     /// Nobody carries any more.
     virtual void loseCarrier() {}
+    /// The path is open, this way.
+    virtual void opened(introduction::OpenWay /*way*/) {}
     /// Why nobody may have answered by now, where this way knows better than that the box is silent; else empty.
     virtual QString silence() const { return QString(); }
 
@@ -38,6 +44,8 @@ signals:
     void found(const QList<Target> &targets);
     /// Who would carry datagrams where no direct way opens.
     void carrierFound(const TurnAccount &account);
+    /// How others see the two sides.
+    void sighted(const Sides &sides);
     /// This way leads nowhere; one line that says why.
     void failed(const QString &reason);
 };

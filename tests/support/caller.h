@@ -92,6 +92,7 @@ struct FakeServer {
             const bool isSigned = data == sign(data.chopped(16), tokenOfBox());
             if (isSigned && data.startsWith('\xa1')) {
                 nonce = data.mid(17, 8);
+                registrations++;
                 send("\xa2" + data.mid(25, 4) + address(lan, boxPort));
             } else if (isSigned) {
                 replies += data;
@@ -118,4 +119,5 @@ struct FakeServer {
     QByteArray nonce; // the box's
     quint16 boxPort = 0;
     QByteArrayList replies;
+    int registrations = 0;
 };

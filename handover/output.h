@@ -1,10 +1,7 @@
 #pragma once
 
 #include <QByteArray>
-#include <QJsonDocument>
-#include <QList>
 #include <QString>
-#include <QStringList>
 
 #include <unistd.h>
 
@@ -33,12 +30,3 @@ private:
     int m_descriptor = STDOUT_FILENO;
     QString m_error;
 };
-
-/// Writes to standard output; empty text, or what went wrong.
-QString print(const QByteArray &text);
-
-/// Rows in columns as wide as their longest text, without what might drive a terminal.
-QByteArray toTable(const QList<QStringList> &rows);
-
-/// RFC 8259; what might drive a terminal is escaped.
-QByteArray toJson(const QJsonDocument &document);
