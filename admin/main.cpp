@@ -14,7 +14,7 @@ namespace
 {
 constexpr char help[] = R"(Makes the store of nat-relayd and keeps its settings and peers.
 
-Usage: nat-relay-admin COMMAND [ARGUMENT ...] [OPTION ...]
+Usage: nat-relay-admin COMMAND [ARGUMENT ...] [OPTION ...], or --version
 
 init
     Makes the store, with working settings and a fresh UUID, key and IV.
@@ -167,6 +167,8 @@ int main(int argc, char **argv)
     const QString name = arguments.size() > 1 ? arguments.takeAt(1) : QString();
     if (name == QLatin1String("--help") || name == QLatin1String("-h"))
         return printHelp();
+    if (name == QLatin1String("--version"))
+        return print("nat-relay-admin " PROGRAM_VERSION "\n").isEmpty() ? 0 : 1;
     const auto command = std::find_if(commands().cbegin(), commands().cend(),
                                       [&name](const Command &candidate) { return candidate.name == name; });
     if (command == commands().cend())

@@ -17,7 +17,7 @@ namespace
 {
 constexpr char help[] = R"(Has peers find this box through a rendezvous server, beside nat-relayd.
 
-Usage: nat-relay-agent
+Usage: nat-relay-agent [--help|--version]
 
 It keeps the box registered at the server that nat-relay-admin join has named,
 answers the calls of its peers, and has nat-relayd connect to those that do not
@@ -45,6 +45,10 @@ int main(int argc, char **argv)
     const QCoreApplication application(argc, argv);
     if (QCoreApplication::arguments().size() > 1) {
         const QString word = QCoreApplication::arguments().at(1);
+        if (word == QLatin1String("--version")) {
+            std::puts("nat-relay-agent " PROGRAM_VERSION);
+            return 0;
+        }
         const bool isAsked = word == QLatin1String("--help") || word == QLatin1String("-h");
         std::fputs(isAsked ? help : "nat-relay-agent: there are no options; see nat-relay-agent --help\n",
                    isAsked ? stdout : stderr);

@@ -37,6 +37,7 @@ CommandLine::CommandLine(const QList<Command> &commands) : m_commands(commands)
     m_parser.addPositionalArgument(QStringLiteral("command"), anyOf(names) + QLatin1Char('.'),
                                    QStringLiteral("command [argument]"));
     m_parser.addOption({{QStringLiteral("h"), QStringLiteral("help")}, QStringLiteral("Print this help.")});
+    m_parser.addOption({QStringLiteral("version"), QStringLiteral("Print the version.")});
     m_parser.addOption({QStringLiteral("config"),
                         QStringLiteral("Who talks to which box (INI file). Without an address in it, the box is "
                                        "looked for on the local network."),
@@ -47,6 +48,8 @@ CommandLine::CommandLine(const QList<Command> &commands) : m_commands(commands)
                         QStringLiteral("address:port"), QStringLiteral("127.0.0.1:8080")});
     m_parser.addOption({{QStringLiteral("i"), QStringLiteral("include")},
                         QStringLiteral("get: print status line and header fields too.")});
+    m_parser.addOption({QStringLiteral("fail"),
+                        QStringLiteral("get: an error of the web server, 400 and more, is not printed but fails.")});
     m_parser.addOption(
         {{QStringLiteral("v"), QStringLiteral("verbose")}, QStringLiteral("serve: a line for each request.")});
     m_parser.addOption({QStringLiteral("json"), QStringLiteral("status: for programs.")});
@@ -66,6 +69,8 @@ QString CommandLine::read(const QStringList &arguments)
         return QStringLiteral("%1; %2").arg(m_parser.errorText(), usage());
     if (isSet("help"))
         m_parser.showHelp(0);
+    if (isSet("version"))
+        m_parser.showVersion();
     return valuecheck::firstError({checkNumber("timeout", 1, 86400), checkNumber("queue", 1, 10000),
                                    checkNumber("udp-port", 0, 65535), checkNumber("keep-alive", 1, 3600),
                                    checkNumber("punch-rate", 100, 1000000), checkCommand()});

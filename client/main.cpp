@@ -36,6 +36,7 @@ int main(int argc, char **argv)
     std::signal(SIGPIPE, SIG_IGN); // a closed output is an error like any other, and the relay is told all the same
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("nat-peer"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(PROGRAM_VERSION));
 
     CommandLine line(commands());
     const QString mistake = line.read(QCoreApplication::arguments());

@@ -45,6 +45,7 @@ int run(int argc, char **argv)
         "Tells boxes and their peers where the other one is, so that they find each other through their routers.",
         "nat-rendezvousd");
     app.require_subcommand(1);
+    app.set_version_flag("--version", "nat-rendezvousd " PROGRAM_VERSION);
     app.set_config("--config", std::string(defaultFolder) + "/nat-rendezvousd.conf", "What setup wrote");
     app.allow_config_extras(CLI::config_extras_mode::error);
     Configuration configuration;
@@ -97,6 +98,8 @@ int run(int argc, char **argv)
         } else {
             serve(configuration);
         }
+    } catch (const CLI::CallForVersion &version) {
+        std::puts(version.what());
     } catch (const CLI::Success &) {
         std::fputs(app.help("", CLI::AppFormatMode::All).c_str(), stdout);
     } catch (const CLI::ParseError &error) {

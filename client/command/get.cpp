@@ -22,7 +22,7 @@ int command::get(const Job &job)
         return complain(
             QStringLiteral("the path is too long: a request must fit into %1 bytes").arg(RelayClient::longestRequest));
     ProgressLine progress;
-    Fetch fetch(job.client, job.line.isSet("include"));
+    Fetch fetch(job.client, job.line.isSet("include"), !job.line.isSet("fail"));
     QObject::connect(&fetch, &Fetch::progressed,
                      [&progress](const RelayClient::Traffic &traffic) { progress.show(traffic); });
     QObject::connect(&fetch, &Fetch::finished, [&progress](const QString &error) {

@@ -9,7 +9,8 @@
 
 namespace http = boost::beast::http;
 
-Fetch::Fetch(RelayClient *client, bool withHead) : m_client(client), m_exchange(client), m_isHeadWanted(withHead)
+Fetch::Fetch(RelayClient *client, bool withHead, bool mayBeError)
+    : m_client(client), m_exchange(client), m_isHeadWanted(withHead), m_mayBeError(mayBeError)
 {
     connect(&m_exchange, &Exchange::progressed, this, [this] {
         emit progressed(m_exchange.traffic());
@@ -18,7 +19,8 @@ Fetch::Fetch(RelayClient *client, bool withHead) : m_client(client), m_exchange(
     connect(&m_exchange, &Exchange::paused, &m_exchange, &Exchange::resume);
     connect(&m_exchange, &Exchange::finished, this, [this] {
         write();
-        end(QString());
+        end(isFailure() ? QStringLiteral("the web server answers with status %1").arg(m_exchange.head().result_int())
+                        : QString());
     });
     connect(&m_exchange, &Exchange::failed, this, [this](unsigned /*status*/, const QString &reason) {
         write();
@@ -46,6 +48,8 @@ void Fetch::interrupt()
 void Fetch::write()
 {
     QByteArray output = m_exchange.takeBody();
+    if (isFailure())
+        return;
     if (m_isHeadWanted && m_exchange.head().result_int() != 0) {
         std::ostringstream head;
         head << m_exchange.head();
@@ -59,6 +63,12 @@ void Fetch::write()
         return;
     m_exchange.cancel();
     end(QStringLiteral("cannot write to standard output: ") + qt_error_string());
+}
+
+bool Fetch::isFailure() const
+{
+    constexpr unsigned firstError = 400;
+    return !m_mayBeError && m_exchange.head().result_int() >= firstError;
 }
 
 void Fetch::end(const QString &error)

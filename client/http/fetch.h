@@ -11,8 +11,9 @@ class Fetch : public QObject
     Q_OBJECT
 
 public:
-    /// `withHead`: status line and fields go first.
-    Fetch(RelayClient *client, bool withHead);
+    /// `withHead`: status line and fields go first. `mayBeError`: what the web server answers with an error (400 and
+    /// more) is a response like any other, and not a failure without output.
+    Fetch(RelayClient *client, bool withHead, bool mayBeError);
 
     /// `target` in origin form.
     void get(const QString &target);
@@ -26,11 +27,13 @@ signals:
 
 private:
     void write();
+    bool isFailure() const;
     void end(const QString &error);
 
     RelayClient *m_client;
     Exchange m_exchange;
     bool m_isHeadWanted;
+    const bool m_mayBeError;
     bool m_hasEnded = false;
     QString m_error;
 };
