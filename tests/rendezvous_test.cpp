@@ -343,6 +343,8 @@ private slots:
         const QByteArray unset = run(config + QStringList{"token", boxText});
         QVERIFY(unset.startsWith("1 nat-rendezvousd: ") && unset.count('\n') == 1 && unset.contains("not readable"));
         const QStringList setup{"setup", "--host", "rendezvous.example", "--folder", folder.filePath("made")};
+        const QString longName = QString(63, 'h') + ".example";
+        QVERIFY(run({"setup", "--host", longName, "--folder", folder.filePath("long")}).contains("certificate.pem and "));
         QVERIFY(run(setup).startsWith("0 Wrote "));
         QVERIFY(run(setup).contains("exists already"));
         const auto read = [&](const QString &name) {
