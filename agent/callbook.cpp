@@ -6,6 +6,7 @@
 #include "agent/onlyone.h"
 #include "introduction/hostaddress.h"
 
+#include <QDeadlineTimer>
 #include <QJsonDocument>
 #include <QJsonValue>
 
@@ -13,7 +14,9 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <chrono>
 #include <utility>
 
 using introduction::OpenWay;
@@ -21,6 +24,8 @@ using introduction::OpenWay;
 namespace
 {
 constexpr int mostWaiting = 8;
+constexpr int longestText = 1 << 24; // bytes: what goes on and on is no agent, but has taken its name
+constexpr std::chrono::milliseconds longestTalk = std::chrono::seconds(2);
 constexpr timeval patience{0, 200000}; // us, for a program of our own user that does not read
 
 QString wordsFor(OpenWay way)
@@ -118,9 +123,12 @@ QJsonObject askCallBook(quint16 port)
         setsockopt(agent, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0 &&
         connect(agent, reinterpret_cast<const sockaddr *>(&name.address), name.length) == 0) {
         std::array<char, 65536> part = {};
-        for (ssize_t length = recv(agent, part.data(), part.size(), 0); length > 0;
-             length = recv(agent, part.data(), part.size(), 0))
-            text.append(part.data(), static_cast<int>(length));
+        const QDeadlineTimer end(longestTalk);
+        ssize_t length = 1;
+        while (length > 0 && text.size() < longestText && !end.hasExpired()) {
+            length = recv(agent, part.data(), part.size(), 0);
+            text.append(part.data(), static_cast<int>(std::max<ssize_t>(length, 0)));
+        }
     }
     if (agent >= 0)
         close(agent);

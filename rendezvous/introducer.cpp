@@ -5,6 +5,8 @@
 
 #include "rendezvous/introducer.h"
 
+#include "rendezvous/network.h"
+
 #include <cryptopp/hmac.h>
 #include <cryptopp/sha.h>
 #include <cryptopp/siphash.h>
@@ -31,9 +33,6 @@ constexpr std::size_t mostPlainBoxes = 100'000;  // as anybody can make them up
 // The registration of a relay, in plain.
 constexpr std::uint8_t plainKind = 1;
 constexpr std::size_t plainUuidOffset = 5;
-
-constexpr std::array<std::uint8_t, 12> mappedPrefix{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
-constexpr std::size_t networkLength = 8; // of an IPv6 address: what one household or host has
 
 void appendNumber(std::string *text, std::uint64_t number)
 {
@@ -282,10 +281,7 @@ Introducer::Response Introducer::drop()
 
 bool Introducer::isWithinLimit(const Incoming &incoming)
 {
-    const auto &ip = incoming.from.address.ip;
-    const bool isMapped = std::equal(mappedPrefix.cbegin(), mappedPrefix.cend(), ip.cbegin());
-    const std::string_view network(reinterpret_cast<const char *>(ip.data()), isMapped ? ip.size() : networkLength);
-    if (allowance(m_sources.get(), network)->take(incoming.now, sourceRule))
+    if (allowance(m_sources.get(), networkOf(incoming.from.address))->take(incoming.now, sourceRule))
         return true;
     Counts::add(&m_counts.overLimit);
     return false;

@@ -191,8 +191,17 @@ bool NatsNodes::connect()
     natsOptions_UseGlobalMessageDelivery(options, true); // or each box would have a thread
     natsOptions_SetNoEcho(options, true);
     natsOptions_SetClosedCB(options, onClosed, this);
-    if (natsConnection_Connect(&m_connection, options) != NATS_OK)
+    const natsStatus status = natsConnection_Connect(&m_connection, options);
+    if (status != NATS_OK) {
+        if (!m_isTold)
+            std::fprintf(stderr,
+                         "nat-rendezvousd: cannot connect to NATS (%s); only boxes registered here are known until "
+                         "it answers\n",
+                         natsStatus_GetText(status));
+        m_isTold = true;
         return false;
+    }
+    m_isTold = true; // what happens to it from now on is told when it happens
     natsConnection_Subscribe(&m_own, m_connection, subjectOf(m_number, "*").c_str(), onMessage, this);
     for (auto &[box, subscription] : m_boxes)
         subscribe(box, &subscription);

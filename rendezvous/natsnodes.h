@@ -65,6 +65,7 @@ private:
     std::condition_variable m_isWanted;
 
     // Of the thread alone.
+    bool m_isTold = false; // how it went for the first time
     natsConnection *m_connection = nullptr;
     natsSubscription *m_own = nullptr;
     std::map<introduction::Uuid, natsSubscription *> m_boxes;

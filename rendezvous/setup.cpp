@@ -123,7 +123,7 @@ std::string Setup::run() const
             unlink(files.at(file).first.c_str());
         throw;
     }
-    return "Wrote " + server + " and " + coturn +
+    return "Wrote " + server + (certificate.empty() ? ", " + own : "") + " and " + coturn +
            ". Keep a copy: without the secret all boxes must join anew.\n"
            "Open to the internet:\n"
            "  UDP and TCP 7000     nat-rendezvousd\n"
@@ -134,6 +134,6 @@ std::string Setup::run() const
            "  UDP 49152 to 65535   coturn, what it carries\n"
            "Then run nat-rendezvousd serve and turnserver -c " +
            coturn +
-           ",\nand for each box nat-rendezvousd token UUID. For several nodes copy both files to each, and add "
-           "cluster=nats://HOST:4222.\n";
+           ",\nand for each box nat-rendezvousd token UUID. For several nodes copy these files to each, and add "
+           "cluster=nats://HOST:4222 to the first.\n";
 }

@@ -1,6 +1,7 @@
 #include "rendezvous/streams.h"
 
 #include "introduction/socketaddress.h"
+#include "rendezvous/network.h"
 #include "rendezvous/sockets.h"
 
 #include <netinet/in.h>
@@ -15,12 +16,13 @@
 #include <chrono>
 #include <system_error>
 
+using introduction::Address;
 using namespace std::chrono_literals;
 
 namespace
 {
-constexpr std::size_t mostConnections =
-    500; // of 1,024 descriptors; one more takes the place of the one that was silent longest
+constexpr std::size_t mostConnections = 500; // of 1,024 descriptors
+constexpr int mostOfNetwork = 50;            // of one network's
 constexpr Moment silenceLimit = 60s;
 constexpr int mostEvents = 64; // at a time, so that UDP has its turn
 constexpr std::size_t lengthSize = 2;
@@ -93,15 +95,25 @@ void Streams::accept(int listener, Moment now)
         accept4(listener, reinterpret_cast<sockaddr *>(&native), &length, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (descriptor < 0)
         return;
-    if (m_connections.size() == mostConnections)
-        close(m_connections.begin());
+    const Address peer = introduction::fromSocketAddress(native);
+    makeRoom(peer);
     const int on = 1;
     setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    m_connections.push_back({descriptor, introduction::fromSocketAddress(native), now, std::string()});
+    m_connections.push_back({descriptor, peer, now, std::string()});
     epoll_event wanted = {};
     wanted.events = EPOLLIN;
     wanted.data.fd = descriptor;
     epoll_ctl(m_events, EPOLL_CTL_ADD, descriptor, &wanted);
+}
+
+/// Who was silent longest goes: where a network has many, one of its own, so that it cannot cut off all others.
+void Streams::makeRoom(const Address &comer)
+{
+    const auto isNear = [network = networkOf(comer)](const Connection &one) { return networkOf(one.peer) == network; };
+    if (std::count_if(m_connections.cbegin(), m_connections.cend(), isNear) >= mostOfNetwork)
+        close(std::find_if(m_connections.begin(), m_connections.end(), isNear));
+    else if (m_connections.size() == mostConnections)
+        close(m_connections.begin());
 }
 
 /// Whether the connection may stay.

@@ -42,6 +42,7 @@ private:
     using Connections = std::list<Connection>;
 
     void accept(int listener, Moment now);
+    void makeRoom(const introduction::Address &comer);
     bool read(Connection *connection, const std::function<void(const Place &from, std::string_view bytes)> &take);
     void close(Connections::iterator connection);
     Connections::iterator find(int descriptor);

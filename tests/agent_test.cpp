@@ -3,10 +3,13 @@
 // clazy:excludeall=non-pod-global-static
 
 #include "agent/callmemory.h"
+#include "agent/onlyone.h"
 #include "agent/sharedport.h"
 #include "introduction/hostaddress.h"
 #include "tests/support/caller.h"
 #include "tests/support/programs.h"
+
+#include <QScopeGuard>
 
 #include <atomic>
 #include <csignal>
@@ -45,11 +48,11 @@ class AgentTest : public QObject, Programs
         agent->start(BUILD_DIR "/nat-relay-agent", QStringList());
     }
     void hangUp() const { ::kill(static_cast<pid_t>(agent->processId()), SIGHUP); }
-    void startServer()
+    void startServer(const QByteArray &more = QByteArray())
     {
         server.reset();
         server.reset(new QProcess);
-        write("rendezvous.conf", "host=192.0.2.1\nsecret=" + serverSecret.toHex() + '\n');
+        write("rendezvous.conf", "host=192.0.2.1\nsecret=" + serverSecret.toHex() + '\n' + more);
         server->start(BUILD_DIR "/nat-rendezvousd", {"--config", path("rendezvous.conf"), "--metrics", "", "--listen", "192.0.2.1:7000",
                                                      "--listen", "127.0.0.1:7000", "serve"});
         QVERIFY(QTest::qWaitFor([this] { return server->readAllStandardError().contains("ready"); }, 10000));
@@ -264,6 +267,35 @@ private slots:
         QVERIFY(!home.hasPendingDatagrams());
         rendezvous.writeDatagram(good, lan, port);
         QVERIFY(QTest::qWaitFor([&] { return home.hasPendingDatagrams(); }, 10000));
+        int calls = 0; // a server that answers them with challenges on and on is left alone
+        caller.id = nextCall().mid(33, 8); // as knocking opens nothing
+        while (calls < 200 && QTest::qWaitFor([&] { return rendezvous.hasPendingDatagrams(); }, 1500)) {
+            calls++;
+            rendezvous.readDatagram(nullptr, 0);
+            rendezvous.writeDatagram("\xa3" + caller.id + bytesOf(quint64(calls)) + noCookie, lan, port);
+        }
+        QVERIFY2(calls > 80 && calls < 110, QByteArray::number(calls));
+    }
+
+    void peersAreCarriedByTlsWhereNothingElsePasses()
+    {
+        QProcess::execute(BUILD_DIR "/nat-rendezvousd", {"setup", "--host", "192.0.2.1", "--folder", path("made")});
+        QFile made(path("made/turnserver.conf"));
+        QVERIFY(made.open(QIODevice::ReadOnly));
+        const QByteArray text = made.readAll();
+        startServer("turn=192.0.2.1:3478\nturn-tls-port=5349\nturn-secret=" + text.mid(text.indexOf("auth-secret=") + 12, 64) + '\n');
+        const Process coturn(new QProcess); // which carries to this network as it is told, and from ports that no peer has
+        coturn->start("turnserver", {"-c", made.fileName(), "--pidfile", path("pid"), "--listening-ip", "192.0.2.1", "--relay-ip",
+                                     "192.0.2.1", "--allowed-peer-ip", "192.0.2.1", "--min-port", "20000", "--max-port", "20100"});
+        const auto openAgain = qScopeGuard([] { nft({"delete table inet blocked"}); });
+        QVERIFY(nft({"add table inet blocked; add chain inet blocked in { type filter hook input priority 0; };"
+                     "add rule inet blocked in udp sport >= 32768 drop; add rule inet blocked in tcp dport 3478 reject with tcp reset"}));
+        startRelay();
+        startAgent();
+        QVERIFY2(awaitAgent("Registered at"), agentLog);
+        write("peer.ini", introduced(peerUuid));
+        const auto [status, told, error] = fetch({"status"});
+        QVERIFY2(status == 0 && told.startsWith("The box is reached carried by 192.0.2.1 over TLS\n"), told + error);
     }
 
     /// Real ones, of whom each has something that is not right any more.
@@ -420,6 +452,19 @@ private slots:
         fake.nonce.clear();
         startAgent();
         QVERIFY(fake.isRegistered());
+        agent.reset();
+        const AgentName name(5000); // which anybody on the machine can take; he is not listened to for ever
+        const int impostor = socket(AF_UNIX, SOCK_STREAM, 0);
+        QVERIFY(::bind(impostor, reinterpret_cast<const sockaddr *>(&name.address), name.length) == 0 && ::listen(impostor, 1) == 0);
+        second.start(BUILD_DIR "/nat-relay-admin", {"peers"});
+        const int admin = accept(impostor, nullptr, nullptr);
+        const QByteArray part(65536, 'x');
+        int parts = 0;
+        while (parts < 10000 && send(admin, part.constData(), size_t(part.size()), MSG_NOSIGNAL) > 0)
+            parts++;
+        QVERIFY(second.waitForFinished(10000) && second.exitCode() == 0 && parts < 10000);
+        close(admin);
+        close(impostor);
     }
 
     void sharedPortTakesNoDatagramOfAPeer()

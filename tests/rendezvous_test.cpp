@@ -343,6 +343,8 @@ private slots:
         const QByteArray unset = run(config + QStringList{"token", boxText});
         QVERIFY(unset.startsWith("1 nat-rendezvousd: ") && unset.count('\n') == 1 && unset.contains("not readable"));
         const QStringList setup{"setup", "--host", "rendezvous.example", "--folder", folder.filePath("made")};
+        const QString longName = QString(63, 'h') + ".example";
+        QVERIFY(run({"setup", "--host", longName, "--folder", folder.filePath("long")}).contains("certificate.pem and "));
         QVERIFY(run(setup).startsWith("0 Wrote "));
         QVERIFY(run(setup).contains("exists already"));
         const auto read = [&](const QString &name) {
@@ -380,7 +382,7 @@ private slots:
         const auto framed = [](const QByteArray &bytes) { return bytesOf(quint32(bytes.size())).right(2) + bytes; };
         QTcpSocket peer;
         QByteArray heard;
-        peer.connectToHost("127.0.0.1", 7000);
+        peer.connectToHost("::1", 7000);
         const auto say = [&](const QByteArray &bytes, int answer) {
             heard.clear();
             for (const char byte : framed(bytes)) {
@@ -393,6 +395,16 @@ private slots:
         QCOMPARE(heard.left(11), framed("\xa3" + callId + QByteArray(16, 'x')).left(2) + "\xa3" + callId);
         QVERIFY(say(call(heard.mid(11, 8)), 2 + 10));
         QCOMPARE(heard, framed("\xa4" + callId + '\1')); // it has another secret
+        std::vector<std::unique_ptr<QTcpSocket>> flood; // of one source, which harms no other
+        while (flood.size() < 510) {
+            flood.push_back(std::make_unique<QTcpSocket>());
+            flood.back()->connectToHost("127.0.0.1", 7000);
+            QVERIFY(flood.back()->waitForConnected());
+        }
+        flood.back()->write(framed(call(noCookie)));
+        QVERIFY(flood.back()->waitForReadyRead()); // by now all others have come in
+        QVERIFY(say(call(noCookie), 2 + 25));
+        QTRY_COMPARE(flood.front()->state(), QAbstractSocket::UnconnectedState);
         peer.write("GET / HTTP/1.1\r\n\r\n");
         QTRY_COMPARE(peer.state(), QAbstractSocket::UnconnectedState);
         QTcpSocket metrics;

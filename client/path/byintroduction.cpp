@@ -250,6 +250,8 @@ void ByIntroduction::takeMessage(Line *line, const QByteArray &data)
 
 void ByIntroduction::takeChallenge(Line *line, const Challenge &challenge)
 {
+    if (++m_sent > mostSends)
+        return m_repeat.stop();
     line->cookie = challenge.cookie;
     if (challenge.boxNonce != 0)
         m_boxNonce = challenge.boxNonce;

@@ -74,6 +74,7 @@ void PathRecord::begin()
     m_attempts.clear();
     m_sides = {};
     m_peerSeen.reset();
+    m_roundTrip.reset();
     m_sinceBegin.start();
     for (const Way *way : qAsConst(m_ways))
         attempt(way->name());

@@ -24,7 +24,8 @@ TurnTransport::TurnTransport(Server server, QObject *parent) : QObject(parent), 
         return;
     }
     connect(&m_stream, &QSslSocket::readyRead, this, &TurnTransport::readStream);
-    connect(&m_stream, &QSslSocket::errorOccurred, this, &TurnTransport::closed);
+    // Later: what fails at once, such as IPv6 where there is none, does so before anybody listens.
+    connect(&m_stream, &QSslSocket::errorOccurred, this, &TurnTransport::closed, Qt::QueuedConnection);
     m_stream.setPeerVerifyMode(QSslSocket::VerifyNone);
     if (m_server.kind == Kind::Tls)
         m_stream.connectToHostEncrypted(m_server.address.toString(), m_server.port, m_server.name);
