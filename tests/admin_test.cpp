@@ -271,7 +271,7 @@ private slots:
         QCOMPARE(run({"join", "box.example.net:7001 " + token}).status, 0);
         const QStringList add{"add-peer", "--box-address", "[fe80::1%eth0]:5000"};
         const QString terminal =
-            "exec script -qec '" BUILD_DIR "/nat-relay-admin add-peer --box-address [fe80::1%eth0]:5000 --qr' /dev/null; ";
+            "exec script -qec '\"" BUILD_DIR "/nat-relay-admin\" add-peer --box-address [fe80::1%eth0]:5000 --qr' /dev/null; ";
         const auto import = [this](const QString &link, const QString &from = QString()) {
             return run({"--config", path("new.ini"), "import", link}, from, "nat-peer");
         };
