@@ -348,6 +348,9 @@ private slots:
         const QString longName = QString(63, 'h') + ".example";
         const QStringList setUpLong{"setup", "--host", longName, "--folder", folder.filePath("long")};
         QVERIFY(run(setUpLong).contains("certificate.pem and "));
+        const QString ipv6 = folder.filePath("ipv6/nat-rendezvousd.conf");
+        QVERIFY(run({"setup", "--host", "[2001:db8::7]", "--folder", folder.filePath("ipv6")}).startsWith("0 Wrote "));
+        QVERIFY(run({"--config", ipv6, "token", boxText}).startsWith("0 [2001:db8::7]:7000 "));
         const QString first = folder.filePath("long/nat-rendezvousd.conf");
         QVERIFY(QFile::remove(first) && run(setUpLong).contains("turnserver.conf exists already") && !QFile::exists(first));
         QVERIFY(run(setup).startsWith("0 Wrote "));
@@ -390,7 +393,8 @@ private slots:
         peer.connectToHost("::1", 7000);
         const auto say = [&](const QByteArray &bytes, int answer) {
             heard.clear();
-            for (const char byte : framed(bytes)) {
+            const QByteArray message = framed(bytes);
+            for (const char byte : message) {
                 peer.write(&byte, 1);
                 peer.waitForBytesWritten(1000);
             }
@@ -400,7 +404,7 @@ private slots:
         QCOMPARE(heard.left(11), framed("\xa3" + callId + QByteArray(16, 'x')).left(2) + "\xa3" + callId);
         QVERIFY(say(call(heard.mid(11, 8)), 2 + 10));
         QCOMPARE(heard, framed("\xa4" + callId + '\1')); // it has another secret
-        std::vector<std::unique_ptr<QTcpSocket>> flood; // of one source, which harms no other
+        std::vector<std::unique_ptr<QTcpSocket>> flood;  // of one source, which harms no other
         while (flood.size() < 510) {
             flood.push_back(std::make_unique<QTcpSocket>());
             flood.back()->connectToHost("127.0.0.1", 7000);
