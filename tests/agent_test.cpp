@@ -267,7 +267,7 @@ private slots:
         QVERIFY(!home.hasPendingDatagrams());
         rendezvous.writeDatagram(good, lan, port);
         QVERIFY(QTest::qWaitFor([&] { return home.hasPendingDatagrams(); }, 10000));
-        int calls = 0; // a server that answers them with challenges on and on is left alone
+        int calls = 0;                     // a server that answers them with challenges on and on is left alone
         caller.id = nextCall().mid(33, 8); // as knocking opens nothing
         while (calls < 200 && QTest::qWaitFor([&] { return rendezvous.hasPendingDatagrams(); }, 1500)) {
             calls++;

@@ -323,7 +323,9 @@ private slots:
             startPeer(asking.get(), {"status"});
             QVERIFY(QTest::qWaitFor([&] { return other.hasPendingConnections(); }));
             QTcpSocket *fake = other.nextPendingConnection();
-            fake->write("HTTP/1.0 200 OK\r\n\r\n{\"state\":\"open\",\"how\":\"\\u001b[2J\",\"box\":\"" + boxUuid + "\",\"peer\":\"" + whose + "\"}");
+            const QJsonObject lie{
+                {"state", "open"}, {"how", "\x1b[2J"}, {"box", QString::fromLatin1(boxUuid)}, {"peer", QString::fromLatin1(whose)}};
+            fake->write("HTTP/1.0 200 OK\r\n\r\n" + QJsonDocument(lie).toJson());
             fake->disconnectFromHost();
             const auto [ended, lines, said] = finish(asking.get());
             QVERIFY2(ended == 0 && lines.startsWith("The box is reached ?[2J\n") == (whose == peerUuid), lines + said);
