@@ -12,7 +12,7 @@
 
 namespace
 {
-constexpr std::size_t longestName = 64; // bytes (RFC 5280, ub-common-name); the names of hosts may be longer
+constexpr std::size_t longestName = 64;          // bytes (RFC 5280, ub-common-name); the names of hosts may be longer
 constexpr long lifetime = 20L * 365 * 24 * 3600; // seconds: nobody checks it, and nobody is to be called to renew it
 
 template <auto release> struct Release {

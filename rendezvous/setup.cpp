@@ -46,8 +46,9 @@ std::string ofServer(const Setup &setup, const std::string &secret, const std::s
 {
     return "# nat-rendezvousd. Whoever has the secret can make the token of any box; another one makes all boxes join "
            "anew.\n"
-           "host=" +
-           setup.host + "\nsecret=" + secret + "\nturn=" + setup.host + ":3478\nturn-tls-port=" + setup.tlsPort +
+           "# What has brackets, such as listen=\"[::]:7000\", stands in quotes: else it begins a list.\n"
+           "host=\"" +
+           setup.host + "\"\nsecret=" + secret + "\nturn=\"" + setup.host + ":3478\"\nturn-tls-port=" + setup.tlsPort +
            "\nturn-secret=" + turnSecret + '\n';
 }
 

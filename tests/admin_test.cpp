@@ -298,6 +298,7 @@ private slots:
             QVERIFY(import(given).refuses("new.ini exists already", "nat-peer") && QFile::remove(path("new.ini")));
         }
         link = link.trimmed();
+        QVERIFY(run({"--config", "", "import", link}, QString(), "nat-peer").refuses("--config must name a new file", "nat-peer"));
         const QByteArray notWhole = "must be copied whole";
         QList<std::tuple<QByteArray, QByteArray>> rows{{"https://box.example.net/", "begins with nat-peer:1?"},
                                                        {QByteArray(link).replace(":1?", ":2?"), "version 1"},

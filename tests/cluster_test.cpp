@@ -126,6 +126,8 @@ private slots:
         QVERIFY(box->registerBox(2));
         QTRY_VERIFY(answers(here));
         QVERIFY(answers(there));
+        startNode(there); // which forgets it; nor is it any more where it was before
+        QVERIFY(nodes[there]->says("connected to NATS") && refuses(there));
         box.reset(); // and its UUID becomes unknown in the end, as any other:
         Client peer(here);
         QByteArray other = call(noCookie);

@@ -316,6 +316,21 @@ private slots:
         const auto last = get("/last");
         QVERIFY(request(web).startsWith("GET /last ")); // and nothing else came to the box
         proxy.reset();
+        QTcpServer other; // who says what he likes, but for another peer or of another box is not believed
+        QVERIFY(other.listen(QHostAddress::LocalHost, 8080));
+        for (const QByteArray &whose : {peerUuid, boxUuid}) {
+            const Process asking(new QProcess);
+            startPeer(asking.get(), {"status"});
+            QVERIFY(QTest::qWaitFor([&] { return other.hasPendingConnections(); }));
+            QTcpSocket *fake = other.nextPendingConnection();
+            const QJsonObject lie{
+                {"state", "open"}, {"how", "\x1b[2J"}, {"box", QString::fromLatin1(boxUuid)}, {"peer", QString::fromLatin1(whose)}};
+            fake->write("HTTP/1.0 200 OK\r\n\r\n" + QJsonDocument(lie).toJson());
+            fake->disconnectFromHost();
+            const auto [ended, lines, said] = finish(asking.get());
+            QVERIFY2(ended == 0 && lines.startsWith("The box is reached ?[2J\n") == (whose == peerUuid), lines + said);
+        }
+        other.close();
         const auto [open, opened, quiet] = fetch({"--json", "status"}); // opens a path for it
         QVERIFY2(open == 0 && of(opened)["received"] == 0 && of(opened)["roundTrip"].toDouble() > 0, opened + quiet);
         relay.reset();

@@ -4,6 +4,7 @@
 
 #include "introduction/messages.h"
 #include "rendezvous/introducer.h"
+#include "rendezvous/streams.h"
 #include "tests/support/introduced.h"
 
 #include <QFile>
@@ -248,7 +249,7 @@ private slots:
         const QByteArray answer = atPeer.takeHanded(nearBox.handed);
         QVERIFY(answer.startsWith("\xa8" + callId) && answer.endsWith("for the peer") && atPeer.to == away);
         QCOMPARE(atPeer.takeHanded(nearPeer.unclaimed), "\xa4" + callId + '\2');
-        QVERIFY(atPeer.to == away);
+        QVERIFY(atPeer.to == away && atPeer.introducer->counts().unknownBoxes.load() == 1);
 
         // The box registers with the other node: it is no longer at the first one, which an old word does not change.
         QVERIFY(atPeer.registerBox(away, 7, 2));
@@ -260,7 +261,8 @@ private slots:
                 QVERIFY(atBox.takeHanded(forged).isEmpty() && atPeer.takeHanded(forged).isEmpty() && nearBox.wants);
             }
         }
-        QVERIFY(atBox.takeHanded(nearBox.handed).isEmpty()); // which is not for this node
+        nearBox.node = 0;
+        QVERIFY(atBox.takeHanded(nearBox.handed).isEmpty() && nearBox.node == 0); // which is not for this node
         atBox.takeHanded(moved);
         QVERIFY(!nearBox.wants && atBox.takeHanded(handedCall).isEmpty());
         QVERIFY(atBox.registerBox(home, 7, 3));
@@ -344,7 +346,13 @@ private slots:
         QVERIFY(unset.startsWith("1 nat-rendezvousd: ") && unset.count('\n') == 1 && unset.contains("not readable"));
         const QStringList setup{"setup", "--host", "rendezvous.example", "--folder", folder.filePath("made")};
         const QString longName = QString(63, 'h') + ".example";
-        QVERIFY(run({"setup", "--host", longName, "--folder", folder.filePath("long")}).contains("certificate.pem and "));
+        const QStringList setUpLong{"setup", "--host", longName, "--folder", folder.filePath("long")};
+        QVERIFY(run(setUpLong).contains("certificate.pem and "));
+        const QString ipv6 = folder.filePath("ipv6/nat-rendezvousd.conf");
+        QVERIFY(run({"setup", "--host", "[2001:db8::7]", "--folder", folder.filePath("ipv6")}).startsWith("0 Wrote "));
+        QVERIFY(run({"--config", ipv6, "token", boxText}).startsWith("0 [2001:db8::7]:7000 "));
+        const QString first = folder.filePath("long/nat-rendezvousd.conf");
+        QVERIFY(QFile::remove(first) && run(setUpLong).contains("turnserver.conf exists already") && !QFile::exists(first));
         QVERIFY(run(setup).startsWith("0 Wrote "));
         QVERIFY(run(setup).contains("exists already"));
         const auto read = [&](const QString &name) {
@@ -385,7 +393,8 @@ private slots:
         peer.connectToHost("::1", 7000);
         const auto say = [&](const QByteArray &bytes, int answer) {
             heard.clear();
-            for (const char byte : framed(bytes)) {
+            const QByteArray message = framed(bytes);
+            for (const char byte : message) {
                 peer.write(&byte, 1);
                 peer.waitForBytesWritten(1000);
             }
@@ -395,7 +404,7 @@ private slots:
         QCOMPARE(heard.left(11), framed("\xa3" + callId + QByteArray(16, 'x')).left(2) + "\xa3" + callId);
         QVERIFY(say(call(heard.mid(11, 8)), 2 + 10));
         QCOMPARE(heard, framed("\xa4" + callId + '\1')); // it has another secret
-        std::vector<std::unique_ptr<QTcpSocket>> flood; // of one source, which harms no other
+        std::vector<std::unique_ptr<QTcpSocket>> flood;  // of one source, which harms no other
         while (flood.size() < 510) {
             flood.push_back(std::make_unique<QTcpSocket>());
             flood.back()->connectToHost("127.0.0.1", 7000);
@@ -417,6 +426,23 @@ private slots:
             run(config + QStringList{"serve", "--listen", "127.0.0.1:7000", "--metrics", ""}).contains("cannot listen on 127.0.0.1:7000"));
         server.terminate();
         QVERIFY(server.waitForFinished(5000) && server.exitCode() == 0);
+    }
+
+    void silentStreamsAreClosed()
+    {
+        Streams streams({"127.0.0.1:7001"});
+        QTcpSocket peer;
+        peer.connectToHost("127.0.0.1", 7001);
+        QVERIFY(peer.waitForConnected());
+        const auto takeNothing = [](const Place & /*from*/, std::string_view /*bytes*/) {};
+        streams.serve(10s, takeNothing);
+        peer.write("x");
+        QVERIFY(peer.waitForBytesWritten());
+        streams.serve(40s, takeNothing);
+        streams.closeSilent(100s);
+        QVERIFY(!peer.waitForDisconnected(100));
+        streams.closeSilent(101s);
+        QVERIFY(peer.waitForDisconnected());
     }
 
     /// coturn as it is shipped, asked by its own client for the way to an address.

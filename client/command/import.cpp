@@ -30,6 +30,8 @@ int command::import(const Job &job)
     if (!peer.error.isEmpty())
         return complain(peer.error);
     const QString path = job.line.text("config");
+    if (path.isEmpty()) // an empty variable of a script must not put the key on its terminal
+        return complain(QStringLiteral("--config must name a new file"));
     Output file(path);
     if (!file.error().isEmpty() || !file.write(peer.toIni()))
         return complain(file.error());

@@ -173,7 +173,7 @@ void ByIntroduction::transmit()
         return m_repeat.stop();
     const bool isHeard = m_byUdp.isHeard || m_byTcp.isHeard;
     if (!isHeard && m_sent > 1 && m_sent % sendsPerServer == 1)
-        nextServer();
+        m_addresses.append(m_addresses.takeFirst());
     if (!m_byUdp.isHeard && (m_byTcp.isHeard || m_sent >= sendsUntilStream))
         m_stream.open(m_addresses.constFirst(), static_cast<quint16>(m_server.port));
     send(m_byUdp);
@@ -190,12 +190,6 @@ void ByIntroduction::send(const Line &line)
         m_stream.send(bytes);
     else
         m_channel->send(bytes, m_addresses.constFirst(), static_cast<quint16>(m_server.port));
-}
-
-void ByIntroduction::nextServer()
-{
-    m_addresses.append(m_addresses.takeFirst());
-    m_byUdp.cookie = m_byTcp.cookie = 0;
 }
 
 std::string ByIntroduction::sealed(const Line &line) const

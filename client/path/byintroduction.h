@@ -48,7 +48,6 @@ private:
     void tellSides(const Line &line, const introduction::Items &byServer, const introduction::Items &byBox);
     void takeVerdict(const introduction::Items &byBox, const QList<Target> &seen);
     std::string sealed(const Line &line) const;
-    void nextServer();
 
     const Endpoint m_server;
     const introduction::Uuid m_box;
