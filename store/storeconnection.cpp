@@ -7,13 +7,15 @@
 #include <QUrl>
 #include <QVariant>
 
+#include <utility>
+
 namespace
 {
 constexpr char mariadbOptions[] =
     "MYSQL_OPT_CONNECT_TIMEOUT=5;MYSQL_OPT_READ_TIMEOUT=30;MYSQL_OPT_WRITE_TIMEOUT=30"; // s
 } // namespace
 
-StoreConnection::StoreConnection(const StoreUrl &store) : m_store(store) {}
+StoreConnection::StoreConnection(StoreUrl store) : m_store(std::move(store)) {}
 
 StoreConnection::~StoreConnection()
 {

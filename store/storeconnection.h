@@ -12,7 +12,7 @@
 class StoreConnection
 {
 public:
-    explicit StoreConnection(const StoreUrl &store);
+    explicit StoreConnection(StoreUrl store);
     ~StoreConnection();
     StoreConnection(const StoreConnection &) = delete;
     StoreConnection &operator=(const StoreConnection &) = delete;
