@@ -20,6 +20,11 @@ QString init(const Request &request);
 QString get(const Request &request);
 QString set(const Request &request);
 
+QString backup(const Request &request);
+QString restore(const Request &request);
+QString upgrade(const Request &request);
+QString wait(const Request &request);
+
 QString join(const Request &request);
 QString leave(const Request &request);
 

@@ -10,6 +10,7 @@
 #include "handover/valuecheck.h"
 #include "introduction/secrets.h"
 #include "store/boxstore.h"
+#include "store/owner.h"
 
 #include <QJsonArray>
 #include <QJsonObject>
@@ -18,6 +19,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <optional>
 
 namespace
 {
@@ -129,6 +131,24 @@ PeerFile newPeerFile(const BoxStore &store, const QString &boxAddress)
     return file;
 }
 
+/// What root hands over is a file of root's, though the store may be another user's.
+struct CallersOutput {
+    explicit CallersOutput(const QString &path)
+    {
+        const AsCaller asCaller;
+        output.emplace(path);
+    }
+    ~CallersOutput()
+    {
+        const AsCaller asCaller;
+        output.reset(); // which removes a file that is not whole
+    }
+    CallersOutput(const CallersOutput &) = delete;
+    CallersOutput &operator=(const CallersOutput &) = delete;
+
+    std::optional<Output> output;
+};
+
 /// What stands for the file, as the options want it.
 QByteArray handedOver(const admin::Request &request, const PeerFile &file)
 {
@@ -211,7 +231,8 @@ QString admin::addPeer(const Request &request)
         return QStringLiteral("--out must name a new file");
     if ((request.isSet("link") || request.isSet("qr")) && request.flags.size() + (path.isNull() ? 0 : 1) > 1)
         return QStringLiteral("--link and --qr each go alone, without one another, --out or --json");
-    Output handover(path);
+    CallersOutput callers(path);
+    Output &handover = *callers.output;
     if (!handover.error().isEmpty())
         return handover.error();
 

@@ -6,7 +6,7 @@ CREATE TABLE box.settings (
     name VARCHAR(190) NOT NULL PRIMARY KEY,
     value TEXT NOT NULL,
     access_key VARCHAR(190) NOT NULL DEFAULT '' -- empty: any program on the box may read the value
-);
+) COMMENT = 'version 1'; -- of both tables. nat-relay-admin upgrade takes an older store along
 
 CREATE TABLE box.nat_traverse (
     id INTEGER NOT NULL PRIMARY KEY AUTO_INCREMENT,

@@ -15,3 +15,6 @@ CREATE TABLE nat_traverse (
     tcp_port INTEGER NOT NULL DEFAULT 0,
     udp_port_remote INTEGER NOT NULL DEFAULT 0
 );
+
+-- Of these tables. nat-relay-admin upgrade takes an older store along.
+PRAGMA user_version = 1;

@@ -10,6 +10,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRegularExpression>
+#include <QUdpSocket>
 
 #include <database.h>
 
@@ -141,6 +142,12 @@ private slots:
         mariadb.sql("GRANT INSERT ON box.* TO 'box'@'127.0.0.1'");
         QVERIFY(run({"init"}).status == 0);
         useFreshStore();
+        QVERIFY(run({"upgrade"}).output.contains("version 1 of the tables already"));
+        mariadb.sql("ALTER TABLE box.settings COMMENT = ''"); // as it was made before there were versions
+        QVERIFY(run({"upgrade"}).output.contains("now") && run({"upgrade"}).output.contains("already"));
+        mariadb.sql("ALTER TABLE box.settings COMMENT = 'version 2'");
+        QVERIFY(run({"upgrade"}).refuses("version 2 of the tables"));
+        QVERIFY(run({"backup", path("copy")}).refuses("use mysqldump") && run({"restore", path("copy")}).refuses("use mysql box"));
     }
 
     void nothingIsOverwritten()
@@ -352,6 +359,116 @@ private slots:
         QVERIFY(run({"peers"}).output == before && content("taken") == "a letter");
     }
 
+    void copyOfRunningStoreIsWhole()
+    {
+        const auto peers = [](const char *columns) { return sql(QString("SELECT %1 FROM `box`.`nat_traverse` ORDER BY id").arg(columns)); };
+        sql("SELECT 1 FROM `box`.`settings`"); // in use from here on: what is written goes to the log
+        for (const char *address : {"192.0.2.1:11", "192.0.2.2:12", "192.0.2.3:13"})
+            QCOMPARE(run({"add-peer", "--address", address}).status, 0);
+        QCOMPARE(run({"join", "box.example.net:7001 " + QByteArray(64, 'b')}).status, 0);
+        // By another process: to close the file in this one would end its locks.
+        const auto read = [this](const QString &name) { return run({}, "exec cat " + path(name) + "; ").output; };
+        const QByteArray log = read("box.sqlite-wal");
+        QVERIFY(log.contains("192.0.2.3") && !read("box.sqlite").contains("192.0.2.3"));
+        const auto before = peers("remote_uuid, remote_ip, udp_port, udp_port_remote");
+        const QByteArray settings = run({"get"}).output;
+        QVERIFY(run({"backup", path("copy")}, "umask 0; ").status == 0 && isPrivate(path("copy")));
+        QVERIFY(run({"backup", path("copy")}).refuses("it exists already"));
+        const Result full = run({"backup", path("small")}, "trap '' XFSZ; ulimit -f 20; "); // as on a full disk
+        QVERIFY2(full.refuses("cannot make "), full.output + full.error);
+        QCOMPARE(files(), QStringList({"box.sqlite", "box.sqlite-shm", "box.sqlite-wal", "copy"}));
+
+        const Result same = run({"restore", path("copy")});
+        QVERIFY2(same.output.contains("peers (3)") && !same.output.contains("restart") && !same.output.contains("next start"), same.output);
+        sql("DELETE FROM `box`.`nat_traverse` WHERE remote_ip = '192.0.2.1'");
+        sql("UPDATE `box`.`nat_traverse` SET remote_ip = '192.0.2.9', status = 1 WHERE remote_ip = '192.0.2.2'");
+        sql("UPDATE `box`.`nat_traverse` SET remote_ip = '192.0.2.9', status = 3 WHERE remote_ip = '192.0.2.3'");
+        QVERIFY(run({"add-peer"}).status == 0 && run({"leave"}).status == 0 && run({"set", "nat_udpport", "6000"}).status == 0);
+        const Result restored = run({"restore", path("copy")});
+        QVERIFY2(restored.output.contains("a listening port at its next start. Peers that went (1)"), restored.output + restored.error);
+        QCOMPARE(run({"get"}).output, settings);
+        QCOMPARE(Database("Test").getSetting("uuid", ""), ""); // still under its access key
+        QCOMPARE(peers("remote_ip, status"), QList<QVector<QString>>({{"192.0.2.9", "1"}, {"192.0.2.3", "3"}, {"192.0.2.1", "0"}}));
+
+        const QByteArray store = qgetenv("BOX_DATABASE");
+        qputenv("BOX_DATABASE", store + "-new");
+        QVERIFY(run({"restore", path("copy")}).output.contains("is new") && isPrivate(path("box.sqlite-new")));
+        QVERIFY(run({"get"}).output == settings && peers("remote_uuid, remote_ip, udp_port, udp_port_remote") == before);
+        qputenv("BOX_DATABASE", store);
+
+        const QList<std::tuple<QString, QByteArray>> rows{{"DELETE FROM settings WHERE name = 'uuid'", "uuid in it must be a UUID"},
+                                                          {"DROP TABLE nat_traverse", "no such table: nat_traverse"},
+                                                          {"PRAGMA user_version = 2", "version 2 of the tables"},
+                                                          {".shell truncate -s 12288 '" + path("bad") + "'", "malformed"}};
+        QCOMPARE(run({"set", "nat_maxconnecttries", "9"}).status, 0);
+        const QByteArray untouched = run({"get"}).output + run({"peers"}).output;
+        for (const auto &[damage, complaint] : rows) {
+            QVERIFY(QFile::copy(path("copy"), path("bad")));
+            QProcess::execute("sqlite3", {path("bad"), damage});
+            const Result result = run({"restore", path("bad")});
+            QVERIFY2(result.refuses(complaint), result.output + result.error);
+            QVERIFY(QFile::remove(path("bad")));
+        }
+        QVERIFY(QFile::copy(path("copy"), path("bad")));
+        write("bad-wal", log);
+        QVERIFY(run({"restore", path("bad")}).refuses("as of a store in use") && run({"restore", path("none")}).refuses("no such file"));
+        QVERIFY(run({"restore", path("box.sqlite")}).refuses("the store itself"));
+        QCOMPARE(run({"get"}).output + run({"peers"}).output, untouched);
+    }
+
+    void olderStoreIsTakenAlong()
+    {
+        const auto number = [this](const QString &statement) {
+            QProcess sqlite;
+            sqlite.start("sqlite3", {path("box.sqlite"), "PRAGMA user_version" + statement});
+            return sqlite.waitForFinished() ? sqlite.readAll().trimmed() : QByteArray();
+        };
+        QVERIFY(run({"upgrade"}).output.contains("version 1 of the tables already") && number("") == "1");
+        number("=0"); // as it was made before there were versions
+        QVERIFY(run({"upgrade"}).output.contains("version 1 of the tables now") && number("") == "1");
+        number("=2");
+        QVERIFY(run({"upgrade"}).refuses("version 2 of the tables") && number("") == "2");
+        write("box.sqlite", "");
+        QVERIFY(run({"upgrade"}).refuses("no such table") && number("") == "0");
+    }
+
+    void waitEndsWhenRelayCanStart()
+    {
+        const auto waits = [](const QByteArray &complaint) {
+            const Result result = run({"wait", "--limit", "0"});
+            return result.refuses("could not start after 0 s") && result.error.contains(complaint);
+        };
+        QUdpSocket first;
+        QUdpSocket second;
+        QVERIFY(first.bind(QHostAddress::LocalHost, 5000, QUdpSocket::DontShareAddress));
+        QVERIFY(second.bind(QHostAddress::LocalHost, 5001, QUdpSocket::DontShareAddress));
+        QVERIFY(run({"wait", "--limit", "soon"}).refuses("--limit must be"));
+        const QString uuid = setting("uuid");
+        sql("DELETE FROM `box`.`settings` WHERE name = 'uuid'");
+
+        QProcess waiting;
+        waiting.start(BUILD_DIR "/nat-relay-admin", {"wait"});
+        QByteArray told;
+        const auto tells = [&](const QByteArray &reason) {
+            return QTest::qWaitFor([&] { return (told += waiting.readAllStandardOutput()).contains(reason); }, 10000);
+        };
+        QVERIFY(tells("uuid in the store must be a UUID") && waits("uuid in the store"));
+        sql("INSERT INTO `box`.`settings` VALUES ('uuid', '" + uuid + "', '')");
+        QVERIFY(tells("another program has UDP port 5000\n") && waits("UDP port 5000"));
+        // Others that share the port are not in the way.
+        first.close();
+        QVERIFY(first.bind(QHostAddress::Any, 5000, QUdpSocket::ShareAddress | QUdpSocket::ReuseAddressHint));
+        QVERIFY(tells("another program has UDP port 5001\n"));
+        second.close();
+        QVERIFY(waiting.waitForFinished(10000) && waiting.exitCode() == 0 && waiting.exitStatus() == QProcess::NormalExit);
+        QCOMPARE(told.count('\n'), 3);
+        QVERIFY(QFile::rename(path("box.sqlite"), path("away")) && waits("there is no such file"));
+        waiting.start(BUILD_DIR "/nat-relay-admin", {"wait"});
+        QVERIFY(tells("there is no such file\n"));
+        waiting.terminate(); // as systemd does
+        QVERIFY(waiting.waitForFinished(10000) && waiting.exitStatus() == QProcess::CrashExit);
+    }
+
     void unreachableStoreIsNoSuccess()
     {
         const QString uuid = json({"add-peer"}).object().value("peer").toObject().value("uuid").toString();
@@ -379,7 +496,8 @@ private slots:
         for (const QStringList &words : {QStringList("--help"), {"set", "--help"}, {"peers", "-h"}}) {
             const Result result = run(words);
             QVERIFY(result.status == 0 && result.error.isEmpty());
-            for (const char *command : {"init", "get", "set", "join", "leave", "peers", "add-peer", "connect", "remove-peer"})
+            for (const char *command : {"init", "get", "set", "backup", "restore", "upgrade", "wait", "join", "leave", "peers", "add-peer",
+                                        "connect", "remove-peer"})
                 QVERIFY2(result.output.contains(QByteArray("\n      nat-relay-admin ") + command), command);
         }
     }
