@@ -55,8 +55,8 @@ peers [--json]
     Lists the peers: UUID; address and ports that the relay calls; status; and, where
     nat-relay-agent runs and they have called since its start, the way that they come
     and their last call. A way is what the peer itself has found:
-    same network   at the box's address there
-    IPv6           directly, over IPv6
+    same-network   at the box's address there
+    ipv6           directly, over IPv6
     direct         at the box's router, by single datagrams
     punched        the same, by many: a burst of the relay, or many ports of the peer
     carried        by the TURN server, as nothing else opens

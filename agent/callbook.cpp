@@ -19,33 +19,12 @@
 #include <chrono>
 #include <utility>
 
-using introduction::OpenWay;
-
 namespace
 {
 constexpr int mostWaiting = 8;
 constexpr int longestText = 1 << 24; // bytes: what goes on and on is no agent, but has taken its name
 constexpr std::chrono::milliseconds longestTalk = std::chrono::seconds(2);
 constexpr timeval patience{0, 200000}; // us, for a program of our own user that does not read
-
-QString wordsFor(OpenWay way)
-{
-    switch (way) {
-    case OpenWay::SameNetwork:
-        return QStringLiteral("same network");
-    case OpenWay::Ipv6:
-        return QStringLiteral("IPv6");
-    case OpenWay::Direct:
-        return QStringLiteral("direct");
-    case OpenWay::Punched:
-        return QStringLiteral("punched");
-    case OpenWay::Carried:
-        return QStringLiteral("carried");
-    case OpenWay::Nowhere:
-        break;
-    }
-    return QStringLiteral("other"); // of a later nat-peer
-}
 
 int secondsOf(Moment time)
 {
@@ -92,7 +71,7 @@ QJsonObject CallBook::contents() const
         if (entry->from.port != 0)
             call.insert(QStringLiteral("called_from"), textOf(entry->from));
         if (entry->way) {
-            call.insert(QStringLiteral("way"), wordsFor(*entry->way));
+            call.insert(QStringLiteral("way"), QLatin1String(introduction::nameOf(*entry->way)));
             call.insert(QStringLiteral("way_seconds"), secondsOf(m_now() - entry->wayOpened));
         }
         contents.insert(entry.key(), call);

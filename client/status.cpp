@@ -21,25 +21,6 @@ double seconds(double milliseconds)
     return milliseconds / 1000;
 }
 
-QString nameOf(PathRecord::Reach reach)
-{
-    switch (reach) {
-    case PathRecord::Reach::SameNetwork:
-        return QStringLiteral("same-network");
-    case PathRecord::Reach::Ipv6:
-        return QStringLiteral("ipv6");
-    case PathRecord::Reach::Direct:
-        return QStringLiteral("direct");
-    case PathRecord::Reach::Punched:
-        return QStringLiteral("punched");
-    case PathRecord::Reach::Carried:
-        return QStringLiteral("carried");
-    case PathRecord::Reach::Nowhere:
-        break;
-    }
-    return QStringLiteral("none");
-}
-
 QJsonObject jsonOf(const Side &side)
 {
     const Translation translation = translationOf(side);
@@ -113,7 +94,7 @@ QJsonObject Status::json() const
     QJsonObject status{{QStringLiteral("peer"), m_peer.uuid},
                        {QStringLiteral("box"), m_peer.boxUuid},
                        {QStringLiteral("how"), record.how()},
-                       {QStringLiteral("reach"), nameOf(record.reach())},
+                       {QStringLiteral("reach"), QLatin1String(introduction::nameOf(record.reach()))},
                        {QStringLiteral("routers"), QJsonObject{{QStringLiteral("peer"), jsonOf(sides.peer)},
                                                                {QStringLiteral("box"), jsonOf(sides.box)}}},
                        {QStringLiteral("received"), m_received},

@@ -260,6 +260,13 @@ template std::optional<HandedCall> read(std::string_view bytes);
 template std::optional<HandedAnswer> read(std::string_view bytes);
 template std::optional<Moved> read(std::string_view bytes);
 
+const char *nameOf(OpenWay way)
+{
+    constexpr std::array<const char *, 6> names{"none", "same-network", "ipv6", "direct", "punched", "carried"};
+    const auto index = static_cast<std::size_t>(way);
+    return index < names.size() ? names.at(index) : "other";
+}
+
 bool isSigned(std::string_view bytes, const Key &token)
 {
     if (bytes.size() < macLength)

@@ -188,6 +188,9 @@ enum class OpenWay : std::uint8_t {
     Punched, // from many sockets, at many ports or with the relay's bursts
     Carried, // by the TURN server
 };
+/// In one word, such as "same-network"; "other" where a later program may know more.
+const char *nameOf(OpenWay way);
+
 /// What a box makes of a call.
 enum class Verdict : std::uint8_t {
     Welcome = 1,

@@ -5,9 +5,25 @@
 #include "client/path/sides.h"
 
 #include <algorithm>
+#include <array>
 #include <iterator>
 
 using introduction::Address;
+
+namespace
+{
+struct Words {
+    const char *name;
+    const char *text;
+};
+
+// In the order of Translation.
+constexpr std::array<Words, 5> words{{{"unknown", "not known"},
+                                      {"none", "translates nothing"},
+                                      {"keeps-port", "keeps the port"},
+                                      {"one-port", "one port for all destinations, another than inside"},
+                                      {"port-per-destination", "another port for each destination"}}};
+} // namespace
 
 Translation translationOf(const Side &side)
 {
@@ -32,34 +48,10 @@ Translation translationOf(const Side &side)
 
 QString textOf(Translation translation)
 {
-    switch (translation) {
-    case Translation::None:
-        return QStringLiteral("translates nothing");
-    case Translation::KeepsPort:
-        return QStringLiteral("keeps the port");
-    case Translation::OnePort:
-        return QStringLiteral("one port for all destinations, another than inside");
-    case Translation::PortPerDestination:
-        return QStringLiteral("another port for each destination");
-    case Translation::Unknown:
-        break;
-    }
-    return QStringLiteral("not known");
+    return QLatin1String(words.at(static_cast<std::size_t>(translation)).text);
 }
 
 QString nameOf(Translation translation)
 {
-    switch (translation) {
-    case Translation::None:
-        return QStringLiteral("none");
-    case Translation::KeepsPort:
-        return QStringLiteral("keeps-port");
-    case Translation::OnePort:
-        return QStringLiteral("one-port");
-    case Translation::PortPerDestination:
-        return QStringLiteral("port-per-destination");
-    case Translation::Unknown:
-        break;
-    }
-    return QStringLiteral("unknown");
+    return QLatin1String(words.at(static_cast<std::size_t>(translation)).name);
 }
