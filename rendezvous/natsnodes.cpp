@@ -50,7 +50,8 @@ std::vector<std::string> checked(const std::vector<std::string> &servers)
         const auto begin = server.find("://");
         const std::string scheme = server.substr(0, begin);
         if (begin == std::string::npos || server.size() == begin + 3 || (scheme != "nats" && scheme != "tls"))
-            throw std::invalid_argument("the cluster's '" + server + "' must be nats://HOST:PORT or tls://HOST:PORT");
+            throw std::invalid_argument(
+                "each server of the cluster must be nats://HOST:PORT or tls://HOST:PORT"); // it may hold a password
     }
     return servers;
 }

@@ -77,7 +77,9 @@ int print(const QJsonObject &status, bool isForPrograms)
 {
     const QByteArray text =
         isForPrograms ? QJsonDocument(status).toJson(QJsonDocument::Compact) + '\n' : statustext::plain(status);
-    std::fwrite(text.constData(), 1, static_cast<std::size_t>(text.size()), stdout);
+    const auto length = static_cast<std::size_t>(text.size());
+    if (std::fwrite(text.constData(), 1, length, stdout) != length || std::fflush(stdout) != 0)
+        return complain(QStringLiteral("cannot write to standard output: ") + qt_error_string());
     return status[QStringLiteral("state")] == QLatin1String("open") ? 0 : 1;
 }
 } // namespace

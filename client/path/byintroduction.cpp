@@ -117,10 +117,12 @@ void ByIntroduction::useRelayed(const QHostAddress &address, quint16 port)
         ask();
 }
 
-/// The last call once more, whose answer brings another account.
+/// The last call once more, whose answer brings another account. What it may have said of the way is no longer so.
 void ByIntroduction::loseCarrier()
 {
     m_relayed = {};
+    m_openWay.reset();
+    m_sent = 0;
     m_byUdp.isAnswered = m_byTcp.isAnswered = false;
     m_repeat.start(patientSpacing);
 }
