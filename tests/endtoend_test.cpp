@@ -63,6 +63,8 @@ private slots:
         const auto [status, output, error] = fetch({"-i", "get", "/short.html"});
         QVERIFY2(status == 0 && output.startsWith("HTTP/1.1 200 OK\r\n") && output.endsWith("\r\n\r\n<p>short</p>"), error);
         QCOMPARE(std::get<0>(fetch({"get", "/missing"})), 0); // a complete response, whatever it says
+        QCOMPARE(fetch({"--fail", "get", "/missing"}),
+                 std::tuple(1, QByteArray(), QByteArray("nat-peer: the web server answers with status 404\n")));
 
         // A fifth of the datagrams is lost on their way in, to the relay and to the peer.
         QVERIFY(nft({"add table inet loss; add chain inet loss in { type filter hook input priority 0; };"
