@@ -12,15 +12,24 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 
 using namespace std::chrono_literals;
 
 namespace
 {
-constexpr std::chrono::seconds firstPatience = 1s; // for an answer; doubled with each that does not come
-constexpr std::chrono::seconds mostPatience = 20s;
-constexpr int patientSilences = 3; // then the server is looked for anew
+constexpr std::chrono::milliseconds firstPatience = 500ms; // for an answer
+constexpr double patienceGrowth = 1.5;                     // with each that does not come, for the first few
+constexpr int growingSilences = 10;
+constexpr std::chrono::milliseconds mostPatience = 20s;
+constexpr int patientSilences = 5; // then the server is looked for anew
 constexpr int mostChallenges = 3;  // that are met for one refresh
+
+std::chrono::milliseconds patience(int silences)
+{
+    const double growth = std::pow(patienceGrowth, std::min(silences, growingSilences));
+    return std::min(std::chrono::milliseconds(std::llround(firstPatience.count() * growth)), mostPatience);
+}
 } // namespace
 
 Registration::Registration(const BoxSettings &settings, SharedPort *port, QObject *parent)
@@ -97,7 +106,7 @@ void Registration::send()
 {
     m_message.count++;
     m_port->sendToServer(introduction::encode(m_message, m_settings.token));
-    m_silence.start(std::min(firstPatience * (1 << std::min(m_silences, 5)), mostPatience));
+    m_silence.start(patience(m_silences));
 }
 
 void Registration::onSilence()
@@ -134,6 +143,7 @@ void Registration::onChallenge(const introduction::Challenge &message)
     if (message.echo != m_message.nonce || m_challenges >= mostChallenges)
         return;
     m_challenges++;
+    m_silences = 0; // it is there, even if much is lost on the way
     m_message.cookie = message.cookie;
     send();
 }
