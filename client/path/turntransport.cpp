@@ -26,6 +26,8 @@ TurnTransport::TurnTransport(Server server, QObject *parent) : QObject(parent), 
     connect(&m_stream, &QSslSocket::readyRead, this, &TurnTransport::readStream);
     // Later: what fails at once, such as IPv6 where there is none, does so before anybody listens.
     connect(&m_stream, &QSslSocket::errorOccurred, this, &TurnTransport::closed, Qt::QueuedConnection);
+    connect(&m_stream, &QAbstractSocket::connected, this, &TurnTransport::sendUnsent);
+    connect(&m_stream, &QSslSocket::encrypted, this, &TurnTransport::sendUnsent);
     m_stream.setPeerVerifyMode(QSslSocket::VerifyNone);
     if (m_server.kind == Kind::Tls)
         m_stream.connectToHostEncrypted(m_server.address.toString(), m_server.port, m_server.name);
@@ -38,8 +40,16 @@ void TurnTransport::send(const QByteArray &message)
 {
     if (isLossy())
         m_datagrams.writeDatagram(message, m_server.address, m_server.port);
-    else if (m_stream.bytesToWrite() < mostUnsent)
-        m_stream.write(message);
+    else if (m_unsent.size() + m_stream.bytesToWrite() < mostUnsent)
+        m_unsent += message;
+    sendUnsent();
+}
+
+/// Not before there is a connection: Qt would complain where it is refused.
+void TurnTransport::sendUnsent()
+{
+    if (m_server.kind == Kind::Tls ? m_stream.isEncrypted() : m_stream.state() == QAbstractSocket::ConnectedState)
+        m_stream.write(std::exchange(m_unsent, {}));
 }
 
 QString TurnTransport::text() const

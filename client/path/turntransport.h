@@ -39,9 +39,11 @@ signals:
 private:
     void readDatagrams();
     void readStream();
+    void sendUnsent();
 
     const Server m_server;
     QUdpSocket m_datagrams;
     QSslSocket m_stream;
     QByteArray m_unread; // of the stream, the beginning of a message
+    QByteArray m_unsent; // until it is connected
 };
