@@ -79,6 +79,27 @@ private slots:
         QVERIFY2(rules.count("counter packets") == 2 && !rules.contains("packets 0"), rules); // both ways did lose
     }
 
+    void lostConfirmationsCostLittle()
+    {
+        const QByteArray page = Programs::page("line", 10000);
+        write("pages/page", page);
+        startNginx();
+        startRelay();
+        // None of a request arrives, and of the packets every other one.
+        QVERIFY(nft({"add table inet loss; add chain inet loss in { type filter hook input priority 0; };"
+                     "add rule inet loss in udp sport 5000 udp length 89 drop;"
+                     "add rule inet loss in udp dport 5000 udp length 98 numgen inc mod 2 0 drop;"
+                     "add rule inet loss in udp sport 5000 udp length > 7000 counter"}));
+        const auto [status, arrived, complaint] = fetch({"get", "/page"});
+        QVERIFY2(status == 0 && arrived == page, complaint);
+        QByteArray rules;
+        QVERIFY(nft({"list table inet loss"}, &rules));
+        static const QRegularExpression counter("counter packets (\\d+)");
+        const int sent = counter.match(QString::fromUtf8(rules)).captured(1).toInt();
+        const int packets = page.size() / 7000;
+        QVERIFY2(sent >= packets && sent <= packets + 3, rules); // hardly one came again
+    }
+
     void burstOpensWhatARouterKeepsClosed()
     {
         write("pages/page.html", "through");

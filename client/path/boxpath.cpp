@@ -11,6 +11,8 @@
 #include "protocol/datagram.h"
 #include "protocol/uuidscan.h"
 
+#include <utility>
+
 using namespace std::chrono_literals;
 
 namespace
@@ -87,19 +89,24 @@ void BoxPath::useCarrier(const TurnAccount &account)
 {
     if (m_carrier != nullptr || !(m_isOpening || m_isImproving))
         return;
-    m_carrier = new TurnChannel(account, this);
-    m_record.watch(m_carrier);
-    connect(
-        m_carrier, &Channel::received, this,
-        [this](const QByteArray &data, const QHostAddress &from, quint16 port) { hear(m_carrier, data, from, port); });
-    connect(m_carrier, &TurnChannel::opened, this, [this](const QHostAddress &relayed, quint16 port) {
+    auto *carrier = new TurnChannel(account, this);
+    m_carrier = carrier;
+    m_record.watch(carrier);
+    connect(carrier, &Channel::received, this,
+            [this, carrier](const QByteArray &data, const QHostAddress &from, quint16 port) {
+                hear(carrier, data, from, port);
+            });
+    connect(carrier, &TurnChannel::opened, this, [this](const QHostAddress &relayed, quint16 port) {
         for (Way *way : qAsConst(m_ways)) {
             if (m_isOpening || m_isImproving)
                 way->useRelayed(relayed, port);
         }
     });
-    connect(m_carrier, &TurnChannel::failed, this, [this](const QString &reason) {
-        dropCarrier();
+    connect(carrier, &TurnChannel::failed, this, [this, carrier](const QString &reason) {
+        const bool isRetired = carrier == m_retired;
+        drop(carrier);
+        if (isRetired)
+            return;
         for (Way *way : qAsConst(m_ways)) {
             if (m_isOpening || m_isImproving)
                 way->loseCarrier();
@@ -110,15 +117,27 @@ void BoxPath::useCarrier(const TurnAccount &account)
     aim();
 }
 
-void BoxPath::dropCarrier()
+/// It may be reached no longer: another one is asked for. Where it is, the box's packets still come there, and the path
+/// is open again at once; without it the relay would repeat them to nobody, and let nothing else through meanwhile.
+void BoxPath::retireCarrier()
 {
-    if (m_carrier == nullptr)
+    drop(m_retired);
+    if (m_carrier == nullptr || !m_carrier->isOpen())
+        return drop(m_carrier);
+    m_retired = std::exchange(m_carrier, nullptr);
+    m_retired->disconnect(&m_record);
+}
+
+void BoxPath::drop(TurnChannel *carrier)
+{
+    if (carrier == nullptr)
         return;
-    if (m_channel == m_carrier)
+    TurnChannel *&place = carrier == m_retired ? m_retired : m_carrier;
+    place = nullptr;
+    if (m_channel == carrier)
         m_channel = nullptr;
-    m_carrier->disconnect(this);
-    m_carrier->deleteLater(); // it may be what is telling us something
-    m_carrier = nullptr;
+    carrier->disconnect(this);
+    carrier->deleteLater(); // it may be what is telling us something
 }
 
 /// Beside all else: what it tells is for a person.
@@ -150,7 +169,7 @@ void BoxPath::open()
         return m_sinceOpening.start(); // under way already, and has its time anew
     stopKnocking();
     m_isOpening = true;
-    dropCarrier(); // its server may not be reached the same way any more
+    retireCarrier();
     m_found.clear();
     m_undeciphered = 0;
     m_sinceOpening.start();
@@ -223,7 +242,7 @@ void BoxPath::take(Channel *channel, const QByteArray &plain, const QHostAddress
     const bool isPresent =
         m_isOpening || channel == m_channel || (m_isImproving && m_channel == nullptr && !channel->isDirect());
     const bool isBetter = m_isImproving && channel->isDirect();
-    const bool isLate = channel == m_carrier; // what was under way before a move
+    const bool isLate = !channel->isDirect(); // what was under way before a move
     if (!isPresent && !isBetter && !isLate)
         return;
     if (isPresent) {
@@ -259,6 +278,10 @@ void BoxPath::settle()
     m_isOpening = false;
     m_undeciphered = 0;
     m_keepAlive.start();
+    if (m_channel == m_retired) {
+        drop(m_carrier);
+        std::swap(m_carrier, m_retired);
+    }
     m_isImproving = !m_channel->isDirect();
     noteOpen();
     if (!m_isImproving)
@@ -307,11 +330,13 @@ void BoxPath::stopKnocking()
     for (Way *way : qAsConst(m_ways))
         way->end();
     m_sockets.shrink(m_channel);
-    if (m_carrier != nullptr && m_carrier != m_channel)
-        QTimer::singleShot(carrierRest, m_carrier, [this] {
-            if (m_carrier != m_channel && !m_isOpening)
-                dropCarrier();
-        });
+    for (TurnChannel *carrier : {m_carrier, m_retired}) {
+        if (carrier != nullptr && carrier != m_channel)
+            QTimer::singleShot(carrierRest, carrier, [this, carrier] {
+                if (carrier != m_channel && !m_isOpening)
+                    drop(carrier);
+            });
+    }
 }
 
 void BoxPath::giveUp(const QString &reason)

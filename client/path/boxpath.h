@@ -71,7 +71,8 @@ private:
     void addWay(Way *way);
     void aim();
     void useCarrier(const TurnAccount &account);
-    void dropCarrier();
+    void retireCarrier();
+    void drop(TurnChannel *carrier);
     void probe(const TurnAccount &account);
     void tick();
     void nextStep();
@@ -99,6 +100,7 @@ private:
     KnockPlan m_plan;
     SocketPool m_sockets; // the first one has the local port that was asked for
     TurnChannel *m_carrier = nullptr;
+    TurnChannel *m_retired = nullptr; // the one before the path was opened anew
     std::unique_ptr<StunProbe> m_probe;
     Channel *m_channel = nullptr; // where the box was heard last, and from which address
     QHostAddress m_address;

@@ -48,6 +48,10 @@ constexpr std::chrono::milliseconds reminder = 5s;         // a relay that was r
 constexpr std::chrono::milliseconds pathPatience = 2500ms; // unconfirmed in five sends, the request has no path
 constexpr std::chrono::milliseconds packetPatience = 2s;   // four sends of the relay that do not come
 constexpr std::chrono::milliseconds reopenedPatience = 1s; // two, on a path that has been opened anew
+constexpr std::chrono::milliseconds lossMemory = 60s;      // after a sign of a line that loses datagrams
+constexpr int lossyPatience = 3; // times as long there: a packet is five fragments, of which none may be lost
+constexpr auto receiptSpacing = 120ms; // between copies there, as a lost one costs a packet once more
+constexpr int receiptCopies = 2;
 constexpr std::chrono::milliseconds leaveLimit = 3s;
 constexpr std::chrono::milliseconds signLimit = 60s;    // as long as web servers themselves wait for an application
 constexpr std::chrono::milliseconds answerGap = 1s;     // between answers, or parts of one, that follow each other
@@ -79,6 +83,12 @@ RelayClient::RelayClient(BoxPath *path, QString uuid, QString boxUuid, int timeo
     m_sinceSign.start(); // a peer of the same name may have been at work until now
     m_resend.setInterval(tickSpacing);
     connect(&m_resend, &QTimer::timeout, this, &RelayClient::tick);
+    m_receipts.setInterval(receiptSpacing);
+    connect(&m_receipts, &QTimer::timeout, this, [this] {
+        m_path->send(m_receipt);
+        if (++m_receiptsSent > receiptCopies)
+            m_receipts.stop();
+    });
     connect(path, &BoxPath::received, this, &RelayClient::take);
     connect(&m_fragments, &Fragments::due, path, &BoxPath::send);
     connect(&m_fragments, &Fragments::noticed, this, &RelayClient::noticed);
@@ -170,7 +180,17 @@ bool RelayClient::isSilent() const
 
 qint64 RelayClient::patience(std::chrono::milliseconds least) const
 {
-    return std::max<qint64>(least.count(), probeShare * m_proof.time());
+    return std::max<qint64>(onThisLine(least).count(), probeShare * m_proof.time());
+}
+
+bool RelayClient::isLossy() const
+{
+    return m_sinceLoss.isValid() && !m_sinceLoss.hasExpired(lossMemory.count());
+}
+
+std::chrono::milliseconds RelayClient::onThisLine(std::chrono::milliseconds patience) const
+{
+    return patience * (isLossy() ? lossyPatience : 1);
 }
 
 bool RelayClient::isBefore() const
@@ -264,12 +284,13 @@ void RelayClient::tick()
     const auto isStuck = [this](std::chrono::milliseconds time) { return m_sinceProgress.hasExpired(time.count()); };
     if (m_state == State::Opening)
         return; // the path has its own limit
-    if (m_state == State::Receiving && m_isRelayWaiting && !m_isInChunks && m_isAnswered && isStuck(answerGap)) {
+    if (m_state == State::Receiving && m_isRelayWaiting && !m_isInChunks && m_isAnswered &&
+        isStuck(onThisLine(answerGap))) {
         m_isRelayWaiting = false; // another peer's chunks have come to their end, and the relay has gone on
         m_isDoubtful = true;
         return emit seriesEnded();
     }
-    if (m_state == State::Receiving && m_series.isUnderWay() && isStuck(packetPatience) && !tickPath())
+    if (m_state == State::Receiving && m_series.isUnderWay() && isStuck(onThisLine(packetPatience)) && !tickPath())
         return;
     if (m_hasRequest && isBefore() && m_sinceSend.hasExpired(m_timeout))
         return fail(Failure::NoAnswer,
@@ -305,6 +326,8 @@ void RelayClient::tick()
         enter(m_hasRequest ? State::Opening : State::Idle);
     } else if (m_sinceTransmit.hasExpired(resendSpacing.count()) &&
                (!isHeld || (mayRepeat && m_sinceTransmit.hasExpired(spacing.count())))) {
+        if (!isHeld && (m_state == State::Requesting || isBefore()))
+            m_sinceLoss.start();
         transmit();
     }
 }
@@ -317,7 +340,7 @@ bool RelayClient::tickPath()
     if (!m_hasReopened) {
         m_hasReopened = true;
         m_path->open();
-    } else if (m_sinceReopened.isValid() && m_sinceReopened.hasExpired(reopenedPatience.count())) {
+    } else if (m_sinceReopened.isValid() && m_sinceReopened.hasExpired(onThisLine(reopenedPatience).count())) {
         m_isLost = true;
         fail(Failure::CutShort, QStringLiteral("the response is cut short, the network has changed"));
         return false;
@@ -368,6 +391,7 @@ void RelayClient::takeConfirmation(quint16 messageId)
     if (m_state == State::Requesting && messageId == m_messageId && !m_sinceHeld.isValid()) {
         m_sinceHeld.start();
     } else if (m_state == State::Proving && m_proof.takeConfirmation(messageId)) {
+        m_sinceProgress.start();
         transmit();
         // Under the same id the relay takes one of the two, and confirms each copy of both.
         m_fragments.tryWith(datagram::request(m_lastId, paddedSocketId, m_uuid, m_boxUuid, harmlessRequest(padding())),
@@ -380,7 +404,14 @@ void RelayClient::takePacket(const QByteArray &packet)
     const datagram::ResponseHeader header = datagram::readResponseHeader(packet);
     const QByteArray slice = packet.mid(datagram::responsePayloadOffset);
     // Always: the relay sends nothing else to anybody before this packet is confirmed.
-    m_path->send(datagram::packetReceipt(header, m_uuid, m_boxUuid, slice));
+    m_receipt = datagram::packetReceipt(header, m_uuid, m_boxUuid, slice);
+    m_receiptsSent = 1;
+    m_path->send(m_receipt);
+    takeConfirmation(header.messageId); // which may have been lost
+    if (m_series.isUnderWay() && m_sinceProgress.hasExpired(resendSpacing.count()))
+        m_sinceLoss.start();
+    if (isLossy())
+        m_receipts.start();
 
     m_isAnswered = header.index + 1 == header.count;
     const qint64 gap = m_sinceSign.restart();
@@ -410,6 +441,7 @@ void RelayClient::takePacket(const QByteArray &packet)
         return;
     if (m_series.isRepeated(packet)) {
         m_traffic.repeats++;
+        m_sinceLoss.start();
         return;
     }
     // Meanwhile another peer may have left the relay waiting for an end: then this request stays at its head.

@@ -94,6 +94,8 @@ private:
     bool isSilent() const;
     bool isBefore() const;
     qint64 patience(std::chrono::milliseconds least) const;
+    bool isLossy() const;
+    std::chrono::milliseconds onThisLine(std::chrono::milliseconds patience) const;
     void rest();
     void enter(State state);
     void proceed();
@@ -107,6 +109,10 @@ private:
     const QString m_boxUuid;
     const int m_timeout;
     QTimer m_resend;
+    QTimer m_receipts;
+    QByteArray m_receipt; // of the relay's last packet
+    int m_receiptsSent = 0;
+    QElapsedTimer m_sinceLoss; // of a datagram, as far as is known here; invalid: none was
     QElapsedTimer m_sinceProgress;
     QElapsedTimer m_sinceHeld; // the relay has confirmed the request; invalid: not yet
     QElapsedTimer m_sinceTransmit;
