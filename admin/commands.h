@@ -30,6 +30,7 @@ QString leave(const Request &request);
 
 QString peers(const Request &request);
 QString addPeer(const Request &request);
+QString namePeer(const Request &request);
 QString connectPeer(const Request &request);
 QString removePeer(const Request &request);
 } // namespace admin

@@ -52,7 +52,7 @@ leave
     Undoes join.
       nat-relay-admin leave
 peers [--json]
-    Lists the peers: UUID; address and ports that the relay calls; status; and, where
+    Lists the peers: UUID and name; address and ports that the relay calls; status; and, where
     nat-relay-agent runs and they have called since its start, the way that they come
     and their last call. A way is what the peer itself has found:
     same-network   at the box's address there
@@ -62,9 +62,9 @@ peers [--json]
     carried        by the TURN server, as nothing else opens
     -              not known, or there is none
       nat-relay-admin peers
-add-peer [--address IP[:PORT]] [--port PORT] [--box-address HOST:PORT] [--out FILE | --link | --qr] [--json]
+add-peer [NAME] [--address IP[:PORT]] [--port PORT] [--box-address HOST:PORT] [--out FILE | --link | --qr] [--json]
     Adds a peer and writes the file that it needs, for nat-peer --config: to standard
-    output, or to a new FILE that only its owner may read.
+    output, or to a new FILE that only its owner may read. A NAME is for you alone.
     --link         writes the same as one link instead, for nat-peer import
     --qr           shows the link as a QR code; whoever can photograph it has the key
     --address      where the relay may call the peer; without it, or without a port,
@@ -73,12 +73,15 @@ add-peer [--address IP[:PORT]] [--port PORT] [--box-address HOST:PORT] [--out FI
     --box-address  where the peer reaches the box; without it the peer finds the box
                    on its own network, and through the rendezvous server that the box
                    has joined
-      nat-relay-admin add-peer --box-address box.example.net:5000 --out peer.ini
-      nat-relay-admin add-peer --qr
-connect UUID [--address IP:PORT]
+      nat-relay-admin add-peer laptop --out peer.ini
+      nat-relay-admin add-peer "Anna's telephone" --qr
+name-peer PEER NAME
+    Gives a peer a name, or another one. PEER is its UUID or the name that it has.
+      nat-relay-admin name-peer laptop 'old laptop'
+connect PEER [--address IP:PORT]
     Has the relay call a peer, through the routers of both sides.
-      nat-relay-admin connect '{01234567-89ab-cdef-0123-456789abcdef}'
-remove-peer UUID
+      nat-relay-admin connect laptop
+remove-peer PEER
     Removes a peer; a running relay forgets it at its restart.
       nat-relay-admin remove-peer '{01234567-89ab-cdef-0123-456789abcdef}'
 
@@ -117,10 +120,11 @@ const QList<Command> &commands()
                                     {QStringLiteral("peers"), 0, 0, {}, {json}, admin::peers},
                                     {QStringLiteral("add-peer"),
                                      0,
-                                     0,
+                                     1,
                                      ofNewPeer,
                                      {json, QStringLiteral("link"), QStringLiteral("qr")},
                                      admin::addPeer},
+                                    {QStringLiteral("name-peer"), 2, 2, {}, {}, admin::namePeer},
                                     {QStringLiteral("connect"), 1, 1, {address}, {}, admin::connectPeer},
                                     {QStringLiteral("remove-peer"), 1, 1, {}, {}, admin::removePeer}};
     return all;

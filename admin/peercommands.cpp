@@ -71,21 +71,38 @@ QString callInWords(const QJsonObject &call)
                                     : QStringLiteral("%1 ago by TCP").arg(time);
 }
 
-/// The row of this peer, or an error.
-StoredPeer findPeer(const BoxStore &store, const QString &uuid, QString *error)
+/// The row of the peer with this UUID or name, or an error.
+StoredPeer findPeer(const BoxStore &store, const QString &word, QString *error)
 {
-    *error = valuecheck::uuid(uuid, QStringLiteral("the peer"));
-    if (!error->isEmpty())
-        return StoredPeer();
     const auto peers = store.peers();
-    const auto peer =
-        std::find_if(peers.cbegin(), peers.cend(), [&uuid](const StoredPeer &row) { return row.uuid == uuid; });
+    const auto peer = std::find_if(peers.cbegin(), peers.cend(), [&word](const StoredPeer &row) {
+        return row.uuid == word || (row.name == word && !word.isEmpty());
+    });
     *error = store.error();
     if (peer != peers.cend())
         return *peer;
+    if (error->isEmpty() && word.startsWith(QLatin1Char('{')))
+        *error = valuecheck::uuid(word, QStringLiteral("the peer"));
     if (error->isEmpty())
-        *error = QStringLiteral("there is no peer %1; nat-relay-admin peers lists those there are").arg(uuid);
+        *error = QStringLiteral("there is no peer %1; nat-relay-admin peers lists those there are").arg(word);
     return StoredPeer();
+}
+
+/// Empty text, or why no peer but this one may get this name.
+QString checkName(const BoxStore &store, const StoredPeer &named)
+{
+    const QString error = valuecheck::peerName(named.name);
+    const auto peers = store.peers();
+    const bool isTaken = std::any_of(peers.cbegin(), peers.cend(), [&named](const StoredPeer &peer) {
+        return peer.name == named.name && peer.uuid != named.uuid;
+    });
+    return error.isEmpty() && isTaken ? QStringLiteral("another peer has the name %1 already").arg(named.name) : error;
+}
+
+/// For a person to know it again.
+QString inWords(const StoredPeer &peer)
+{
+    return peer.name.isEmpty() ? peer.uuid : QStringLiteral("%1, %2").arg(peer.name, peer.uuid);
 }
 
 /// The relay sends one run to the port behind udpPort and one to the ports around udpPortRemote: both reach this one.
@@ -150,12 +167,12 @@ struct CallersOutput {
 };
 
 /// What stands for the file, as the options want it.
-QByteArray handedOver(const admin::Request &request, const PeerFile &file)
+QByteArray handedOver(const admin::Request &request, const PeerFile &file, const StoredPeer &peer)
 {
     if (request.isSet("link"))
         return file.toLink() + '\n';
     if (request.isSet("qr"))
-        return toQrCode(file.toLink(), isatty(STDOUT_FILENO) != 0) + "Added peer " + file.uuid.toUtf8() +
+        return toQrCode(file.toLink(), isatty(STDOUT_FILENO) != 0) + "Added peer " + inWords(peer).toUtf8() +
                ". The code holds the key of all peers.\n";
     return request.isSet("json") && request.values.value(QStringLiteral("out")).isNull() ? file.toJson() : file.toIni();
 }
@@ -188,9 +205,9 @@ QString admin::peers(const Request &request)
         return store.error();
     const QJsonObject calls = askCallBook(port);
     QJsonArray array;
-    QList<QStringList> rows{{QStringLiteral("uuid"), QStringLiteral("address"), QStringLiteral("udp_port"),
-                             QStringLiteral("udp_port_remote"), QStringLiteral("status"), QStringLiteral("way"),
-                             QStringLiteral("last call")}};
+    QList<QStringList> rows{{QStringLiteral("uuid"), QStringLiteral("name"), QStringLiteral("address"),
+                             QStringLiteral("udp_port"), QStringLiteral("udp_port_remote"), QStringLiteral("status"),
+                             QStringLiteral("way"), QStringLiteral("last call")}};
     for (const StoredPeer &peer : stored) {
         const QString status = statusInWords(peer.status);
         QJsonObject call = calls.value(peer.uuid).toObject();
@@ -199,6 +216,7 @@ QString admin::peers(const Request &request)
             call.remove(waySecondsKey);
         }
         array.append(QJsonObject{{QStringLiteral("uuid"), peer.uuid},
+                                 {QStringLiteral("name"), peer.name},
                                  {QStringLiteral("address"), peer.address},
                                  {QStringLiteral("udp_port"), peer.udpPort},
                                  {QStringLiteral("udp_port_remote"), peer.udpPortRemote},
@@ -207,7 +225,8 @@ QString admin::peers(const Request &request)
                                  {waySecondsKey, call.value(waySecondsKey)},
                                  {callSecondsKey, call.value(callSecondsKey)},
                                  {callerKey, call.value(callerKey)}});
-        rows.append({peer.uuid, peer.address.isEmpty() ? QStringLiteral("-") : peer.address, portInWords(peer.udpPort),
+        rows.append({peer.uuid, peer.name.isEmpty() ? QStringLiteral("-") : peer.name,
+                     peer.address.isEmpty() ? QStringLiteral("-") : peer.address, portInWords(peer.udpPort),
                      portInWords(peer.udpPortRemote), status, wayInWords(call), callInWords(call)});
     }
     return print(request.isSet("json") ? toJson(QJsonDocument(array)) : toTable(rows));
@@ -226,6 +245,12 @@ QString admin::addPeer(const Request &request)
     const PeerFile file = newPeerFile(store, boxAddress);
     if (!file.error.isEmpty())
         return file.error;
+    StoredPeer peer;
+    peer.uuid = file.uuid;
+    peer.name = request.words.value(0);
+    const QString nameError = request.words.isEmpty() ? QString() : checkName(store, peer);
+    if (!nameError.isEmpty())
+        return nameError;
     const QString path = request.values.value(QStringLiteral("out"));
     if (!path.isNull() && path.isEmpty()) // an empty variable of a script must not put the key on its terminal
         return QStringLiteral("--out must name a new file");
@@ -236,14 +261,12 @@ QString admin::addPeer(const Request &request)
     if (!handover.error().isEmpty())
         return handover.error();
 
-    StoredPeer peer;
-    peer.uuid = file.uuid;
     if (!endpoint.host.isEmpty())
         setRoute(&peer, endpoint);
     store.addPeer(peer);
     if (!store.error().isEmpty())
         return store.error();
-    if (!handover.write(handedOver(request, file))) {
+    if (!handover.write(handedOver(request, file, peer))) {
         store.removePeer(peer.uuid); // nobody could use it
         return store.error().isEmpty() ? handover.error()
                                        : QStringLiteral("%1; and peer %2 stays in the store: %3")
@@ -252,11 +275,26 @@ QString admin::addPeer(const Request &request)
     if (path.isEmpty())
         return QString();
     if (request.isSet("json"))
-        return print(
-            toJson(QJsonDocument(QJsonObject{{QStringLiteral("peer"), peer.uuid}, {QStringLiteral("file"), path}})));
+        return print(toJson(QJsonDocument(QJsonObject{{QStringLiteral("peer"), peer.uuid},
+                                                      {QStringLiteral("name"), peer.name},
+                                                      {QStringLiteral("file"), path}})));
     return print(QStringLiteral("Added peer %1. Hand over %2, which holds the key of all peers.\n")
-                     .arg(peer.uuid, path)
+                     .arg(inWords(peer), path)
                      .toLocal8Bit());
+}
+
+QString admin::namePeer(const Request &request)
+{
+    const BoxStore store;
+    QString error;
+    StoredPeer peer = findPeer(store, request.words.at(0), &error);
+    peer.name = request.words.at(1);
+    if (error.isEmpty())
+        error = checkName(store, peer);
+    if (!error.isEmpty())
+        return error;
+    store.namePeer(peer);
+    return store.error().isEmpty() ? print("Named peer " + inWords(peer).toLocal8Bit() + ".\n") : store.error();
 }
 
 QString admin::connectPeer(const Request &request)
@@ -275,12 +313,12 @@ QString admin::connectPeer(const Request &request)
     if (!address.isNull())
         setRoute(&peer, endpoint);
     if (!peer.isReachable())
-        return QStringLiteral("the store has no way to peer %1; add --address IP:PORT").arg(peer.uuid);
+        return QStringLiteral("the store has no way to peer %1; add --address IP:PORT").arg(inWords(peer));
     peer.status = StoredPeer::connectRequested;
     store.changePeer(peer);
     if (!store.error().isEmpty())
         return store.error();
-    return print("The relay is asked to connect to peer " + peer.uuid.toUtf8() +
+    return print("The relay is asked to connect to peer " + inWords(peer).toLocal8Bit() +
                  "; nat-relay-admin peers shows how it goes.\n");
 }
 
@@ -294,6 +332,6 @@ QString admin::removePeer(const Request &request)
     store.removePeer(peer.uuid);
     if (!store.error().isEmpty())
         return store.error();
-    return print("Removed peer " + peer.uuid.toUtf8() +
+    return print("Removed peer " + inWords(peer).toLocal8Bit() +
                  ". A running relay keeps it in memory until its restart, and the peer keeps the key.\n");
 }

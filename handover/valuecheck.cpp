@@ -14,6 +14,7 @@ namespace
 {
 constexpr int longestHostName = 253; // characters, RFC 1035
 constexpr int longKeyLength = 32;    // bytes
+constexpr int longestPeerName = 60;  // characters
 
 QString checkDigits(const QString &text, const QString &name, int bytes)
 {
@@ -46,6 +47,18 @@ QString valuecheck::iv(const QString &text, const QString &name)
     if (error.isEmpty() && QByteArray::fromHex(text.toLatin1()).contains('\0'))
         return QStringLiteral("%1 must hold no byte 00: the box cuts it there and would not encipher").arg(name);
     return error;
+}
+
+QString valuecheck::peerName(const QString &text)
+{
+    const auto characters = text.toUcs4();
+    const bool isShown = std::all_of(characters.cbegin(), characters.cend(), [](uint c) { return QChar::isPrint(c); });
+    const bool isNone = text.isEmpty() || characters.size() > longestPeerName || text != text.trimmed() ||
+                        text.startsWith(QLatin1Char('{')) || text.startsWith(QLatin1Char('-'));
+    return isShown && !isNone ? QString()
+                              : QStringLiteral("a peer's name must be 1 to %1 characters that can be shown, and begin "
+                                               "with neither { nor -, like \"Anna's telephone\"")
+                                    .arg(longestPeerName);
 }
 
 QString valuecheck::firstError(const QStringList &errors)

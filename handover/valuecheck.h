@@ -19,6 +19,9 @@ QString iv(const QString &text, const QString &name);
 /// 64 hexadecimal digits: the tokens and keys of the introduction.
 QString longKey(const QString &text, const QString &name);
 
+/// 1 to 60 characters that can be shown, and that no UUID or option begins with.
+QString peerName(const QString &text);
+
 /// The first text that is not empty; empty when there is none.
 QString firstError(const QStringList &errors);
 

@@ -6,7 +6,7 @@ CREATE TABLE box.settings (
     name VARCHAR(190) NOT NULL PRIMARY KEY,
     value TEXT NOT NULL,
     access_key VARCHAR(190) NOT NULL DEFAULT '' -- empty: any program on the box may read the value
-) COMMENT = 'version 1'; -- of both tables. nat-relay-admin upgrade takes an older store along
+) COMMENT = 'version 2'; -- of all tables. nat-relay-admin upgrade takes an older store along
 
 CREATE TABLE box.nat_traverse (
     id INTEGER NOT NULL PRIMARY KEY AUTO_INCREMENT,
@@ -17,3 +17,8 @@ CREATE TABLE box.nat_traverse (
     tcp_port INTEGER NOT NULL DEFAULT 0,
     udp_port_remote INTEGER NOT NULL DEFAULT 0
 );
+
+CREATE TABLE box.peer_names ( -- for people: the relay knows nothing of it
+    remote_uuid VARCHAR(64) NOT NULL PRIMARY KEY,
+    name VARCHAR(190) NOT NULL UNIQUE
+) CHARACTER SET utf8mb4 COLLATE utf8mb4_bin;

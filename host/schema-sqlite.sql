@@ -16,5 +16,10 @@ CREATE TABLE nat_traverse (
     udp_port_remote INTEGER NOT NULL DEFAULT 0
 );
 
+CREATE TABLE peer_names ( -- for people: the relay knows nothing of it
+    remote_uuid TEXT NOT NULL PRIMARY KEY,
+    name TEXT NOT NULL UNIQUE
+);
+
 -- Of these tables. nat-relay-admin upgrade takes an older store along.
-PRAGMA user_version = 1;
+PRAGMA user_version = 2;

@@ -5,6 +5,7 @@
 #include "store/growingfile.h"
 #include "store/newstore.h"
 #include "store/owner.h"
+#include "store/schemaversion.h"
 #include "store/storeconnection.h"
 #include "store/storecontent.h"
 
@@ -115,6 +116,9 @@ backup::Restored backup::restore(const StoreUrl &store, const QString &file)
         restored.error = makeStore(store, &content);
         return restored;
     }
+    restored.error = schemaversion::upgrade(store).error;
+    if (!restored.error.isEmpty())
+        return restored;
     StoreConnection connection(store);
     if (!replaceContent(&connection, content, &restored))
         restored.error = QStringLiteral("cannot change %1: %2").arg(store.shown, connection.error());

@@ -46,7 +46,9 @@ BoxStore::BoxStore()
 
 QString BoxStore::error() const
 {
-    return firstError();
+    const bool isOld = firstError().contains(QLatin1String("peer_names")); // is not there
+    return firstError() +
+           (isOld ? QStringLiteral("; the store is an older one: use nat-relay-admin upgrade") : QString());
 }
 
 QMap<QString, QString> BoxStore::settings() const
@@ -72,15 +74,17 @@ void BoxStore::put(const QMap<QString, QString> &settings) const
 QList<StoredPeer> BoxStore::peers() const
 {
     QList<StoredPeer> peers;
-    const auto rows = run("SELECT remote_uuid, remote_ip, status, udp_port, udp_port_remote "
-                          "FROM `box`.`nat_traverse` ORDER BY id");
+    const auto rows = run("SELECT remote_uuid, remote_ip, status, udp_port, udp_port_remote, name "
+                          "FROM `box`.`nat_traverse` LEFT JOIN `box`.`peer_names` USING (remote_uuid) ORDER BY id");
     for (const QVector<QString> &row : rows)
-        peers.append({row.at(0), row.at(1), row.at(2).toInt(), row.at(3).toInt(), row.at(4).toInt()});
+        peers.append({row.at(0), row.at(1), row.at(2).toInt(), row.at(3).toInt(), row.at(4).toInt(), row.at(5)});
     return peers;
 }
 
 void BoxStore::addPeer(const StoredPeer &peer) const
 {
+    if (!peer.name.isEmpty())
+        namePeer(peer); // before: one without a row is seen by nobody
     run("INSERT INTO `box`.`nat_traverse`(remote_ip, remote_uuid, status, udp_port, udp_port_remote) "
         "VALUES (?, ?, ?, ?, ?)",
         {peer.address, peer.uuid, QString::number(peer.status), QString::number(peer.udpPort),
@@ -95,8 +99,15 @@ void BoxStore::changePeer(const StoredPeer &peer) const
          peer.uuid});
 }
 
+/// A name that is left from a peer whose row other software has removed is taken over.
+void BoxStore::namePeer(const StoredPeer &peer) const
+{
+    run("REPLACE INTO `box`.`peer_names`(remote_uuid, name) VALUES (?, ?)", {peer.uuid, peer.name});
+}
+
 void BoxStore::removePeer(const QString &uuid) const
 {
+    run("DELETE FROM `box`.`peer_names` WHERE remote_uuid = ?", {uuid});
     run("DELETE FROM `box`.`nat_traverse` WHERE remote_uuid = ?", {uuid});
 }
 

@@ -15,6 +15,7 @@ struct StoredPeer {
     int status = 0;                      // as in the schema
     int udpPort = noPort;                // the relay sends a run of requests to the port behind this one
     int udpPortRemote = noPort;          // and one to each port around this one
+    QString name;                        // for people; of no two peers the same, empty: it has none
 
     /// Whether a burst of the relay would go anywhere.
     bool isReachable() const;
@@ -35,6 +36,9 @@ public:
 
     QList<StoredPeer> peers() const;
     void addPeer(const StoredPeer &peer) const;
+    /// Its name alone.
+    void namePeer(const StoredPeer &peer) const;
+    /// All but its name.
     void changePeer(const StoredPeer &peer) const;
     void removePeer(const QString &uuid) const;
 

@@ -16,7 +16,11 @@ struct Step {
 /// both schemas under host/.
 const QList<Step> &steps()
 {
-    static const QList<Step> all{{}}; // 0, without a number, is as 1
+    static const QList<Step> all{
+        {}, // 0, without a number, is as 1
+        {{QStringLiteral("CREATE TABLE peer_names (remote_uuid TEXT NOT NULL PRIMARY KEY, name TEXT NOT NULL UNIQUE)")},
+         {QStringLiteral("CREATE TABLE IF NOT EXISTS box.peer_names (remote_uuid VARCHAR(64) NOT NULL PRIMARY KEY, "
+                         "name VARCHAR(190) NOT NULL UNIQUE) CHARACTER SET utf8mb4 COLLATE utf8mb4_bin")}}};
     return all;
 }
 

@@ -10,6 +10,8 @@ namespace schemaversion
 {
 /// What this program makes and knows.
 int present();
+/// The first one with names of peers.
+constexpr int withNames = 2;
 
 /// Of a store that is open; 0 for one that has no number, which was made before there were any.
 int of(StoreConnection *store);

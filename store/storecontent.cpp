@@ -31,6 +31,8 @@ StoreContent StoreContent::read(const QString &file)
         content.settings = connection.rows(QStringLiteral("SELECT name, value, access_key FROM settings"));
         content.peers = connection.rows(QStringLiteral(
             "SELECT remote_uuid, remote_ip, udp_port, tcp_port, udp_port_remote FROM nat_traverse ORDER BY id"));
+        if (schemaversion::of(&connection) >= schemaversion::withNames)
+            content.names = connection.rows(QStringLiteral("SELECT remote_uuid, name FROM peer_names"));
         problem = connection.error();
     }
     if (problem.isEmpty())
@@ -60,6 +62,9 @@ bool StoreContent::putInto(StoreConnection *store) const
                                                    "tcp_port = excluded.tcp_port, "
                                                    "udp_port_remote = excluded.udp_port_remote WHERE status != 1"),
                                     peer);
+    isPut = isPut && store->run(QStringLiteral("DELETE FROM peer_names"));
+    for (const QStringList &name : names)
+        isPut = isPut && store->run(QStringLiteral("INSERT INTO peer_names(remote_uuid, name) VALUES (?, ?)"), name);
     return isPut && store->error().isEmpty();
 }
 

@@ -12,6 +12,7 @@ struct StoreContent {
     QString error;               // not empty: why the file is no store
     QList<QStringList> settings; // name, value, access key
     QList<QStringList> peers;    // UUID, address, then the ports in the order of the schema
+    QList<QStringList> names;    // UUID, name
 
     /// Of a file that nobody writes.
     static StoreContent read(const QString &file);

@@ -81,16 +81,25 @@ class AdminTest : public QObject
 
         QCOMPARE(run({"set", "nat_connectioninterval", "250"}).status, 0);
         QCOMPARE(setting("nat_connectioninterval"), "250");
-        const QString uuid = json({"add-peer"}).object().value("peer").toObject().value("uuid").toString();
+        const QString uuid = json({"add-peer", "Anna's \u260e"}).object().value("peer").toObject().value("uuid").toString();
+        const QByteArray named = "Anna's \u260e, " + uuid.toUtf8();
         QCOMPARE(sql(peers), QList<QVector<QString>>({{"", "-1", "-1", "0"}}));
-        QVERIFY(run({"connect", uuid}).refuses("add --address IP:PORT"));
+        QVERIFY(run({"connect", "Anna's \u260e"}).refuses("add --address IP:PORT"));
         QCOMPARE(run({"connect", uuid, "--address", "192.0.2.7:4001"}).status, 0);
         QCOMPARE(sql(peers), QList<QVector<QString>>({{"192.0.2.7", "4000", "4001", "2"}}));
-        QVERIFY(run({"peers"}).output.contains(uuid.toUtf8() + "  192.0.2.7  4000      4001             connect requested  -    -\n"));
+        QVERIFY(run({"peers"}).output.contains(uuid.toUtf8() +
+                                               "  Anna's \u260e  192.0.2.7  4000      4001             connect requested  -    -\n"));
+        QVERIFY(run({"add-peer", "Anna's \u260e"}).refuses("has the name Anna's \u260e already"));
+        QCOMPARE(run({"name-peer", uuid, "Anna's \u260e"}).output, "Named peer " + named + ".\n"); // its own
+        QCOMPARE(run({"name-peer", "Anna's \u260e", "laptop"}).output, "Named peer laptop, " + uuid.toUtf8() + ".\n");
         sql("UPDATE `box`.`nat_traverse` SET status = 1");
         QCOMPARE(run({"connect", uuid}).status, 0); // where it was last
         QCOMPARE(sql(peers), QList<QVector<QString>>({{"192.0.2.7", "4000", "4001", "2"}}));
-        QVERIFY(run({"remove-peer", uuid}).output.contains("in memory until its restart") && sql(peers).isEmpty());
+        const QByteArray removed = run({"remove-peer", "laptop"}).output;
+        QVERIFY(removed.contains("laptop, " + uuid.toUtf8()) && removed.contains("in memory until its restart") && sql(peers).isEmpty());
+        sql("INSERT INTO `box`.`peer_names`(remote_uuid, name) VALUES ('{gone}', 'laptop')"); // by other software, its row alone
+        QCOMPARE(run({"add-peer", "laptop"}).status, 0);
+        QCOMPARE(json({"peers"}).array().at(0).toObject().value("name").toString(), "laptop");
     }
 
     /// What a telephone reads of a picture made of half blocks.
@@ -142,11 +151,14 @@ private slots:
         mariadb.sql("GRANT INSERT ON box.* TO 'box'@'127.0.0.1'");
         QVERIFY(run({"init"}).status == 0);
         useFreshStore();
-        QVERIFY(run({"upgrade"}).output.contains("version 1 of the tables already"));
+        QVERIFY(run({"upgrade"}).output.contains("version 2 of the tables already"));
         mariadb.sql("ALTER TABLE box.settings COMMENT = ''"); // as it was made before there were versions
+        mariadb.sql("DROP TABLE box.peer_names");
+        QVERIFY(run({"peers"}).refuses("use nat-relay-admin upgrade"));
         QVERIFY(run({"upgrade"}).output.contains("now") && run({"upgrade"}).output.contains("already"));
-        mariadb.sql("ALTER TABLE box.settings COMMENT = 'version 2'");
-        QVERIFY(run({"upgrade"}).refuses("version 2 of the tables"));
+        QCOMPARE(json({"peers"}).array().size(), 1);
+        mariadb.sql("ALTER TABLE box.settings COMMENT = 'version 3'");
+        QVERIFY(run({"upgrade"}).refuses("version 3 of the tables"));
         QVERIFY(run({"backup", path("copy")}).refuses("use mysqldump") && run({"restore", path("copy")}).refuses("use mysql box"));
     }
 
@@ -343,10 +355,13 @@ private slots:
             {{"add-peer", "--out"}, {""}, "--out must name a new file"},
             {{"add-peer", "--out"}, {path("taken")}, "taken exists already"},
             {{"add-peer", "--qr"}, {"--link", "--json", "--out=x"}, "each go alone"},
-            {{"connect"}, {"peer"}, "must be a UUID in braces like {0"},
+            {{"connect"}, {"{peer}"}, "must be a UUID in braces like {0"},
+            {{"add-peer"}, {"", " x", "{x", "a\nb", QString(61, 'x')}, "a peer's name must be 1 to 60 characters"},
+            {{"name-peer", uuid}, {"{x"}, "a peer's name must be"},
+            {{"name-peer", unknown}, {"x"}, "there is no peer"},
             {{"connect", uuid, "--address"}, {"192.0.2.7"}, "must be IP:PORT"},
             {{"connect"}, {unknown}, "nat-relay-admin peers lists"},
-            {{"remove-peer"}, {unknown}, "there is no peer"}};
+            {{"remove-peer"}, {unknown, "", "laptop"}, "there is no peer"}};
         for (const auto &[words, lastWords, complaint] : rows) {
             for (const QString &last : lastWords) {
                 const Result result = run(words + QStringList(last));
@@ -364,7 +379,11 @@ private slots:
         const auto peers = [](const char *columns) { return sql(QString("SELECT %1 FROM `box`.`nat_traverse` ORDER BY id").arg(columns)); };
         sql("SELECT 1 FROM `box`.`settings`"); // in use from here on: what is written goes to the log
         for (const char *address : {"192.0.2.1:11", "192.0.2.2:12", "192.0.2.3:13"})
-            QCOMPARE(run({"add-peer", "--address", address}).status, 0);
+            QCOMPARE(run({"add-peer", QString("named ") + address, "--address", address}).status, 0);
+        const auto names = [] {
+            return sql("SELECT name FROM `box`.`nat_traverse` JOIN `box`.`peer_names` USING (remote_uuid) ORDER BY name");
+        };
+        const auto namesBefore = names();
         QCOMPARE(run({"join", "box.example.net:7001 " + QByteArray(64, 'b')}).status, 0);
         // By another process: to close the file in this one would end its locks.
         const auto read = [this](const QString &name) { return run({}, "exec cat " + path(name) + "; ").output; };
@@ -386,7 +405,7 @@ private slots:
         QVERIFY(run({"add-peer"}).status == 0 && run({"leave"}).status == 0 && run({"set", "nat_udpport", "6000"}).status == 0);
         const Result restored = run({"restore", path("copy")});
         QVERIFY2(restored.output.contains("a listening port at its next start. Peers that went (1)"), restored.output + restored.error);
-        QCOMPARE(run({"get"}).output, settings);
+        QVERIFY(run({"get"}).output == settings && names() == namesBefore && namesBefore.size() == 3);
         QCOMPARE(Database("Test").getSetting("uuid", ""), ""); // still under its access key
         QCOMPARE(peers("remote_ip, status"), QList<QVector<QString>>({{"192.0.2.9", "1"}, {"192.0.2.3", "3"}, {"192.0.2.1", "0"}}));
 
@@ -398,7 +417,7 @@ private slots:
 
         const QList<std::tuple<QString, QByteArray>> rows{{"DELETE FROM settings WHERE name = 'uuid'", "uuid in it must be a UUID"},
                                                           {"DROP TABLE nat_traverse", "no such table: nat_traverse"},
-                                                          {"PRAGMA user_version = 2", "version 2 of the tables"},
+                                                          {"PRAGMA user_version = 3", "version 3 of the tables"},
                                                           {".shell truncate -s 12288 '" + path("bad") + "'", "malformed"}};
         QCOMPARE(run({"set", "nat_maxconnecttries", "9"}).status, 0);
         const QByteArray untouched = run({"get"}).output + run({"peers"}).output;
@@ -418,18 +437,27 @@ private slots:
 
     void olderStoreIsTakenAlong()
     {
-        const auto number = [this](const QString &statement) {
-            QProcess sqlite;
-            sqlite.start("sqlite3", {path("box.sqlite"), "PRAGMA user_version" + statement});
-            return sqlite.waitForFinished() ? sqlite.readAll().trimmed() : QByteArray();
+        const auto sqlite = [this](const QString &statement) {
+            QProcess shell;
+            shell.start("sqlite3", {path("box.sqlite"), statement});
+            return shell.waitForFinished() ? shell.readAll().trimmed() : QByteArray();
         };
-        QVERIFY(run({"upgrade"}).output.contains("version 1 of the tables already") && number("") == "1");
-        number("=0"); // as it was made before there were versions
-        QVERIFY(run({"upgrade"}).output.contains("version 1 of the tables now") && number("") == "1");
-        number("=2");
-        QVERIFY(run({"upgrade"}).refuses("version 2 of the tables") && number("") == "2");
+        const QString number = "PRAGMA user_version";
+        QVERIFY(run({"upgrade"}).output.contains("version 2 of the tables already") && sqlite(number) == "2");
+        const QString uuid = json({"add-peer"}).object().value("peer").toObject().value("uuid").toString();
+        for (const char *before : {"0", "1"}) { // 0: as it was made before there were versions
+            sqlite("DROP TABLE peer_names; " + number + '=' + before);
+            QVERIFY(run({"backup", path(QString("old") + before)}).status == 0 && run({"peers"}).refuses("use nat-relay-admin upgrade"));
+            QVERIFY(run({"upgrade"}).output.contains("version 2 of the tables now") && sqlite(number) == "2");
+            QCOMPARE(run({"name-peer", uuid, "laptop"}).status, 0);
+            QVERIFY(run({"restore", path(QString("old") + before)}).status == 0 && run({"peers"}).output.contains(uuid.toUtf8() + "  -  "));
+        }
+        sqlite("DROP TABLE peer_names; " + number + "=1");
+        QVERIFY(run({"restore", path("old1")}).status == 0 && sqlite(number) == "2");
+        sqlite(number + "=3");
+        QVERIFY(run({"upgrade"}).refuses("version 3 of the tables") && sqlite(number) == "3");
         write("box.sqlite", "");
-        QVERIFY(run({"upgrade"}).refuses("no such table") && number("") == "0");
+        QVERIFY(run({"upgrade"}).refuses("no such table") && sqlite(number) == "0");
     }
 
     void waitEndsWhenRelayCanStart()

@@ -41,7 +41,7 @@ struct Box {
         QFile schema(SOURCE_DIR "/host/schema-sqlite.sql");
         if (!store.open() || !schema.open(QIODevice::ReadOnly))
             qFatal("no store");
-        const QList<QByteArray> statements = schema.readAll().split(';').mid(0, 2);
+        const QList<QByteArray> statements = schema.readAll().split(';').mid(0, 3);
         for (const QByteArray &statement : statements)
             sql(statement);
         sql("INSERT INTO settings VALUES ('uuid', '" + boxUuid + "', 'Hq4TbWn8LpRe2KsV'), ('aes_key', '" + testKey.toHex() +

@@ -25,7 +25,7 @@ struct Mariadb {
         QFile schema(SOURCE_DIR "/host/schema-mysql.sql");
         if (!schema.open(QIODevice::ReadOnly))
             qFatal("no schema");
-        const QList<QByteArray> statements = schema.readAll().split(';').mid(0, 3);
+        const QList<QByteArray> statements = schema.readAll().split(';').mid(0, 4);
         for (const QByteArray &statement : statements)
             sql(statement);
         for (const char *host : {"127.0.0.1", "localhost"})
