@@ -16,8 +16,6 @@
 
 namespace
 {
-constexpr const char *defaultFolder = "/etc/nat-rendezvousd";
-
 int complain(std::string reason)
 {
     std::replace(reason.begin(), reason.end(), '\n', ' ');
@@ -71,7 +69,6 @@ int run(int argc, char **argv)
     CLI::App *settingUp = app.add_subcommand("setup", "Writes a configuration with a fresh secret, and one for coturn");
     settingUp->fallthrough();
     Setup setup;
-    setup.folder = defaultFolder;
     settingUp->add_option("--folder", setup.folder, "Where to")->capture_default_str();
     settingUp->add_option("--certificate", setup.certificate,
                           "For TURN over TLS, where firewalls want a known one; else one is made");

@@ -4,6 +4,7 @@
 #include "rendezvous/certificate.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -41,6 +42,8 @@ constexpr std::array<const char *, 21> denied{
     "fc00::-fdff:ffff:ffff:ffff:ffff:ffff:ffff:ffff",
     "fe80::-febf:ffff:ffff:ffff:ffff:ffff:ffff:ffff",
     "ff00::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"};
+
+constexpr auto noChange = static_cast<uid_t>(-1);
 
 std::string ofServer(const Setup &setup, const std::string &secret, const std::string &turnSecret)
 {
@@ -94,6 +97,14 @@ void writeNew(const std::string &path, const std::string &text)
         unlink(path.c_str());
     throw std::system_error(reason, std::generic_category(), "cannot write " + path);
 }
+
+/// Where coturn runs as a user of its own, as Debian's does, it is to read this file.
+void letCoturnRead(const std::string &path)
+{
+    const group *coturn = getgrnam("turnserver");
+    if (coturn != nullptr && chown(path.c_str(), noChange, coturn->gr_gid) != 0)
+        errno = 0; // who may not do that runs coturn himself
+}
 } // namespace
 
 std::string Setup::run() const
@@ -124,6 +135,9 @@ std::string Setup::run() const
             unlink(files.at(file).first.c_str());
         throw;
     }
+    letCoturnRead(coturn);
+    if (certificate.empty())
+        letCoturnRead(own);
     return "Wrote " + server + (certificate.empty() ? ", " + own : "") + " and " + coturn +
            ". Keep a copy: without the secret all boxes must join anew.\n"
            "Open to the internet:\n"
@@ -132,9 +146,10 @@ std::string Setup::run() const
            "  TCP " +
            tlsPort + std::string(17 - tlsPort.size(), ' ') +
            "coturn, TLS\n"
-           "  UDP 49152 to 65535   coturn, what it carries\n"
-           "Then run nat-rendezvousd serve and turnserver -c " +
-           coturn +
-           ",\nand for each box nat-rendezvousd token UUID. For several nodes copy these files to each, and add "
+           "  UDP 49152 to 65535   coturn, what it carries\n" +
+           (folder == defaultFolder
+                ? "Then run systemctl restart nat-rendezvousd coturn,\n"
+                : "Then run nat-rendezvousd --config " + server + " serve and turnserver -c " + coturn + ",\n") +
+           "and for each box nat-rendezvousd token UUID. For several nodes copy these files to each, and add "
            "cluster=nats://HOST:4222 to the first.\n";
 }
