@@ -136,6 +136,13 @@ void BoxPath::drop(TurnChannel *carrier)
     place = nullptr;
     if (m_channel == carrier)
         m_channel = nullptr;
+    release(carrier);
+}
+
+void BoxPath::release(TurnChannel *carrier)
+{
+    if (carrier == nullptr)
+        return;
     carrier->disconnect(this);
     carrier->deleteLater(); // it may be what is telling us something
 }
@@ -278,11 +285,9 @@ void BoxPath::settle()
     m_isOpening = false;
     m_undeciphered = 0;
     m_keepAlive.start();
-    if (m_channel == m_retired) {
-        drop(m_carrier);
-        std::swap(m_carrier, m_retired);
-    }
     m_isImproving = !m_channel->isDirect();
+    if (m_channel == m_retired) // the one that was asked for meanwhile is not needed
+        release(std::exchange(m_carrier, std::exchange(m_retired, nullptr)));
     noteOpen();
     if (!m_isImproving)
         stopKnocking();

@@ -73,6 +73,7 @@ private:
     void useCarrier(const TurnAccount &account);
     void retireCarrier();
     void drop(TurnChannel *carrier);
+    void release(TurnChannel *carrier);
     void probe(const TurnAccount &account);
     void tick();
     void nextStep();
