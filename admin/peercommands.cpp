@@ -248,7 +248,7 @@ QString admin::addPeer(const Request &request)
     StoredPeer peer;
     peer.uuid = file.uuid;
     peer.name = request.words.value(0);
-    const QString nameError = request.words.isEmpty() ? QString() : checkName(store, peer);
+    QString nameError = request.words.isEmpty() ? QString() : checkName(store, peer);
     if (!nameError.isEmpty())
         return nameError;
     const QString path = request.values.value(QStringLiteral("out"));
