@@ -91,8 +91,8 @@ StoredPeer findPeer(const BoxStore &store, const QString &word, QString *error)
 /// Empty text, or why no peer but this one may get this name.
 QString checkName(const BoxStore &store, const StoredPeer &named)
 {
-    const QString error = valuecheck::peerName(named.name);
     const auto peers = store.peers();
+    const QString error = valuecheck::firstError({valuecheck::peerName(named.name), store.error()});
     const bool isTaken = std::any_of(peers.cbegin(), peers.cend(), [&named](const StoredPeer &peer) {
         return peer.name == named.name && peer.uuid != named.uuid;
     });

@@ -22,7 +22,7 @@ constexpr std::chrono::milliseconds firstPatience = 500ms; // for an answer
 constexpr double patienceGrowth = 1.5;                     // with each that does not come, for the first few
 constexpr int growingSilences = 10;
 constexpr std::chrono::milliseconds mostPatience = 20s;
-constexpr int patientSilences = 5; // then the server is looked for anew
+constexpr int patientSilences = 6; // then the server is looked for anew
 constexpr int mostChallenges = 3;  // that are met for one refresh
 
 std::chrono::milliseconds patience(int silences)

@@ -102,8 +102,8 @@ void writeNew(const std::string &path, const std::string &text)
 void letCoturnRead(const std::string &path)
 {
     const group *coturn = getgrnam("turnserver");
-    if (coturn != nullptr && chown(path.c_str(), noChange, coturn->gr_gid) != 0)
-        errno = 0; // who may not do that runs coturn himself
+    if (coturn != nullptr && chown(path.c_str(), noChange, coturn->gr_gid) == 0)
+        chmod(path.c_str(), 0640); // whatever the umask; who may not give it away runs coturn himself
 }
 } // namespace
 
@@ -150,6 +150,6 @@ std::string Setup::run() const
            (folder == defaultFolder
                 ? "Then run systemctl restart nat-rendezvousd coturn,\n"
                 : "Then run nat-rendezvousd --config " + server + " serve and turnserver -c " + coturn + ",\n") +
-           "and for each box nat-rendezvousd token UUID. For several nodes copy these files to each, and add "
-           "cluster=nats://HOST:4222 to the first.\n";
+           "and for each box nat-rendezvousd token UUID. For several nodes copy these files to each (cp -a keeps them "
+           "readable by coturn), and add cluster=nats://HOST:4222 to the first.\n";
 }

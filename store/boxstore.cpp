@@ -7,6 +7,7 @@
 
 #include <QHostAddress>
 #include <QLoggingCategory>
+#include <QRegularExpression>
 
 #include <database.h>
 
@@ -46,7 +47,9 @@ BoxStore::BoxStore()
 
 QString BoxStore::error() const
 {
-    const bool isOld = firstError().contains(QLatin1String("peer_names")); // is not there
+    static const QRegularExpression lacksNames(
+        QStringLiteral("no such table: box.peer_names|box.peer_names' doesn't exist"));
+    const bool isOld = lacksNames.match(firstError()).hasMatch();
     return firstError() +
            (isOld ? QStringLiteral("; the store is an older one: use nat-relay-admin upgrade") : QString());
 }
@@ -107,8 +110,8 @@ void BoxStore::namePeer(const StoredPeer &peer) const
 
 void BoxStore::removePeer(const QString &uuid) const
 {
-    run("DELETE FROM `box`.`peer_names` WHERE remote_uuid = ?", {uuid});
     run("DELETE FROM `box`.`nat_traverse` WHERE remote_uuid = ?", {uuid});
+    run("DELETE FROM `box`.`peer_names` WHERE remote_uuid = ?", {uuid}); // after: alone it is seen by nobody
 }
 
 QString BoxStore::accessKeyOf(const QString &setting)

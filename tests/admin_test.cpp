@@ -447,10 +447,13 @@ private slots:
         const QString uuid = json({"add-peer"}).object().value("peer").toObject().value("uuid").toString();
         for (const char *before : {"0", "1"}) { // 0: as it was made before there were versions
             sqlite("DROP TABLE peer_names; " + number + '=' + before);
-            QVERIFY(run({"backup", path(QString("old") + before)}).status == 0 && run({"peers"}).refuses("use nat-relay-admin upgrade"));
+            QVERIFY(run({"backup", path(QString("old") + before)}).status == 0);
+            for (const QStringList &words : {QStringList("peers"), {"add-peer", "x"}, {"add-peer", "x"}, {"add-peer", "x"}})
+                QVERIFY(run(words).refuses("use nat-relay-admin upgrade"));
             QVERIFY(run({"upgrade"}).output.contains("version 2 of the tables now") && sqlite(number) == "2");
             QCOMPARE(run({"name-peer", uuid, "laptop"}).status, 0);
             QVERIFY(run({"restore", path(QString("old") + before)}).status == 0 && run({"peers"}).output.contains(uuid.toUtf8() + "  -  "));
+            QCOMPARE(json({"peers"}).array().size(), 1);
         }
         sqlite("DROP TABLE peer_names; " + number + "=1");
         QVERIFY(run({"restore", path("old1")}).status == 0 && sqlite(number) == "2");

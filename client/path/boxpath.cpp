@@ -130,8 +130,8 @@ void BoxPath::retireCarrier()
 
 void BoxPath::drop(TurnChannel *carrier)
 {
-    if (carrier == nullptr)
-        return;
+    if (carrier == nullptr || (carrier != m_carrier && carrier != m_retired))
+        return; // already: each end of the knocking sets a time of its own for it
     TurnChannel *&place = carrier == m_retired ? m_retired : m_carrier;
     place = nullptr;
     if (m_channel == carrier)
@@ -347,6 +347,8 @@ void BoxPath::stopKnocking()
 void BoxPath::giveUp(const QString &reason)
 {
     m_record.fail(reason);
+    if (m_channel == m_retired && isOver(m_sinceHeard, m_options.openLimit))
+        drop(m_retired); // as silent as the rest; else it would be kept open until somebody asks again
     stopKnocking();
     emit failed(reason);
 }

@@ -13,6 +13,7 @@ using introduction::hostOf;
 namespace
 {
 constexpr qint64 pending = -1;
+const QLatin1String beingCarried("being carried");
 constexpr double roundTripGain = 1.0 / 8; // of a new value in the smoothed one (RFC 6298, 2.3)
 
 /// Whether no router stands between this machine and the host.
@@ -58,12 +59,11 @@ void PathRecord::watch(const Way *way)
 
 void PathRecord::watch(const TurnChannel *carrier)
 {
-    const QString what = QStringLiteral("being carried");
-    attempt(what);
-    connect(carrier, &TurnChannel::failed, this, [this, what](const QString &reason) { note(what, reason); });
-    connect(carrier, &TurnChannel::opened, this, [this, what, carrier](const QHostAddress &relayed, quint16 port) {
+    attempt(beingCarried);
+    connect(carrier, &TurnChannel::failed, this, [this](const QString &reason) { note(beingCarried, reason); });
+    connect(carrier, &TurnChannel::opened, this, [this, carrier](const QHostAddress &relayed, quint16 port) {
         const QString place = introduction::textOf(introduction::addressOf(relayed, port));
-        note(what, QStringLiteral("%1 carries what comes to %2").arg(carrier->server(), place));
+        note(beingCarried, QStringLiteral("%1 carries what comes to %2").arg(carrier->server(), place));
     });
 }
 
@@ -124,6 +124,7 @@ void PathRecord::open(const QHostAddress &host, quint16 port, bool hasPunched)
 void PathRecord::openCarried(const QHostAddress &host, quint16 port, const QString &carrier)
 {
     m_carrier = carrier;
+    note(beingCarried, QStringLiteral("the box answers by %1").arg(carrier));
     settle(Reach::Carried, host, port);
 }
 
