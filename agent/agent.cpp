@@ -1,9 +1,12 @@
 #include "agent/agent.h"
 
 #include "agent/addresses.h"
+#include "agent/relayservice.h"
 #include "agent/tell.h"
 #include "protocol/cipher.h"
 #include "protocol/datagram.h"
+
+#include <logger.h>
 
 #include <QCoreApplication>
 
@@ -22,6 +25,10 @@ Agent::Agent(QObject *parent)
 {
     m_clock.start();
     connect(&m_port, &SharedPort::received, this, &Agent::take);
+    connect(&m_relayWatch, &RelayWatch::mustRestart, this, [](const QString &why) {
+        Logger::logError(QStringLiteral("AGENT"),
+                         why + (endRelay() ? QStringLiteral(" It is started anew.") : QStringLiteral(" Restart it.")));
+    });
     connect(&m_refresh, &QTimer::timeout, this, &Agent::refresh);
     m_refresh.start(refreshSpacing);
     m_settings.error = QStringLiteral("not read yet");
@@ -37,6 +44,7 @@ void Agent::refresh()
         m_settings = settings;
         begin();
     }
+    m_relayWatch.look(m_settings.relayInterval);
     if (m_registration)
         m_registration->refresh(m_doorkeeper->nonce(now()));
 }
@@ -47,16 +55,22 @@ void Agent::begin()
     m_registration.reset();
     m_doorkeeper.reset();
     m_port.close();
+    if (m_settings.server.isEmpty())
+        return tell(m_settings.error); // a box need not have one
     if (!m_settings.error.isEmpty())
-        return tell(m_settings.error);
+        return tellError(m_settings.error);
     if (!m_onlyOne.take(m_settings.udpPort)) {
-        tell(QStringLiteral("Another nat-relay-agent shares UDP port %1 already, and one is enough.")
-                 .arg(m_settings.udpPort));
+        tellError(QStringLiteral("Another nat-relay-agent shares UDP port %1 already, and one is enough.")
+                      .arg(m_settings.udpPort));
         return QCoreApplication::exit(1);
     }
     m_callBook.showAt(m_onlyOne.socket());
     m_doorkeeper.emplace(m_settings);
     m_registration = std::make_unique<Registration>(m_settings, &m_port);
+    m_relayWatch.forget();
+    connect(m_registration.get(), &Registration::answered, &m_relayWatch, &RelayWatch::onAnswer);
+    connect(m_registration.get(), &Registration::unanswered, &m_relayWatch, &RelayWatch::onSilence);
+    connect(m_registration.get(), &Registration::moved, &m_relayWatch, &RelayWatch::forget);
 }
 
 void Agent::take(const QByteArray &bytes)

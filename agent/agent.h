@@ -6,6 +6,7 @@
 #include "agent/doorkeeper.h"
 #include "agent/onlyone.h"
 #include "agent/registration.h"
+#include "agent/relaywatch.h"
 #include "agent/sharedport.h"
 #include "introduction/allowance.h"
 
@@ -43,4 +44,5 @@ private:
     CallBook m_callBook;
     std::optional<Doorkeeper> m_doorkeeper; // as the settings are
     std::unique_ptr<Registration> m_registration;
+    RelayWatch m_relayWatch;
 };

@@ -30,6 +30,9 @@ BoxSettings BoxSettings::read()
     settings.aesIv = iv.mid(0, iv.indexOf('\0')); // as the relay reads it; -1: the whole of it
     settings.server = text("nat_introduction_server");
     settings.endpoint = Endpoint::ofServer(settings.server);
+    if (database.getSetting(QStringLiteral("server_hostname"), hostcalls::noAccessKey()) == settings.endpoint.host &&
+        text("nat_server_udpport").toInt() == settings.endpoint.port)
+        settings.relayInterval = std::chrono::seconds(text("nat_server_update_interval").toInt());
 
     if (settings.server.isEmpty())
         settings.error = QStringLiteral("The box has joined no rendezvous server; nat-relay-admin join makes it one.");
@@ -51,7 +54,7 @@ bool BoxSettings::operator==(const BoxSettings &other) const
 {
     const auto all = [](const BoxSettings &settings) {
         return std::tie(settings.error, settings.uuid, settings.udpPort, settings.aesKey, settings.aesIv,
-                        settings.server, settings.token, settings.callKey);
+                        settings.server, settings.relayInterval, settings.token, settings.callKey);
     };
     return all(*this) == all(other);
 }

@@ -6,6 +6,8 @@
 #include <QByteArray>
 #include <QString>
 
+#include <chrono>
+
 /// What the agent needs to know of its box, as the store has it.
 struct BoxSettings {
     QString error; // not empty: why the box cannot be registered, and what to do
@@ -15,6 +17,7 @@ struct BoxSettings {
     QByteArray aesIv;
     QString server; // HOST:PORT
     Endpoint endpoint;
+    std::chrono::seconds relayInterval{0}; // at which the relay registers there too; 0: elsewhere
     introduction::Uuid box = {};
     introduction::Key token = {};
     introduction::Key callKey = {};

@@ -90,16 +90,22 @@ void Registration::open(const QHostInfo &found)
 {
     const auto addresses = found.addresses();
     if (addresses.isEmpty())
-        return tell(QStringLiteral("Cannot look up %1: %2").arg(m_settings.endpoint.host, found.errorString()));
+        return tellError(QStringLiteral("Cannot look up %1: %2").arg(m_settings.endpoint.host, found.errorString()));
     const QHostAddress &host = addresses.at(m_next % addresses.size());
     const QString error =
         m_port->open(m_settings.udpPort, introduction::addressOf(host, static_cast<quint16>(m_settings.endpoint.port)));
     m_isOpen = error.isEmpty();
     m_message.cookie = 0; // of the address before
+    if (host != m_host)
+        emit moved();
+    m_host = host;
+    m_isOneOfMany = std::count_if(addresses.cbegin(), addresses.cend(), [&host](const QHostAddress &other) {
+                        return other.protocol() == host.protocol();
+                    }) > 1;
     if (m_isOpen)
         return send();
     m_next++;
-    tell(QStringLiteral("Cannot reach %1: %2").arg(m_settings.server, error));
+    tellError(QStringLiteral("Cannot reach %1: %2").arg(m_settings.server, error));
 }
 
 void Registration::send()
@@ -114,8 +120,9 @@ void Registration::onSilence()
     m_silences++;
     if (m_silences < patientSilences)
         return send();
-    tell(QStringLiteral("No answer from %1: is it there, and does UDP to it pass?").arg(m_settings.server));
+    tellError(QStringLiteral("No answer from %1: is it there, and does UDP to it pass?").arg(m_settings.server));
     m_next++;
+    emit unanswered();
     reopen();
 }
 
@@ -135,6 +142,8 @@ void Registration::onRegistered(const introduction::Registered &message)
         return;
     m_silence.stop();
     m_silences = 0;
+    const bool isKnown = message.relayAge != introduction::Registered::notKnown && !m_isOneOfMany;
+    emit answered(isKnown ? std::make_optional(std::chrono::seconds(message.relayAge)) : std::nullopt);
     tell(QStringLiteral("Registered at %1, seen as %2.").arg(m_settings.server, textOf(message.seen)));
 }
 
@@ -155,8 +164,8 @@ void Registration::onRefusal(const introduction::Refusal &message)
     m_silence.stop(); // it is there; the next refresh may find it in another mood
     m_silences = 0;
     if (message.reason == introduction::Reason::BadToken)
-        tell(QStringLiteral(
-                 "%1 refuses the box's token: it belongs to another UUID, or the server has a new secret. Use "
-                 "nat-relay-admin join with the line that nat-rendezvousd token '%2' prints there.")
-                 .arg(m_settings.server, m_settings.uuid));
+        tellError(QStringLiteral(
+                      "%1 refuses the box's token: it belongs to another UUID, or the server has a new secret. Use "
+                      "nat-relay-admin join with the line that nat-rendezvousd token '%2' prints there.")
+                      .arg(m_settings.server, m_settings.uuid));
 }

@@ -10,7 +10,9 @@
 #include <QObject>
 #include <QTimer>
 
+#include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string_view>
 
 /// Keeps the box registered at its rendezvous server, over changes of the network and of the server's address. Never
@@ -31,6 +33,13 @@ public:
     /// What came from the server and is no call.
     void take(std::string_view bytes);
 
+signals:
+    /// How long ago the relay itself registered there, where that is known and it knows no other server.
+    void answered(std::optional<std::chrono::seconds> relayAge);
+    void unanswered();
+    /// To another of the server's addresses.
+    void moved();
+
 private:
     void reopen();
     void lookUp();
@@ -47,6 +56,8 @@ private:
     QList<QHostAddress> m_network; // this machine's addresses when the port was opened
     int m_lookup = -1;             // while the name is looked up
     int m_next = 0;                // which of the server's addresses it is
+    QHostAddress m_host;
+    bool m_isOneOfMany = false;
     bool m_isOpen = false;
     introduction::Registration m_message;
     int m_challenges = 0; // since the last refresh

@@ -2,11 +2,25 @@
 
 #include <logger.h>
 
-void tell(const QString &line)
+namespace
+{
+bool isNews(const QString &line)
 {
     static QString last;
-    if (line == last)
-        return;
+    const bool isNew = line != last;
     last = line;
-    Logger::logInfo(QStringLiteral("AGENT"), line);
+    return isNew;
+}
+} // namespace
+
+void tell(const QString &line)
+{
+    if (isNews(line))
+        Logger::logInfo(QStringLiteral("AGENT"), line);
+}
+
+void tellError(const QString &line)
+{
+    if (isNews(line))
+        Logger::logError(QStringLiteral("AGENT"), line);
 }

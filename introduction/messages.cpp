@@ -116,7 +116,7 @@ template <> struct Layout<Registered> {
     static constexpr bool isSigned = false;
     template <typename Passer, typename Message> static void pass(Passer *passer, Message &message)
     {
-        passer->field(message.count).field(message.seen);
+        passer->field(message.count).field(message.seen).field(message.relayAge);
     }
 };
 

@@ -53,10 +53,14 @@ struct Registration {
     std::uint64_t cookie = 0;
 };
 
-/// 0 kind | 1 count | 5 where the registration came from (23 bytes)
+/// 0 kind | 1 count | 5 where the registration came from | 23 seconds since the relay itself registered there (25
+/// bytes)
 struct Registered {
+    static constexpr std::uint16_t notKnown = 0xffff; // and longer than that
+
     std::uint32_t count = 0;
     Address seen;
+    std::uint16_t relayAge = notKnown;
 };
 
 /// 0 kind | 1 echo: nonce of a registration, id of a call | 9 cookie | 17 nonce of the box, 0: not known (25 bytes)

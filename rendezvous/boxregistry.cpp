@@ -38,6 +38,7 @@ void BoxRegistry::put(const RegisteredBox &box)
     RegisteredBox changed = box;
     changed.calls = known->calls; // or they would begin anew with each address
     changed.replies = known->replies;
+    changed.relaySeen = known->relaySeen;
     m_boxes.replace(known, changed);
     see(&*known, box.seen);
 }

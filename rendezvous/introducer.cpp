@@ -61,6 +61,13 @@ bool isEqual(std::uint64_t left, std::uint64_t right) // in constant time
                   {reinterpret_cast<const char *>(&right), sizeof right});
 }
 
+std::uint16_t relayAge(const RegisteredBox &box, Moment now)
+{
+    const auto age = std::chrono::duration_cast<std::chrono::seconds>(now) - box.relaySeen;
+    return box.relaySeen.count() > 0 && age.count() < Registered::notKnown ? static_cast<std::uint16_t>(age.count())
+                                                                           : Registered::notKnown;
+}
+
 std::string turnPassword(const std::string &user, const std::string &secret)
 {
     CryptoPP::HMAC<CryptoPP::SHA1> hmac(reinterpret_cast<const CryptoPP::byte *>(secret.data()), secret.size());
@@ -150,12 +157,15 @@ Introducer::Response Introducer::takeRegistration(const Incoming &incoming)
         changed.seen = incoming.now;
         m_boxes.put(changed);
         tellMoved(changed);
+        box = m_boxes.find(message->box);
     }
     Counts::add(&m_counts.registrations);
-    return Datagram{incoming.from, encode(Registered{message->count, incoming.from.address})};
+    return Datagram{incoming.from,
+                    encode(Registered{message->count, incoming.from.address, relayAge(*box, incoming.now)})};
 }
 
 /// Anybody can send one: it counts for where a box is only if that is wanted, and no agent has registered the box.
+/// Where one has, from the same address, the agent is told that it came.
 Introducer::Response Introducer::takePlain(const Incoming &incoming)
 {
     const auto uuid = incoming.bytes.size() > plainUuidOffset ? uuidOf(incoming.bytes.substr(plainUuidOffset))
@@ -163,7 +173,10 @@ Introducer::Response Introducer::takePlain(const Incoming &incoming)
     if (!uuid)
         return drop();
     Counts::add(&m_counts.plainRegistrations);
-    if (!m_options.trustsPlain || m_boxes.find(*uuid) != nullptr || !isWithinLimit(incoming))
+    const RegisteredBox *known = m_boxes.find(*uuid);
+    if (known != nullptr && known->place == incoming.from)
+        known->relaySeen = std::chrono::duration_cast<decltype(known->relaySeen)>(incoming.now);
+    if (!m_options.trustsPlain || known != nullptr || !isWithinLimit(incoming))
         return std::nullopt;
     RegisteredBox box;
     box.uuid = *uuid;

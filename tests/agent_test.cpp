@@ -4,6 +4,7 @@
 
 #include "agent/callmemory.h"
 #include "agent/onlyone.h"
+#include "agent/relaywatch.h"
 #include "agent/sharedport.h"
 #include "introduction/hostaddress.h"
 #include "tests/support/introducedbox.h"
@@ -268,6 +269,44 @@ private slots:
         box->set({{"nat_introduction_server", ""}});
         hangUp();
         QVERIFY2(awaitAgent("joined no rendezvous server"), agentLog);
+    }
+
+    void relayThatHangsIsNoticed()
+    {
+        RelayWatch watch; // a clock that is set, ahead and back
+        QCOMPARE(watch.setBack(5000s, 100s).count(), 0);
+        QCOMPARE(watch.setBack(9000s, 110s).count(), 0);
+        QCOMPARE(watch.setBack(9001s, 120s).count(), 0);
+        QCOMPARE(watch.setBack(5421s, 140s).count(), 3600);
+        QCOMPARE(watch.setBack(5441s, 160s).count(), 0);
+
+        box->set({{"server_hostname", "192.0.2.1"}, {"nat_server_udpport", "7000"}, {"nat_server_update_interval", "1"}});
+        FakeServer fake;
+        startAgent();
+        QVERIFY(fake.isRegistered());
+        WebServer web;
+        int asked = 0;
+        const auto isTold = [&](int time) {
+            QElapsedTimer spent;
+            spent.start();
+            bool isFound = false;
+            while (!isFound && !spent.hasExpired(time)) {
+                hangUp(); // registers again, and looks
+                isFound = awaitAgent("nat-relayd has not registered for ", 300);
+                if (asked >= 0 && web.takeRequest().startsWith("HEAD / HTTP/1.0\r\n") && ++asked > 0)
+                    web.answer("HTTP/1.0 404 Not Found\r\n\r\n");
+            }
+            return isFound;
+        };
+        QVERIFY(!isTold(5000) && asked == 0); // it has never been heard
+        fake.relayAge = QByteArray("\0\5", 2);
+        QVERIFY(!isTold(700) && asked == 0);
+        fake.relayAge = "\1\1";
+        asked = -1;                           // the web server is there and says nothing
+        QVERIFY(!isTold(2500) && !web.takeRequest().isEmpty());
+        asked = 0;
+        QVERIFY2(isTold(10000) && asked > 1, agentLog);
+        QVERIFY2(agentLog.contains("for 257 s, while the web server answers. Restart it."), agentLog);
     }
 
     void secondAgentEnds()

@@ -137,7 +137,7 @@ private slots:
         QVERIFY(challenge.size() <= first.size() && server.to == home);
         QVERIFY(!isBoxAt(&server, home));
         const QByteArray cookie = challenge.mid(9, 8);
-        QCOMPARE(server.take(home, registration(7, 1, cookie)), "\xa2" + bytesOf(quint32(1)) + ipv4("\1\2\3\4") + bytesOf(quint16(5000)));
+        QCOMPARE(server.take(home, registration(7, 1, cookie)), "\xa2" + bytesOf(quint32(1)) + ipv4("\1\2\3\4") + bytesOf(quint16(5000)) + "\xff\xff");
         QVERIFY(isBoxAt(&server, home));
 
         QVERIFY(server.take(home, registration(7, 1, cookie)).isEmpty());            // a replay
@@ -325,6 +325,22 @@ private slots:
         QVERIFY(trusting.registerBox(home));
         trusting.take(away, plain); // must not move a box whose agent has registered it
         QVERIFY(isBoxAt(&trusting, home));
+
+        // What the agent is told of them.
+        const auto age = [&trusting](const Place &from, quint32 count) {
+            return trusting.take(from, registration(7, count, trusting.cookie(from))).mid(23);
+        };
+        QCOMPARE(age(home, 2), QByteArray("\xff\xff"));
+        trusting.take(home, plain);
+        trusting.wait(61s);
+        QCOMPARE(age(home, 3), bytesOf(quint16(61)));
+        trusting.wait(5s);
+        QCOMPARE(age(away, 4), bytesOf(quint16(66))); // wherever the box is now
+        for (quint32 count = 5; count < 1200; count++) {
+            trusting.wait(60s);
+            trusting.take(away, registration(7, count, noCookie));
+        }
+        QCOMPARE(age(away, 1200), QByteArray("\xff\xff")); // no longer told apart
     }
 
     void silentStreamsAreClosed()

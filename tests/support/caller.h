@@ -93,7 +93,7 @@ struct FakeServer {
             if (isSigned && data.startsWith('\xa1')) {
                 nonce = data.mid(17, 8);
                 registrations++;
-                send("\xa2" + data.mid(25, 4) + address(lan, boxPort));
+                send("\xa2" + data.mid(25, 4) + address(lan, boxPort) + relayAge);
             } else if (isSigned) {
                 replies += data;
             }
@@ -116,6 +116,7 @@ struct FakeServer {
     }
 
     QUdpSocket socket;
+    QByteArray relayAge = "\xff\xff";
     QByteArray nonce; // the box's
     quint16 boxPort = 0;
     QByteArrayList replies;
