@@ -53,6 +53,7 @@ void Agent::refresh()
 void Agent::begin()
 {
     m_registration.reset();
+    m_relayWatch.forget();
     m_doorkeeper.reset();
     m_port.close();
     if (m_settings.server.isEmpty())
@@ -67,7 +68,6 @@ void Agent::begin()
     m_callBook.showAt(m_onlyOne.socket());
     m_doorkeeper.emplace(m_settings);
     m_registration = std::make_unique<Registration>(m_settings, &m_port);
-    m_relayWatch.forget();
     connect(m_registration.get(), &Registration::answered, &m_relayWatch, &RelayWatch::onAnswer);
     connect(m_registration.get(), &Registration::unanswered, &m_relayWatch, &RelayWatch::onSilence);
     connect(m_registration.get(), &Registration::moved, &m_relayWatch, &RelayWatch::forget);

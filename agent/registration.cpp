@@ -65,6 +65,7 @@ void Registration::refresh(std::uint64_t nonce)
 void Registration::reopen()
 {
     m_silence.stop();
+    emit unanswered();
     m_isOpen = false;
     m_network = QNetworkInterface::allAddresses();
     lookUp();
@@ -122,7 +123,6 @@ void Registration::onSilence()
         return send();
     tellError(QStringLiteral("No answer from %1: is it there, and does UDP to it pass?").arg(m_settings.server));
     m_next++;
-    emit unanswered();
     reopen();
 }
 
@@ -162,6 +162,7 @@ void Registration::onRefusal(const introduction::Refusal &message)
     if (message.echo != m_message.nonce)
         return;
     m_silence.stop(); // it is there; the next refresh may find it in another mood
+    emit unanswered();
     m_silences = 0;
     if (message.reason == introduction::Reason::BadToken)
         tellError(QStringLiteral(

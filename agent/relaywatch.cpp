@@ -9,7 +9,8 @@ namespace
 constexpr std::chrono::seconds leastSetBack = 10s; // the relay may stand still for so long
 // Single datagrams, of which a bad line loses one in five.
 constexpr int lostRegistrations = 6;
-constexpr int registrationsToCome = 3; // since the server has answered again
+constexpr int registrationsToCome = 3;            // since the server has answered again
+constexpr std::chrono::hours restartSpacing = 1h; // the server may lie
 constexpr quint16 webPort = 80;
 
 std::chrono::milliseconds timeOf(clockid_t clock)
@@ -61,13 +62,15 @@ std::chrono::seconds RelayWatch::setBack(std::chrono::milliseconds wall, std::ch
 void RelayWatch::lookAtRegistrations(std::chrono::seconds interval)
 {
     if (interval <= 0s || !m_relaySeen || !m_answered || now() - *m_relaySeen < lostRegistrations * interval ||
-        now() - *m_answered < registrationsToCome * interval) {
+        now() - *m_answered < registrationsToCome * interval ||
+        (m_restarted && now() - *m_restarted < restartSpacing)) {
         m_webAnswered.reset();
         return;
     }
     if (m_webAnswered && now() - *m_webAnswered > interval) {
         const auto age = std::chrono::duration_cast<std::chrono::seconds>(now() - *m_relaySeen);
         forget();
+        m_restarted = now();
         emit mustRestart(
             QStringLiteral("nat-relayd has not registered for %1 s, while the web server answers.").arg(age.count()));
         return;

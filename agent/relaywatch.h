@@ -21,7 +21,7 @@ public:
     explicit RelayWatch(QObject *parent = nullptr);
 
     /// From an answer of the rendezvous server to the agent: how long ago the relay itself registered there, if that is
-    /// known; and where the server does not answer any more.
+    /// known; and where the server gives none any more.
     void onAnswer(std::optional<std::chrono::seconds> relayAge);
     void onSilence() { m_answered.reset(); }
     /// Where it is another server from now on.
@@ -45,5 +45,6 @@ private:
     std::optional<Moment> m_relaySeen;
     std::optional<Moment> m_answered; // since then, without a break
     std::optional<Moment> m_webAnswered;
-    QTcpSocket m_web; // busy: asked, and not answered yet
+    std::optional<Moment> m_restarted; // for the registrations' sake
+    QTcpSocket m_web;                  // busy: asked, and not answered yet
 };
