@@ -20,8 +20,10 @@ template <typename Direction> QByteArray process(QByteArray message, const QByte
 
     Direction direction;
     direction.SetKeyWithIV(bytes(key), cipher::blockLength, bytes(iv), cipher::blockLength);
-    auto *text = reinterpret_cast<CryptoPP::byte *>(message.data());
-    direction.ProcessData(text, text, static_cast<size_t>(message.size()));
+    // From one buffer to another: in place, most blocks come out as zeros on 32-bit ARM.
+    const QByteArray source = message;
+    direction.ProcessData(reinterpret_cast<CryptoPP::byte *>(message.data()), bytes(source),
+                          static_cast<size_t>(source.size()));
     return message;
 }
 } // namespace
