@@ -206,7 +206,6 @@ private slots:
             {chunked + "5\r\nshort\r\n", "short", "cut short, the rest does not come"},
             {chunked + "0\r\n", "", "cut short, the rest does not come"},
             {chunked + "five\r\nshort\r\n0\r\n\r\n", "", "the answer is no HTTP response: bad chunk"},
-            {"SSH-2.0-box\r\n\r\n", "", "the answer is no HTTP response: bad version"},
             {"HTTP/1.1 103 Early Hints\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nwhole", "whole", ""},
             {chunked + "5;x=y\r\nwhole\r\n0\r\n\r\n", "whole", ""}};
         for (const auto &[response, body, complaint] : rows) {
@@ -219,6 +218,27 @@ private slots:
             const auto [status, output, error] = finish(&peer);
             QVERIFY2(output == body, response + error + output);
             QVERIFY2(status == int(!complaint.isEmpty()) && error.contains(complaint) && error.count('\n') == status, error);
+        }
+    }
+
+    void answerThatIsNoneIsAskedForAgain()
+    {
+        for (const bool isOnce : {true, false}) { // what is left of another's page, and a service that is no web server
+            WebServer web;
+            web.probeAnswer = isOnce ? web.probeAnswer : "SSH-2.0-box\r\n";
+            int asked = 0;
+            startRelay();
+            QProcess peer;
+            startPeer(&peer, {"get", "/"});
+            const auto isOver = [&] {
+                if (!web.takeRequest().isEmpty())
+                    web.answer(isOnce && ++asked > 1 ? QByteArray("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nwhole") : "SSH-2.0-box\r\n");
+                return peer.state() == QProcess::NotRunning;
+            };
+            QVERIFY(QTest::qWaitFor(isOver, 20000));
+            const auto [status, output, error] = finish(&peer);
+            QVERIFY2(isOnce ? output == "whole" : error.contains("the answer is no HTTP response: bad version"), error);
+            QCOMPARE(status, isOnce ? 0 : 1);
         }
     }
 

@@ -20,6 +20,7 @@ constexpr std::uint32_t longestHead = 64 * 1024;
 constexpr int shortestEnd = 5;          // of chunks: the last one's "0" and two line ends
 constexpr int longestLine = 128 * 1024; // or head; what is not understood before it
 constexpr char helpfulSite[] = "an nginx before the web server helps, as in scripts/nginx-site.conf";
+constexpr int mostForeign = 5;     // answers that are not HTTP, before it is taken for what the web server says
 constexpr int mostBarrenParts = 3; // a read may bring the header alone; so many in a row bring no more the next time
 
 bool isEventStream(const HttpResponseHead &head)
@@ -62,7 +63,7 @@ void Exchange::start(const HttpRequest &request)
     m_small.reset();
     m_length.reset();
     m_start = m_taken = m_takenBefore = 0;
-    m_barrenParts = 0;
+    m_barrenParts = m_foreignAnswers = 0;
     m_body.clear();
     m_trafficBefore = {};
     send(request);
@@ -70,7 +71,8 @@ void Exchange::start(const HttpRequest &request)
 
 void Exchange::send(const HttpRequest &request)
 {
-    m_isRunning = true;
+    m_isRunning = m_isAwaited = true;
+    m_asked = request;
     beginPart();
     std::ostringstream wire;
     wire << request;
@@ -130,6 +132,12 @@ void Exchange::take(const QByteArray &bytes)
 {
     if (!m_isRunning)
         return;
+    if (m_isAwaited && !bytes.startsWith("HTTP/") && mayRepeat(m_asked.method()) && m_foreignAnswers++ < mostForeign) {
+        rest(); // of another's chunks, which the relay was told to forget while they paused
+        m_client->abandon();
+        return send(HttpRequest(m_asked));
+    }
+    m_isAwaited = false;
     m_buffer.append(bytes);
     bool isMoving = true;
     while (isMoving && !m_buffer.isEmpty()) {

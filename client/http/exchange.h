@@ -91,6 +91,9 @@ private:
     quint64 m_start = 0;       // of the body within what it is a part of
     quint64 m_taken = 0;       // bytes of the body
     quint64 m_takenBefore = 0; // by the parts before this one
+    HttpRequest m_asked;       // last
+    bool m_isAwaited = false;  // nothing of the answer to that has come
+    int m_foreignAnswers = 0;
     int m_barrenParts = 0;
     QByteArray m_body; // not yet taken
     RelayClient::Traffic m_trafficBefore;

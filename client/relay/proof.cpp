@@ -31,6 +31,7 @@ void Proof::begin()
 {
     m_first = m_request(harmlessRequest());
     m_second.clear();
+    m_bodyBefore = m_body;
     m_isHeld = m_isAnswered = false;
     m_sinceBegin.start();
 }
@@ -46,12 +47,17 @@ bool Proof::takeConfirmation(quint16 messageId)
 
 bool Proof::takePacket(const datagram::ResponseHeader &header, const QByteArray &slice, qint64 gap)
 {
-    if (isOf(header.messageId, m_second))
-        return true;
-    if (!isOf(header.messageId, m_first))
+    const bool isOfSecond = isOf(header.messageId, m_second);
+    if (!isOfSecond && !isOf(header.messageId, m_first))
         return false;
-    const bool isHead =
-        header.count == 1 && slice.startsWith("HTTP/1.") && slice.indexOf("\r\n\r\n") == slice.size() - 4;
+    const auto end = slice.indexOf("\r\n\r\n");
+    const QByteArray body = slice.mid(end + 4);
+    const bool isWhole = header.count == 1 && slice.startsWith("HTTP/1.") && end >= 0;
+    const bool isHead = isWhole && (body.isEmpty() || body == m_bodyBefore);
+    if (isWhole)
+        m_body = body;
+    if (isOfSecond)
+        return true;
     if (isHead && !m_isAnswered) // the relay may send it again
         m_time = std::min({m_time.value_or(longestTime), gap, m_sinceBegin.elapsed()});
     m_isAnswered = isHead;

@@ -28,7 +28,8 @@ public:
     const QByteArray &datagram() const { return m_second.isEmpty() ? m_first : m_second; }
     /// Whether the relay has both.
     bool isHeld() const { return m_isHeld; }
-    /// Whether the first one was answered, with nothing but a head, as is right.
+    /// Whether the first one was answered: with nothing but a head, as is right, or with the same body as in the
+    /// proof before.
     bool isAnswered() const { return m_isAnswered; }
     /// How long the web server needs for one, in ms, at most; until one has been answered, that is a guess.
     qint64 time() const { return m_time.value_or(usualTime); }
@@ -46,6 +47,8 @@ private:
     QByteArray m_second; // empty until the relay has the first
     bool m_isHeld = false;
     bool m_isAnswered = false;
+    QByteArray m_body;       // small web servers put one behind the head that was asked for, the same for every path
+    QByteArray m_bodyBefore; // of the proof before, as one packet may come twice
     QElapsedTimer m_sinceBegin;
     std::optional<qint64> m_time;
 };

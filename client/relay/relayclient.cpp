@@ -10,6 +10,8 @@
 //   waits its turn behind it. The relay is asked to forget (ConnectRequest) only where everything asked has been
 //   answered, or where no sign of an answer came for a minute, or an answer has come and for a second neither more of
 //   it nor the one behind it: then the web server has most likely closed the link, and the relay would wait for ever.
+//   Amid chunks of ours half a second is enough, and more where they came slowly: should the web server only have
+//   paused, the rest that somebody else gets begins in the middle, and he sees that it is no answer and asks again.
 // - After anything that leaves a doubt (given up, time-out, broken off, a start) two harmless requests go ahead, HEAD
 //   of a random path. The second one can only be answered when the first has been taken off the queue and its link
 //   closed, whatever answer the first one got. The states the relay can be in, and how each ends:
@@ -36,6 +38,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <utility>
 
 using namespace std::chrono_literals;
@@ -43,6 +46,7 @@ using namespace std::chrono_literals;
 namespace
 {
 constexpr auto tickSpacing = 100ms;
+constexpr auto proofTick = 25ms; // others wait meanwhile
 constexpr std::chrono::milliseconds resendSpacing = 500ms;
 constexpr std::chrono::milliseconds reminder = 5s;         // a relay that was restarted has forgotten the request
 constexpr std::chrono::milliseconds pathPatience = 2500ms; // unconfirmed in five sends, the request has no path
@@ -53,11 +57,15 @@ constexpr int lossyPatience = 3;       // times as long there: a packet is five 
 constexpr auto receiptSpacing = 120ms; // between copies there, as a lost one costs a packet once more
 constexpr int receiptCopies = 2;
 constexpr std::chrono::milliseconds leaveLimit = 3s;
-constexpr std::chrono::milliseconds signLimit = 60s;    // as long as web servers themselves wait for an application
-constexpr std::chrono::milliseconds answerGap = 1s;     // between answers, or parts of one, that follow each other
+constexpr std::chrono::milliseconds signLimit = 60s; // as long as web servers themselves wait for an application
+constexpr std::chrono::milliseconds answerGap = 1s;  // between answers, or parts of one, that follow each other
+constexpr std::chrono::milliseconds quickGap =
+    540ms;                         // amid our own chunks on a good line; one lost packet makes no longer one
+constexpr double usualPause = 2.5; // times the longest one of that response until now, if that is longer
+constexpr std::chrono::milliseconds mostPause = 10s;
 constexpr std::chrono::milliseconds drainTime = 300ms;  // in which a link that owes something gives it
 constexpr int probeShare = 3;                           // both are longer where a HEAD takes more than this part of it
-constexpr std::chrono::milliseconds othersTurn = 800ms; // in less nobody can have left the relay waiting
+constexpr std::chrono::milliseconds othersTurn = 400ms; // in less nobody can have left the relay waiting
 constexpr std::chrono::milliseconds backgroundLimit = 120s;
 constexpr quint16 socketId = 1;                       // one request at a time needs no more
 constexpr quint16 paddedSocketId = 2;                 // tells the confirmations of a long copy from those of the short
@@ -175,7 +183,7 @@ void RelayClient::refuse(Failure failure, const QString &reason)
 /// Whether the relay gave no sign of an answer for so long that there will be none.
 bool RelayClient::isSilent() const
 {
-    return m_sinceSign.hasExpired(m_isAnswered ? patience(answerGap) : signLimit.count());
+    return m_sinceSign.hasExpired(m_isAnswered ? patience(gapOnThisLine()) : signLimit.count());
 }
 
 qint64 RelayClient::patience(std::chrono::milliseconds least) const
@@ -186,6 +194,17 @@ qint64 RelayClient::patience(std::chrono::milliseconds least) const
 bool RelayClient::isLossy() const
 {
     return m_sinceLoss.isValid() && !m_sinceLoss.hasExpired(lossMemory.count());
+}
+
+/// For how long nothing comes until the web server has most likely closed its link.
+std::chrono::milliseconds RelayClient::gapOnThisLine() const
+{
+    const auto usual = std::chrono::milliseconds(std::llround(usualPause * static_cast<double>(m_longestPause)));
+    const auto pause = std::min(usual, mostPause);
+    if (isLossy() || !m_isAmidChunks)
+        return std::max(answerGap, pause);
+    const auto roundTrip = static_cast<int>(m_path->record().roundTrip().value_or(0));
+    return std::max(pause, std::min(answerGap, quickGap + std::chrono::milliseconds(roundTrip)));
 }
 
 std::chrono::milliseconds RelayClient::onThisLine(std::chrono::milliseconds patience) const
@@ -251,7 +270,7 @@ void RelayClient::enter(State state)
     if (state == State::Idle)
         m_resend.stop();
     else
-        m_resend.start();
+        m_resend.start(state == State::Proving ? proofTick : tickSpacing);
     if (state == State::Clearing)
         m_fragments.stop();
     if (state == State::Proving) {
@@ -352,7 +371,7 @@ void RelayClient::tickProof()
 {
     // Answered and still at the head of the relay's queue: the relay waits for an end that will not come. Nothing that
     // has been asked is unanswered, so that it may forget.
-    const auto wait = patience(m_isRelayWaiting ? drainTime : answerGap);
+    const auto wait = patience(m_isRelayWaiting ? drainTime : gapOnThisLine());
     if (m_proof.isAnswered() && m_proof.isHeld() && m_sinceSign.hasExpired(wait)) {
         m_isSure = m_isRelayWaiting = true;
         proceed();
@@ -408,7 +427,7 @@ void RelayClient::takePacket(const QByteArray &packet)
     m_receiptsSent = 1;
     m_path->send(m_receipt);
     takeConfirmation(header.messageId); // which may have been lost
-    if (m_series.isUnderWay() && m_sinceProgress.hasExpired(resendSpacing.count()))
+    if (m_state == State::Receiving && m_series.isUnderWay() && m_sinceProgress.hasExpired(resendSpacing.count()))
         m_sinceLoss.start();
     if (isLossy())
         m_receipts.start();
@@ -419,11 +438,15 @@ void RelayClient::takePacket(const QByteArray &packet)
     if (header.messageId == m_unanswered.messageId)
         m_unanswered = {};
     watchRelay(header, slice);
+    watchPace(header, slice, gap);
     if (m_state == State::Proving && m_proof.takePacket(header, slice, gap)) {
         checkUnanswered();
         m_fragments.goOn();
+        m_longestPause = 0;
         m_isSure = true;
         m_isRelayWaiting = false;
+        // Or another peer has left the relay waiting between the two, so that the second one stays at its head.
+        m_isDoubtful = gap > std::max<qint64>(othersTurn.count(), probeShare * m_proof.time());
         return proceed();
     }
     if (m_state == State::Requesting && isOf(header.messageId, m_look)) {
@@ -467,6 +490,20 @@ void RelayClient::watchRelay(const datagram::ResponseHeader &header, const QByte
     if (header.index + 1 == header.count && seen.right(endReach).contains("0\r\n\r\n"))
         m_isRelayWaiting = false;
     m_tail = seen.right(static_cast<int>(sizeof chunkedField) - 2);
+}
+
+/// Whether the link owes the rest of our chunks and nothing else, and how fast they came. Whoever gets that rest by
+/// mistake sees that it is no answer.
+void RelayClient::watchPace(const datagram::ResponseHeader &header, const QByteArray &slice, qint64 gap)
+{
+    const bool isSame = std::exchange(m_paceId, header.messageId) == header.messageId;
+    if (!isSame && header.messageId == m_messageId)
+        m_longestPause = 0;
+    else if (isSame && header.index == 0)
+        m_longestPause = std::max(m_longestPause, gap);
+    const bool isBeginning =
+        slice.startsWith("HTTP/1.") && slice.left(slice.indexOf("\r\n\r\n")).contains(chunkedField);
+    m_isAmidChunks = m_isRelayWaiting && (isSame ? m_isAmidChunks : isBeginning);
 }
 
 /// A later request has been answered, so that the relay has nothing any more for the one that was given up.

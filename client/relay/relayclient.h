@@ -86,6 +86,7 @@ private:
     void takeConfirmation(quint16 messageId);
     void takePacket(const QByteArray &packet);
     void watchRelay(const datagram::ResponseHeader &header, const QByteArray &slice);
+    void watchPace(const datagram::ResponseHeader &header, const QByteArray &slice, qint64 gap);
     void takeSlice(const datagram::ResponseHeader &header, const QByteArray &slice);
     void tick();
     bool tickPath();
@@ -95,6 +96,7 @@ private:
     bool isBefore() const;
     qint64 patience(std::chrono::milliseconds least) const;
     bool isLossy() const;
+    std::chrono::milliseconds gapOnThisLine() const;
     std::chrono::milliseconds onThisLine(std::chrono::milliseconds patience) const;
     void rest();
     void enter(State state);
@@ -124,6 +126,9 @@ private:
     bool m_isRelayWaiting = false; // for the end of chunks
     bool m_isInChunks = false;     // the present response, for the relay
     QByteArray m_tail;             // the last bytes of the relay's present read
+    quint16 m_paceId = 0;          // of the request whose answer came last
+    bool m_isAmidChunks = false;   // of that one
+    qint64 m_longestPause = 0;     // between two reads of it, in ms
     bool m_isDoubtful = false;     // whether it does so for another peer
     bool m_isAnswered = false;     // the relay's last packet for this peer was the end of one of its reads
     bool m_isLost = false;         // what the relay sends this peer at present

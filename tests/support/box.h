@@ -150,7 +150,7 @@ struct WebServer : QTcpServer {
         if (sinceProbe.isValid() && !sinceProbe.hasExpired(probeTime))
             return QByteArray();
         if (sinceProbe.isValid())
-            answer("HTTP/1.0 404 Not Found\r\n\r\n");
+            answer(probeAnswer);
         sinceProbe.invalidate();
         while (hasPendingConnections())
             connection = nextPendingConnection();
@@ -171,6 +171,7 @@ struct WebServer : QTcpServer {
     bool isClosed() const { return connection->state() != QAbstractSocket::ConnectedState; }
 
     QTcpSocket *connection = nullptr;
+    QByteArray probeAnswer = "HTTP/1.0 404 Not Found\r\n\r\n";
     int probes = 0;
     int probeTime = 0; // ms that the answer to one of them takes
     QElapsedTimer sinceProbe;
