@@ -26,7 +26,7 @@ struct RegisteredBox {
     introduction::Uuid uuid = {};
     mutable introduction::Key token = {};
     mutable Place place;
-    mutable bool isSigned = false; // and not just said so by a relay
+    mutable bool isSigned = false;                             // and not just said so by a relay
     mutable std::chrono::duration<std::uint32_t> relaySeen{0}; // a relay's own registration from there; 0: none
     mutable std::uint32_t count = 0;
     mutable std::uint64_t nonce = 0;

@@ -137,7 +137,8 @@ private slots:
         QVERIFY(challenge.size() <= first.size() && server.to == home);
         QVERIFY(!isBoxAt(&server, home));
         const QByteArray cookie = challenge.mid(9, 8);
-        QCOMPARE(server.take(home, registration(7, 1, cookie)), "\xa2" + bytesOf(quint32(1)) + ipv4("\1\2\3\4") + bytesOf(quint16(5000)) + "\xff\xff");
+        QCOMPARE(server.take(home, registration(7, 1, cookie)),
+                 "\xa2" + bytesOf(quint32(1)) + ipv4("\1\2\3\4") + bytesOf(quint16(5000)) + "\xff\xff");
         QVERIFY(isBoxAt(&server, home));
 
         QVERIFY(server.take(home, registration(7, 1, cookie)).isEmpty());            // a replay
