@@ -16,7 +16,8 @@ QString groupOf(const QByteArray &service)
     QFile own(QStringLiteral("/proc/self/cgroup"));
     if (!own.open(QIODevice::ReadOnly))
         return {};
-    for (const QByteArray &line : own.readAll().split('\n')) {
+    const auto lines = own.readAll().split('\n');
+    for (const QByteArray &line : lines) {
         const QByteArray group = line.mid(line.lastIndexOf(':') + 1);
         if (line.startsWith("0::") && group.endsWith("/nat-relay-agent.service"))
             return QString::fromLocal8Bit("/sys/fs/cgroup" + group.left(group.lastIndexOf('/') + 1) + service);
@@ -31,7 +32,8 @@ bool endRelay()
     if (!processes.open(QIODevice::ReadOnly))
         return false;
     bool isEnded = false;
-    for (const QByteArray &process : processes.readAll().split('\n')) {
+    const auto ids = processes.readAll().split('\n');
+    for (const QByteArray &process : ids) {
         const int id = process.toInt();
         isEnded = (id > 0 && kill(id, SIGTERM) == 0) || isEnded;
     }
