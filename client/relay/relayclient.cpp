@@ -57,11 +57,10 @@ constexpr int lossyPatience = 3;       // times as long there: a packet is five 
 constexpr auto receiptSpacing = 120ms; // between copies there, as a lost one costs a packet once more
 constexpr int receiptCopies = 2;
 constexpr std::chrono::milliseconds leaveLimit = 3s;
-constexpr std::chrono::milliseconds signLimit = 60s; // as long as web servers themselves wait for an application
-constexpr std::chrono::milliseconds answerGap = 1s;  // between answers, or parts of one, that follow each other
-constexpr std::chrono::milliseconds quickGap =
-    540ms;                         // amid our own chunks on a good line; one lost packet makes no longer one
-constexpr double usualPause = 2.5; // times the longest one of that response until now, if that is longer
+constexpr std::chrono::milliseconds signLimit = 60s;  // as long as web servers themselves wait for an application
+constexpr std::chrono::milliseconds answerGap = 1s;   // between answers, or parts of one, that follow each other
+constexpr std::chrono::milliseconds quickGap = 540ms; // amid our own chunks on a good line: one loss is over by then
+constexpr double usualPause = 2.5;                    // times the longest one there until now, if that is longer
 constexpr std::chrono::milliseconds mostPause = 10s;
 constexpr std::chrono::milliseconds drainTime = 300ms;  // in which a link that owes something gives it
 constexpr int probeShare = 3;                           // both are longer where a HEAD takes more than this part of it
