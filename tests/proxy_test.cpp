@@ -501,8 +501,16 @@ private slots:
         write("pages/long", QByteArray(400000, 'x'));
         const auto cut = get("/long");
         QVERIFY(QTest::qWaitFor([&] { return cut->bytesAvailable() > 0; }, 15000));
+        const auto lastId = [this] {
+            const auto at = log.lastIndexOf("UDP request recv id: ") + 21;
+            return log.mid(at, log.indexOf(' ', at) - at).toUShort();
+        };
+        const quint16 before = lastId();
         startProxy({"--timeout", "5"}); // kills the one that takes in the packets
         QCOMPARE(body(answer(get("/page.html"))), "there");
+        QVERIFY(awaitLog([] { return true; }));
+        const auto ahead = static_cast<quint16>(lastId() - before); // ids that the relay remembers are not used again
+        QVERIFY2(ahead > 0 && ahead < 6000, QByteArray::number(ahead));
         proxy->terminate(); // tells the relay good-bye
         QVERIFY(QTest::qWaitFor([this] { return proxy->state() == QProcess::NotRunning; }, 10000) && proxy->exitCode() == 0);
         const int connects = log.count("Connection requested");

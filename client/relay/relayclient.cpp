@@ -34,7 +34,7 @@
 
 #include "client/path/boxpath.h"
 
-#include <QRandomGenerator>
+#include <QDateTime>
 
 #include <algorithm>
 #include <chrono>
@@ -66,6 +66,9 @@ constexpr std::chrono::milliseconds drainTime = 300ms;  // in which a link that 
 constexpr int probeShare = 3;                           // both are longer where a HEAD takes more than this part of it
 constexpr std::chrono::milliseconds othersTurn = 400ms; // in less nobody can have left the relay waiting
 constexpr std::chrono::milliseconds backgroundLimit = 120s;
+// The relay takes an id that it has answered within a minute for one that comes again, also from a nat-peer that has
+// been killed since. So the ids begin with the clock, and run slower than it: a request takes the relay two turns.
+constexpr std::chrono::milliseconds leastIdSpacing = 10ms;
 constexpr quint16 socketId = 1;                       // one request at a time needs no more
 constexpr quint16 paddedSocketId = 2;                 // tells the confirmations of a long copy from those of the short
 constexpr std::chrono::milliseconds packetLife = 24s; // for so long the relay repeats a packet, at the least
@@ -84,7 +87,7 @@ QByteArray padding()
 
 RelayClient::RelayClient(BoxPath *path, QString uuid, QString boxUuid, int timeout, QObject *parent)
     : QObject(parent), m_path(path), m_uuid(std::move(uuid)), m_boxUuid(std::move(boxUuid)), m_timeout(timeout),
-      m_lastId(static_cast<quint16>(QRandomGenerator::global()->generate())),
+      m_lastId(static_cast<quint16>(QDateTime::currentMSecsSinceEpoch() / leastIdSpacing.count())),
       m_proof([this](const QByteArray &http) { return request(http); })
 {
     m_sinceSign.start(); // a peer of the same name may have been at work until now
