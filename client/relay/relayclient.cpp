@@ -56,6 +56,7 @@ constexpr std::chrono::milliseconds lossMemory = 60s;      // after a sign of a 
 constexpr int lossyPatience = 3;       // times as long there: a packet is five fragments, of which none may be lost
 constexpr auto receiptSpacing = 120ms; // between copies there, as a lost one costs a packet once more
 constexpr int receiptCopies = 2;
+constexpr std::chrono::milliseconds leastRepeats = 1800ms; // of a packet, four spacings of the relay
 constexpr std::chrono::milliseconds leaveLimit = 3s;
 constexpr std::chrono::milliseconds signLimit = 60s;  // as long as web servers themselves wait for an application
 constexpr std::chrono::milliseconds answerGap = 1s;   // between answers, or parts of one, that follow each other
@@ -191,6 +192,13 @@ bool RelayClient::isSilent() const
 qint64 RelayClient::patience(std::chrono::milliseconds least) const
 {
     return std::max<qint64>(onThisLine(least).count(), probeShare * m_proof.time());
+}
+
+/// For how long a packet comes again until that cannot be due to a loss.
+std::chrono::milliseconds RelayClient::endlessRepeats() const
+{
+    const std::chrono::milliseconds roundTrips(2 * static_cast<int>(m_path->record().roundTrip().value_or(0)));
+    return std::max(leastRepeats + roundTrips, std::chrono::milliseconds(probeShare * m_proof.time()));
 }
 
 bool RelayClient::isLossy() const
@@ -395,6 +403,7 @@ void RelayClient::take(const QByteArray &data)
     if (kind == DatagramKind::ConnectRequest && m_state == State::Clearing) {
         m_isCleared = true;
         m_isLost = false;
+        m_repeats.forget();
         m_unanswered = {};
         m_isAnswered = false;
         m_sinceSign.start();
@@ -436,11 +445,14 @@ void RelayClient::takePacket(const QByteArray &packet)
 
     m_isAnswered = header.index + 1 == header.count;
     const qint64 gap = m_sinceSign.restart();
+    const bool isRepeated = m_repeats.take(packet);
     m_fragments.takeSize(packet.size());
     if (header.messageId == m_unanswered.messageId)
         m_unanswered = {};
     watchRelay(header, slice);
     watchPace(header, slice, gap);
+    if (m_isRelayWaiting && m_repeats.areEndless(endlessRepeats()))
+        return endRepeats(header.messageId);
     if (m_state == State::Proving && m_proof.takePacket(header, slice, gap)) {
         checkUnanswered();
         m_fragments.goOn();
@@ -464,11 +476,15 @@ void RelayClient::takePacket(const QByteArray &packet)
     const bool isExpected = m_state == State::Requesting || m_state == State::Receiving;
     if (!isExpected || header.messageId != m_messageId)
         return;
-    if (m_series.isRepeated(packet)) {
+    if (isRepeated) {
         m_traffic.repeats++;
         m_sinceLoss.start();
         return;
     }
+    if (m_state == State::Receiving && !m_series.isUnderWay() && m_sinceProgress.hasExpired(packetLife.count()))
+        return fail(Failure::CutShort, QStringLiteral("the response may have a hole: in a pause of %1 s the relay may "
+                                                      "have dropped a part that did not come through")
+                                           .arg(m_sinceProgress.elapsed() / 1000));
     // Meanwhile another peer may have left the relay waiting for an end: then this request stays at its head.
     m_isDoubtful |= m_state == State::Requesting && gap > othersTurn.count();
     m_state = State::Receiving;
@@ -514,6 +530,23 @@ void RelayClient::checkUnanswered()
     const QElapsedTimer since = std::exchange(m_unanswered, {}).sinceHeld;
     if (since.isValid() && since.hasExpired(packetLife.count()))
         m_fragments.takeLoss();
+}
+
+/// The relay stands still over a packet that it will drop, and with it all that it has for this peer. What it has left
+/// the web server, and only the rest of the chunks is owed.
+void RelayClient::endRepeats(quint16 messageId)
+{
+    m_repeats.forget();
+    m_sinceLoss.invalidate(); // that was none
+    m_isLost = true;
+    if (m_state == State::Receiving && messageId == m_messageId) {
+        fail(Failure::CutShort,
+             QStringLiteral("the response is cut short: the relay does not get past equal parts of it "
+                            "that the web server sends one by one"));
+    } else if (isBefore()) {
+        m_isSure = false;
+        proceed();
+    }
 }
 
 void RelayClient::takeSlice(const datagram::ResponseHeader &header, const QByteArray &slice)

@@ -3,6 +3,7 @@
 #include "client/relay/fragments.h"
 #include "client/relay/packetseries.h"
 #include "client/relay/proof.h"
+#include "client/relay/repeats.h"
 #include "protocol/datagram.h"
 
 #include <QByteArray>
@@ -87,6 +88,7 @@ private:
     void takePacket(const QByteArray &packet);
     void watchRelay(const datagram::ResponseHeader &header, const QByteArray &slice);
     void watchPace(const datagram::ResponseHeader &header, const QByteArray &slice, qint64 gap);
+    void endRepeats(quint16 messageId);
     void takeSlice(const datagram::ResponseHeader &header, const QByteArray &slice);
     void tick();
     bool tickPath();
@@ -95,6 +97,7 @@ private:
     bool isSilent() const;
     bool isBefore() const;
     qint64 patience(std::chrono::milliseconds least) const;
+    std::chrono::milliseconds endlessRepeats() const;
     bool isLossy() const;
     std::chrono::milliseconds gapOnThisLine() const;
     std::chrono::milliseconds onThisLine(std::chrono::milliseconds patience) const;
@@ -150,5 +153,6 @@ private:
     Fragments m_fragments;
     Proof m_proof;
     PacketSeries m_series;
+    Repeats m_repeats;
     Traffic m_traffic;
 };
