@@ -46,7 +46,7 @@ Exchange::Exchange(RelayClient *client) : QObject(client), m_client(client)
             return;
         if (failure == RelayClient::Failure::Fragments && m_request.method() == http::verb::get && !m_small)
             return startSmall();
-        if (failure == RelayClient::Failure::CutShort && m_isHeadTaken && !m_isQuestion && hasRanges())
+        if (failure == RelayClient::Failure::CutShort && (m_isHeadTaken || !m_isFirst) && !m_isQuestion && hasRanges())
             return fetchRest(); // what is missing, perhaps over a new path
         if (failure == RelayClient::Failure::TooLong)
             fail(tooLong, reason);
@@ -77,7 +77,7 @@ void Exchange::send(const HttpRequest &request)
     std::ostringstream wire;
     wire << request;
     const bool isShort = m_small || request.method() != http::verb::get;
-    m_client->send(QByteArray::fromStdString(wire.str()), mayRepeat(request.method()), isShort);
+    m_client->send(QByteArray::fromStdString(wire.str()), {mayRepeat(request.method()), isShort, !m_isFirst});
 }
 
 void Exchange::beginPart()

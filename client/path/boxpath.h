@@ -50,6 +50,10 @@ public:
     bool isFresh() const;
     /// Sends one datagram, enciphered. Only once the path has been open.
     void send(const QByteArray &plain);
+    /// Asks the box for an echo, where the path has been open.
+    void keepAlive();
+    /// For how long the box has not been heard, in ms.
+    qint64 sinceHeard() const { return m_sinceHeard.elapsed(); }
     /// How the box is reached, and what was tried.
     const PathRecord &record() const { return m_record; }
     /// Open, and still looking for a direct way.
@@ -87,7 +91,6 @@ private:
     void stopKnocking();
     void tellWays();
     void giveUp(const QString &reason);
-    void keepAlive();
 
     const QString m_uuid;
     const QString m_boxUuid;

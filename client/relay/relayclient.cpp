@@ -8,10 +8,12 @@
 //
 // - A request that is given up stays in the relay's queue. Its packets are confirmed and thrown away; the next request
 //   waits its turn behind it. The relay is asked to forget (ConnectRequest) only where everything asked has been
-//   answered, or where no sign of an answer came for a minute, or an answer has come and for a second neither more of
-//   it nor the one behind it: then the web server has most likely closed the link, and the relay would wait for ever.
-//   Amid chunks of ours half a second is enough, and more where they came slowly: should the web server only have
-//   paused, the rest that somebody else gets begins in the middle, and he sees that it is no answer and asks again.
+//   answered: the relay has read all of a response in no chunks when its first packet comes, and most likely the end of
+//   one in chunks of which it has had more than it could pass on for a second; or where no sign of an answer came for a
+//   minute, or an answer has come and for a second neither more of it nor the one behind it: then the web server has
+//   most likely closed the link, and the relay would wait for ever. Amid chunks of ours half a second is enough, and
+//   more where they came slowly: should the web server only have paused, the rest that somebody else gets begins in the
+//   middle, and he sees that it is no answer and asks again.
 // - After anything that leaves a doubt (given up, time-out, broken off, a start) two harmless requests go ahead, HEAD
 //   of a random path. The second one can only be answered when the first has been taken off the queue and its link
 //   closed, whatever answer the first one got. The states the relay can be in, and how each ends:
@@ -58,11 +60,7 @@ constexpr auto receiptSpacing = 120ms; // between copies there, as a lost one co
 constexpr int receiptCopies = 2;
 constexpr std::chrono::milliseconds leastRepeats = 1800ms; // of a packet, four spacings of the relay
 constexpr std::chrono::milliseconds leaveLimit = 3s;
-constexpr std::chrono::milliseconds signLimit = 60s;  // as long as web servers themselves wait for an application
-constexpr std::chrono::milliseconds answerGap = 1s;   // between answers, or parts of one, that follow each other
-constexpr std::chrono::milliseconds quickGap = 540ms; // amid our own chunks on a good line: one loss is over by then
-constexpr double usualPause = 2.5;                    // times the longest one there until now, if that is longer
-constexpr std::chrono::milliseconds mostPause = 10s;
+constexpr std::chrono::milliseconds signLimit = 60s;    // as long as web servers themselves wait for an application
 constexpr std::chrono::milliseconds drainTime = 300ms;  // in which a link that owes something gives it
 constexpr int probeShare = 3;                           // both are longer where a HEAD takes more than this part of it
 constexpr std::chrono::milliseconds othersTurn = 400ms; // in less nobody can have left the relay waiting
@@ -111,7 +109,7 @@ RelayClient::RelayClient(BoxPath *path, QString uuid, QString boxUuid, int timeo
         m_fragments.forget();
         if (m_state == State::Opening)
             proceed();
-        else if (m_state == State::Receiving)
+        else if (m_state == State::Receiving || m_state == State::Requesting)
             m_sinceReopened.start();
     });
     connect(path, &BoxPath::moved, this, [this] {
@@ -131,12 +129,11 @@ QByteArray RelayClient::request(const QByteArray &http)
     return datagram::request(++m_lastId, socketId, m_uuid, m_boxUuid, http);
 }
 
-void RelayClient::send(const QByteArray &httpRequest, bool mayRepeat, bool isShort)
+void RelayClient::send(const QByteArray &httpRequest, Kind kind)
 {
     m_request = request(httpRequest);
     m_messageId = m_lastId;
-    m_mayRepeat = mayRepeat;
-    m_isShort = isShort;
+    m_kind = kind;
     m_isSure &= m_fragments.isTried(); // what proves the one finds out about the other
     m_look.clear();
     m_series.clear();
@@ -169,7 +166,7 @@ void RelayClient::proceed()
     else if (!m_fragments.reachesBox(m_request.size()))
         refuse(Failure::TooLong, QStringLiteral("this network drops IP fragments: a request must fit into %1 bytes")
                                      .arg(Fragments::longestSafe - datagram::requestPayloadOffset));
-    else if (!m_isShort && areFragmentsDropped())
+    else if (!m_kind.isShort && areFragmentsDropped())
         refuse(Failure::Fragments, QStringLiteral("this network drops IP fragments"));
     else
         enter(State::Requesting);
@@ -206,15 +203,9 @@ bool RelayClient::isLossy() const
     return m_sinceLoss.isValid() && !m_sinceLoss.hasExpired(lossMemory.count());
 }
 
-/// For how long nothing comes until the web server has most likely closed its link.
 std::chrono::milliseconds RelayClient::gapOnThisLine() const
 {
-    const auto usual = std::chrono::milliseconds(std::llround(usualPause * static_cast<double>(m_longestPause)));
-    const auto pause = std::min(usual, mostPause);
-    if (isLossy() || !m_isAmidChunks)
-        return std::max(answerGap, pause);
-    const auto roundTrip = static_cast<int>(m_path->record().roundTrip().value_or(0));
-    return std::max(pause, std::min(answerGap, quickGap + std::chrono::milliseconds(roundTrip)));
+    return m_pace.gap(isLossy(), m_path->record().roundTrip().value_or(0));
 }
 
 std::chrono::milliseconds RelayClient::onThisLine(std::chrono::milliseconds patience) const
@@ -241,7 +232,9 @@ void RelayClient::abandon()
             m_sinceSign.start();
         }
     }
-    if (m_state == State::Requesting)
+    // The relay has read all of it that it ever will, or the web server is done.
+    m_isLost |= m_state == State::Receiving && (!m_isInChunks || m_pace.isBacklog());
+    if (m_state == State::Requesting && !m_hasReopened)
         m_unanswered = {m_messageId, m_sinceHeld};
     rest();
 }
@@ -314,12 +307,14 @@ void RelayClient::tick()
     if (m_state == State::Opening)
         return; // the path has its own limit
     if (m_state == State::Receiving && m_isRelayWaiting && !m_isInChunks && m_isAnswered &&
-        isStuck(onThisLine(answerGap))) {
+        isStuck(onThisLine(ChunkPace::usualGap))) {
         m_isRelayWaiting = false; // another peer's chunks have come to their end, and the relay has gone on
         m_isDoubtful = true;
         return emit seriesEnded();
     }
     if (m_state == State::Receiving && m_series.isUnderWay() && isStuck(onThisLine(packetPatience)) && !tickPath())
+        return;
+    if (m_state == State::Requesting && m_sinceHeld.isValid() && !tickHeld())
         return;
     if (m_hasRequest && isBefore() && m_sinceSend.hasExpired(m_timeout))
         return fail(Failure::NoAnswer,
@@ -348,7 +343,7 @@ void RelayClient::tick()
     const bool isHeld =
         (m_state == State::Requesting && m_sinceHeld.isValid()) || (m_state == State::Proving && m_proof.isHeld());
     const bool isLooking = m_state == State::Proving || !m_look.isEmpty();
-    const bool mayRepeat = isLooking || (m_mayRepeat && !isHeldFor(lastReminder));
+    const bool mayRepeat = isLooking || (m_kind.mayRepeat && !isHeldFor(lastReminder));
     const std::chrono::milliseconds spacing = isLooking ? lookReminder : reminder;
     if (!m_isLeaving && !isHeld && m_state != State::Receiving && !m_hasReopened && isStuck(pathPatience)) {
         m_hasReopened = true;
@@ -373,6 +368,33 @@ bool RelayClient::tickPath()
         m_isLost = true;
         fail(Failure::CutShort, QStringLiteral("the response is cut short, the network has changed"));
         return false;
+    }
+    return true;
+}
+
+/// The relay has the request, and the answer may take its time; but if the box is not heard at all, then the path has
+/// broken, and an answer on its way goes where nobody is any more. Of a part that has been written most likely, the
+/// relay is asked to forget it, and then for it again: false.
+bool RelayClient::tickHeld()
+{
+    const auto isUnheardFor = [this](std::chrono::milliseconds time) {
+        return m_path->sinceHeard() > onThisLine(time).count();
+    };
+    if (m_hasReopened) {
+        if (!m_kind.isPart || !m_sinceReopened.isValid() ||
+            !m_sinceReopened.hasExpired(onThisLine(reopenedPatience).count()))
+            return true;
+        m_isLost = true;
+        fail(Failure::CutShort, QStringLiteral("the answer was lost, the network has changed"));
+        return false;
+    }
+    if (isUnheardFor(pathPatience)) {
+        m_hasReopened = true;
+        m_path->open();
+    } else if (isUnheardFor(resendSpacing) &&
+               (!m_sinceEcho.isValid() || m_sinceEcho.hasExpired(resendSpacing.count()))) {
+        m_sinceEcho.start();
+        m_path->keepAlive();
     }
     return true;
 }
@@ -420,6 +442,8 @@ void RelayClient::takeConfirmation(quint16 messageId)
 {
     if (m_state == State::Requesting && messageId == m_messageId && !m_sinceHeld.isValid()) {
         m_sinceHeld.start();
+        if (m_hasReopened) // a copy sent before that may have come, and its confirmation not
+            m_sinceReopened.start();
     } else if (m_state == State::Proving && m_proof.takeConfirmation(messageId)) {
         m_sinceProgress.start();
         transmit();
@@ -450,13 +474,17 @@ void RelayClient::takePacket(const QByteArray &packet)
     if (header.messageId == m_unanswered.messageId)
         m_unanswered = {};
     watchRelay(header, slice);
-    watchPace(header, slice, gap);
+    m_pace.take(header, slice, gap, m_isRelayWaiting, header.messageId == m_messageId);
     if (m_isRelayWaiting && m_repeats.areEndless(endlessRepeats()))
         return endRepeats(header.messageId);
+    if (m_state == State::Proving && m_pace.isBacklog() && !m_isLost) {
+        m_isLost = true;
+        return proceed();
+    }
     if (m_state == State::Proving && m_proof.takePacket(header, slice, gap)) {
         checkUnanswered();
         m_fragments.goOn();
-        m_longestPause = 0;
+        m_pace.forgetPauses();
         m_isSure = true;
         m_isRelayWaiting = false;
         // Or another peer has left the relay waiting between the two, so that the second one stays at its head.
@@ -464,8 +492,10 @@ void RelayClient::takePacket(const QByteArray &packet)
         return proceed();
     }
     if (m_state == State::Requesting && isOf(header.messageId, m_look)) {
-        m_unanswered = {m_messageId, m_sinceHeld};
-        checkUnanswered();
+        if (!m_hasReopened) {
+            m_unanswered = {m_messageId, m_sinceHeld};
+            checkUnanswered();
+        }
         m_sinceHeld.invalidate();
         return fail(Failure::Fragments,
                     areFragmentsDropped()
@@ -508,20 +538,6 @@ void RelayClient::watchRelay(const datagram::ResponseHeader &header, const QByte
     if (header.index + 1 == header.count && seen.right(endReach).contains("0\r\n\r\n"))
         m_isRelayWaiting = false;
     m_tail = seen.right(static_cast<int>(sizeof chunkedField) - 2);
-}
-
-/// Whether the link owes the rest of our chunks and nothing else, and how fast they came. Whoever gets that rest by
-/// mistake sees that it is no answer.
-void RelayClient::watchPace(const datagram::ResponseHeader &header, const QByteArray &slice, qint64 gap)
-{
-    const bool isSame = std::exchange(m_paceId, header.messageId) == header.messageId;
-    if (!isSame && header.messageId == m_messageId)
-        m_longestPause = 0;
-    else if (isSame && header.index == 0)
-        m_longestPause = std::max(m_longestPause, gap);
-    const bool isBeginning =
-        slice.startsWith("HTTP/1.") && slice.left(slice.indexOf("\r\n\r\n")).contains(chunkedField);
-    m_isAmidChunks = m_isRelayWaiting && (isSame ? m_isAmidChunks : isBeginning);
 }
 
 /// A later request has been answered, so that the relay has nothing any more for the one that was given up.

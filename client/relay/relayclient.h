@@ -1,5 +1,6 @@
 #pragma once
 
+#include "client/relay/chunkpace.h"
 #include "client/relay/fragments.h"
 #include "client/relay/packetseries.h"
 #include "client/relay/proof.h"
@@ -30,6 +31,13 @@ public:
         Fragments, // the response did not come, or is not asked for, as it may be too long for this network
         TooLong,   // the request is
     };
+    /// What is known of a request.
+    struct Kind {
+        bool mayRepeat = false; // the web server may well get it twice (RFC 9110 calls such methods idempotent), as it
+                                // does when the relay is restarted meanwhile
+        bool isShort = false;   // it is sent also where a long response would not come through
+        bool isPart = false;    // the web server has just given another part of the same, and gives this one at once
+    };
     /// What the transfer of the present response has taken so far.
     struct Traffic {
         qint64 bytes = 0;
@@ -44,10 +52,8 @@ public:
     /// Bytes of a request: it must fit one datagram, of at most 65,507 bytes over IPv4, behind the header.
     static constexpr int longestRequest = 65507 - datagram::requestPayloadOffset;
 
-    /// Brings a request to the box; one at a time. `mayRepeat`: the web server may well get it twice (RFC 9110 calls
-    /// such methods idempotent), as it does when the relay is restarted meanwhile. `isShort`: it is sent also where a
-    /// long response would not come through.
-    void send(const QByteArray &httpRequest, bool mayRepeat, bool isShort);
+    /// Brings a request to the box; one at a time.
+    void send(const QByteArray &httpRequest, Kind kind);
 
     /// Tells that the response is whole.
     void finish();
@@ -87,11 +93,11 @@ private:
     void takeConfirmation(quint16 messageId);
     void takePacket(const QByteArray &packet);
     void watchRelay(const datagram::ResponseHeader &header, const QByteArray &slice);
-    void watchPace(const datagram::ResponseHeader &header, const QByteArray &slice, qint64 gap);
     void endRepeats(quint16 messageId);
     void takeSlice(const datagram::ResponseHeader &header, const QByteArray &slice);
     void tick();
     bool tickPath();
+    bool tickHeld();
     void tickProof();
     void checkUnanswered();
     bool isSilent() const;
@@ -123,15 +129,13 @@ private:
     QElapsedTimer m_sinceTransmit;
     QElapsedTimer m_sinceSend;     // or since the end of what was sent
     QElapsedTimer m_sinceSign;     // of an answer to anything of ours
-    QElapsedTimer m_sinceReopened; // the path, in the middle of a response; invalid: it has not been
+    QElapsedTimer m_sinceReopened; // the path, while an answer is due; invalid: it has not been
+    QElapsedTimer m_sinceEcho;     // was asked for
     State m_state = State::Idle;
     bool m_isSure = false;         // the web server owes this peer nothing but the answer to the present request
     bool m_isRelayWaiting = false; // for the end of chunks
     bool m_isInChunks = false;     // the present response, for the relay
     QByteArray m_tail;             // the last bytes of the relay's present read
-    quint16 m_paceId = 0;          // of the request whose answer came last
-    bool m_isAmidChunks = false;   // of that one
-    qint64 m_longestPause = 0;     // between two reads of it, in ms
     bool m_isDoubtful = false;     // whether it does so for another peer
     bool m_isAnswered = false;     // the relay's last packet for this peer was the end of one of its reads
     bool m_isLost = false;         // what the relay sends this peer at present
@@ -139,19 +143,19 @@ private:
     bool m_isAsked = false;   // the present request may be at the web server
     bool m_isCleared = false; // nothing has been asked since the relay was told to forget
     bool m_isLeaving = false;
-    bool m_mayRepeat = false;
     bool m_hasReopened = false; // the path, for the present request
     quint16 m_lastId;
     quint16 m_messageId = 0; // of the present request
     QByteArray m_request;    // datagram
-    bool m_isShort = false;  // the response, or it is to be tried
-    QByteArray m_look;       // datagram that is asked behind the request, whether that has been answered
+    Kind m_kind;
+    QByteArray m_look; // datagram that is asked behind the request, whether that has been answered
     struct {
         quint16 messageId = 0;
         QElapsedTimer sinceHeld; // invalid: there is none
     } m_unanswered;              // request, given up before any of its answer came
     Fragments m_fragments;
     Proof m_proof;
+    ChunkPace m_pace;
     PacketSeries m_series;
     Repeats m_repeats;
     Traffic m_traffic;

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "protocol/datagram.h"
+
+#include <QByteArray>
+#include <QElapsedTimer>
+
+#include <chrono>
+
+/// How fast the parts of a chunked response come, and what that tells of the web server. Whoever gets the rest of one
+/// by mistake sees that it is no answer.
+class ChunkPace
+{
+public:
+    /// Between answers, or parts of one, that follow each other.
+    static constexpr std::chrono::milliseconds usualGap{1000};
+
+    /// The next packet, of whatever answer; `gap`: ms since the one before. `isRelayWaiting`: for the end of chunks.
+    /// `isPresent`: it belongs to the present request.
+    void take(const datagram::ResponseHeader &header, const QByteArray &slice, qint64 gap, bool isRelayWaiting,
+              bool isPresent);
+    /// The web server's link is a fresh one.
+    void forgetPauses() { m_longestPause = 0; }
+
+    /// Whether the link owes the rest of our chunks and nothing else.
+    bool isAmidChunks() const { return m_isAmidChunks; }
+    /// Whether the relay has so much of them in store that the web server is done, most likely.
+    bool isBacklog() const;
+    /// For how long nothing comes until the web server has most likely closed its link. `roundTrip`: ms.
+    std::chrono::milliseconds gap(bool isLossy, double roundTrip) const;
+
+private:
+    quint16 m_messageId = 0; // of the answer that came last
+    bool m_isAmidChunks = false;
+    qint64 m_longestPause = 0; // between two reads of it, in ms
+    QElapsedTimer m_sinceBeginning;
+};
