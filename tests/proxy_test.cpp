@@ -21,7 +21,7 @@ struct Site : WebServer {
         clock.start(10);
         probeAnswer += "<p>Not found"; // though only the head was asked for, as small web servers do
     }
-    static QByteArray page(const QByteArray &path) { return Programs::page(path, 800); }
+    static QByteArray page(const QByteArray &path) { return Programs::page(path, path.contains("large") ? 120000 : 800); }
     void step()
     {
         const QByteArray path = parts.isEmpty() ? takeRequest().split(' ').value(1) : QByteArray();
@@ -35,7 +35,10 @@ struct Site : WebServer {
                 parts = {whole};
             else
                 parts = {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"};
-            for (int at = 0; parts.size() < 20 && !path.startsWith("/late") && !path.startsWith("/whole"); at += 3000)
+            if (path.contains("large"))
+                parts.append(chunk(text));
+            for (int at = 0; parts.size() < 20 && !path.contains("large") && !path.startsWith("/late") && !path.startsWith("/whole");
+                 at += 3000)
                 parts << (at < text.size() ? chunk(text.mid(at, 3000)) : QByteArray()) << QByteArray();
             if (path.startsWith("/chunks"))
                 parts.append("0\r\n\r\n");
@@ -401,6 +404,12 @@ private slots:
         sinceFree.start();
         cut->abort();
         QVERIFY(body(answer(get("/whole0"))) == Site::page("/whole0") && sinceFree.elapsed() < 1500);
+        const auto large = get("/chunks-large"); // which the relay has in store long before it could deliver it
+        QVERIFY(QTest::qWaitFor([&] { return large->bytesAvailable() > 0; }, 15000) && site.parts.isEmpty());
+        sinceFree.start();
+        QVERIFY(QTest::qWaitFor([&] { return large->bytesAvailable() > 300000; }, 15000));
+        large->abort();
+        QVERIFY(body(answer(get("/whole0"))) == Site::page("/whole0") && sinceFree.elapsed() < 3000);
         const auto broken = get("/broken"); // the last that its peer asks: others must not wait for what comes next
         QVERIFY(QTest::qWaitFor([&] { return broken->bytesAvailable() > 0; }, 15000));
         broken->abort();
@@ -445,11 +454,74 @@ private slots:
             web.answer(ok + QByteArray::number(text.size()) + "\r\n\r\n" + text);
             QVERIFY(body(answer(client)) == text);
         }
+        client = get("/equal"); // the relay does not get past the second of two equal parts
+        QVERIFY(request(web).contains("GET /equal "));
+        web.answer("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n");
+        QByteArray got;
+        for (const QByteArray &part : {QByteArray("4\r\nsame\r\n"), QByteArray("5\r\nother\r\n")}) {
+            web.answer(part);
+            QVERIFY(QTest::qWaitFor([&] { return (got += client->readAll()).endsWith(part); }, 15000));
+        }
+        QElapsedTimer sinceEqual;
+        sinceEqual.start();
+        web.answer("4\r\nsame\r\n");
+        got += answer(client);
+        QVERIFY2(got.endsWith("other\r\n") && sinceEqual.elapsed() < 4000 && isTold("equal parts"), got);
+        web.answer("0\r\n\r\n");
         client = ask("HEAD / HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
-        QVERIFY(request(web).startsWith("HEAD / HTTP/1.0\r\n")); // to which no server answers with chunks
+        QVERIFY(request(web, "HEAD / ").startsWith("HEAD / HTTP/1.0\r\n")); // to which no server answers with chunks
         web.answer("HTTP/1.1 200 OK\r\nContent-Length: 7\r\n\r\n");
         QVERIFY(answer(client).contains("\r\nContent-Length: 7\r\n"));
         QVERIFY(isTold("GET /a%20b: 200; "));
+    }
+
+    void pagesWithHolesAreNotTakenForWhole()
+    {
+        WebServer web;
+        startRelay();
+        startProxy({"--timeout", "60"});
+        const auto client = get("/");
+        QVERIFY(!request(web).isEmpty());
+        web.answer("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nfirst\r\n");
+        QByteArray got;
+        QVERIFY(QTest::qWaitFor([&] { return (got += client->readAll()).contains("first"); }, 15000));
+        QVERIFY(nft({"add table inet line; add chain inet line in { type filter hook input priority 0; };"
+                     "add rule inet line in udp sport 5000 drop"}));
+        web.answer("4\r\nlost\r\n"); // the relay gives this peer up
+        QVERIFY2(awaitLog([this] { return log.contains("Set connection status for 127.0.0.1 to 0"); }, 40000), log);
+        QVERIFY(nft({"delete table inet line"}));
+        web.answer("4\r\nlast\r\n0\r\n\r\n");
+        got += answer(client);
+        QVERIFY2(got.endsWith("first\r\n"), got);
+    }
+
+    void peersMayMoveWhileAnAnswerIsDue()
+    {
+        WebServer web;
+        startRelay();
+        const auto useMapping = [](const QByteArray &port) { // of the peer's router; nothing comes through the one before
+            return nft({QByteArray("flush ruleset; add table ip router;"
+                                   "add chain ip router out { type filter hook output priority 0; };"
+                                   "add chain ip router in { type filter hook prerouting priority -300; };"
+                                   "add rule ip router out udp sport 5555 udp dport 5000 udp sport set PORT;"
+                                   "add rule ip router in udp sport 5000 udp dport PORT udp dport set 5555;"
+                                   "add rule ip router in udp sport 5000 udp dport != 5555 drop")
+                            .replace("PORT", port)});
+        };
+        const auto reset = qScopeGuard([] { nft({"flush ruleset"}); });
+        QVERIFY(useMapping("6001"));
+        startProxy({"--udp-port", "5555"});
+        const auto client = get("/");
+        QVERIFY(!request(web).isEmpty());
+        web.answer("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nfirst");
+        QVERIFY(request(web).contains("\r\nRange: bytes=5-8\r\n") && useMapping("6002"));
+        QElapsedTimer sinceMove;
+        sinceMove.start();
+        for (int time = 0; time < 2; time++) {
+            QVERIFY(time == 0 || request(web, "GET / ").contains("\r\nRange: bytes=5-8\r\n"));
+            web.answer("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 5-8/9\r\nContent-Length: 4\r\n\r\nlast");
+        }
+        QVERIFY(body(answer(client)) == "firstlast" && sinceMove.elapsed() < 8000);
     }
 
     void clientsMayGoAtAnyTime()

@@ -372,23 +372,24 @@ bool RelayClient::tickPath()
     return true;
 }
 
-/// The relay has the request, and the answer may take its time; but if the box is not heard at all, then the path has
-/// broken, and an answer on its way goes where nobody is any more. Of a part that has been written most likely, the
-/// relay is asked to forget it, and then for it again: false.
+/// The relay has the request. Its answer goes where that came from, which may be nowhere any more: the answer to a part
+/// is late soon, that to another request may take its time, but then the box is heard at least. Nobody waits at the web
+/// server for a part any more, most likely, so that the relay may forget it, and is asked for it again: false.
 bool RelayClient::tickHeld()
 {
     const auto isUnheardFor = [this](std::chrono::milliseconds time) {
         return m_path->sinceHeard() > onThisLine(time).count();
     };
     if (m_hasReopened) {
-        if (!m_kind.isPart || !m_sinceReopened.isValid() ||
-            !m_sinceReopened.hasExpired(onThisLine(reopenedPatience).count()))
-            return true;
-        m_isLost = true;
-        fail(Failure::CutShort, QStringLiteral("the answer was lost, the network has changed"));
-        return false;
+        const bool isLost = m_kind.isPart && m_sinceReopened.isValid() &&
+                            m_sinceReopened.hasExpired(onThisLine(reopenedPatience).count());
+        m_isLost |= isLost;
+        if (isLost)
+            fail(Failure::CutShort, QStringLiteral("the answer was lost, the network has changed"));
+        return !isLost;
     }
-    if (isUnheardFor(pathPatience)) {
+    const bool isLate = m_kind.isPart && m_sinceHeld.hasExpired(onThisLine(packetPatience).count());
+    if (isLate || isUnheardFor(pathPatience)) {
         m_hasReopened = true;
         m_path->open();
     } else if (isUnheardFor(resendSpacing) &&

@@ -49,9 +49,9 @@ struct Programs {
             text += word + ' ' + QByteArray::number(line) + '\n';
         return text;
     }
-    bool awaitLog(const std::function<bool()> &condition)
+    bool awaitLog(const std::function<bool()> &condition, int limit = 10000)
     {
-        return QTest::qWaitFor([&] { return log += relay->readAllStandardError(), condition(); }, 10000);
+        return QTest::qWaitFor([&] { return log += relay->readAllStandardError(), condition(); }, limit);
     }
     void startRelay()
     {
