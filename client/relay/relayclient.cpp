@@ -269,6 +269,7 @@ void RelayClient::leave()
 void RelayClient::enter(State state)
 {
     m_state = state;
+    m_copies = 0;
     m_sinceProgress.start();
     if (state == State::Idle)
         m_resend.stop();
@@ -290,6 +291,7 @@ void RelayClient::enter(State state)
 void RelayClient::transmit()
 {
     m_sinceTransmit.start();
+    m_copies++;
     m_isCleared &= m_state == State::Clearing || m_state == State::Idle;
     if (m_state == State::Clearing) {
         m_path->send(datagram::link(DatagramKind::ConnectRequest, m_uuid, m_boxUuid));
@@ -350,8 +352,6 @@ void RelayClient::tick()
         enter(m_hasRequest ? State::Opening : State::Idle);
     } else if (m_sinceTransmit.hasExpired(resendSpacing.count()) &&
                (!isHeld || (mayRepeat && m_sinceTransmit.hasExpired(spacing.count())))) {
-        if (!isHeld && (m_state == State::Requesting || isBefore()))
-            m_sinceLoss.start();
         transmit();
     }
 }
@@ -424,6 +424,7 @@ void RelayClient::take(const QByteArray &data)
 {
     const auto kind = static_cast<DatagramKind>(data.at(0));
     if (kind == DatagramKind::ConnectRequest && m_state == State::Clearing) {
+        noteHeard();
         m_isCleared = true;
         m_isLost = false;
         m_repeats.forget();
@@ -439,13 +440,24 @@ void RelayClient::take(const QByteArray &data)
     }
 }
 
+/// What the relay had to hear has been heard. Copies sent on a path that had to be opened anew tell nothing of this
+/// one.
+void RelayClient::noteHeard()
+{
+    if (m_copies > 1 && !m_hasReopened)
+        m_sinceLoss.start();
+    m_copies = 0;
+}
+
 void RelayClient::takeConfirmation(quint16 messageId)
 {
     if (m_state == State::Requesting && messageId == m_messageId && !m_sinceHeld.isValid()) {
+        noteHeard();
         m_sinceHeld.start();
         if (m_hasReopened) // a copy sent before that may have come, and its confirmation not
             m_sinceReopened.start();
     } else if (m_state == State::Proving && m_proof.takeConfirmation(messageId)) {
+        noteHeard();
         m_sinceProgress.start();
         transmit();
         // Under the same id the relay takes one of the two, and confirms each copy of both.

@@ -90,6 +90,7 @@ private:
     enum class State { Idle, Opening, Proving, Clearing, Sizing, Requesting, Receiving };
 
     void take(const QByteArray &datagram);
+    void noteHeard();
     void takeConfirmation(quint16 messageId);
     void takePacket(const QByteArray &packet);
     void watchRelay(const datagram::ResponseHeader &header, const QByteArray &slice);
@@ -123,6 +124,7 @@ private:
     QTimer m_receipts;
     QByteArray m_receipt; // of the relay's last packet
     int m_receiptsSent = 0;
+    int m_copies = 0;          // sent of what the relay is to hear
     QElapsedTimer m_sinceLoss; // of a datagram, as far as is known here; invalid: none was
     QElapsedTimer m_sinceProgress;
     QElapsedTimer m_sinceHeld; // the relay has confirmed the request; invalid: not yet
