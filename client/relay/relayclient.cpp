@@ -71,6 +71,7 @@ constexpr std::chrono::milliseconds leastIdSpacing = 10ms;
 constexpr quint16 socketId = 1;                       // one request at a time needs no more
 constexpr quint16 paddedSocketId = 2;                 // tells the confirmations of a long copy from those of the short
 constexpr std::chrono::milliseconds packetLife = 24s; // for so long the relay repeats a packet, at the least
+constexpr std::chrono::milliseconds longestPause = 20s; // it drops none in it, even if the first copies were lost
 constexpr std::chrono::milliseconds answerLife = 26s; // and not so long
 constexpr std::chrono::milliseconds lastReminder = 22s; // later ones might have the web server answer once more
 constexpr std::chrono::milliseconds lookReminder = 1s;
@@ -524,7 +525,7 @@ void RelayClient::takePacket(const QByteArray &packet)
         m_sinceLoss.start();
         return;
     }
-    if (m_state == State::Receiving && !m_series.isUnderWay() && m_sinceProgress.hasExpired(packetLife.count()))
+    if (m_state == State::Receiving && !m_series.isUnderWay() && m_sinceProgress.hasExpired(longestPause.count()))
         return fail(Failure::CutShort, QStringLiteral("the response may have a hole: in a pause of %1 s the relay may "
                                                       "have dropped a part that did not come through")
                                            .arg(m_sinceProgress.elapsed() / 1000));
