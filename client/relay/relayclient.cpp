@@ -72,7 +72,7 @@ constexpr quint16 socketId = 1;                       // one request at a time n
 constexpr quint16 paddedSocketId = 2;                 // tells the confirmations of a long copy from those of the short
 constexpr std::chrono::milliseconds packetLife = 24s; // for so long the relay repeats a packet, at the least
 constexpr std::chrono::milliseconds longestPause = 20s; // it drops none in it, even if the first copies were lost
-constexpr std::chrono::milliseconds answerLife = 26s; // and not so long
+constexpr std::chrono::milliseconds answerLife = 26s;   // and not so long
 constexpr std::chrono::milliseconds lastReminder = 22s; // later ones might have the web server answer once more
 constexpr std::chrono::milliseconds lookReminder = 1s;
 
