@@ -37,9 +37,12 @@ struct Site : WebServer {
                 parts = {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"};
             if (path.contains("large"))
                 parts.append(chunk(text));
-            for (int at = 0; parts.size() < 20 && !path.contains("large") && !path.startsWith("/late") && !path.startsWith("/whole");
-                 at += 3000)
-                parts << (at < text.size() ? chunk(text.mid(at, 3000)) : QByteArray()) << QByteArray();
+            const bool isSlow = path.contains("slow");
+            const bool isAtOnce = path.contains("large") || path.startsWith("/late") || path.startsWith("/whole");
+            for (int at = 0; at < (isSlow ? text.size() : 30000) && !isAtOnce; at += isSlow ? 1000 : 3000) {
+                parts << (at < text.size() ? chunk(text.mid(at, isSlow ? 1000 : 3000)) : QByteArray());
+                parts += QByteArrayList::fromVector(QVector<QByteArray>(isSlow ? 30 : 1));
+            }
             if (path.startsWith("/chunks"))
                 parts.append("0\r\n\r\n");
             breaksOff = path.startsWith("/broken");
@@ -410,6 +413,13 @@ private slots:
         QVERIFY(QTest::qWaitFor([&] { return large->bytesAvailable() > 300000; }, 15000));
         large->abort();
         QVERIFY(body(answer(get("/whole0"))) == Site::page("/whole0") && sinceFree.elapsed() < 3000);
+        const auto slow = get("/chunks-slow"); // at which the web server still works: the relay must not forget it
+        QVERIFY(QTest::qWaitFor([&] { return slow->bytesAvailable() > 5000; }, 15000));
+        slow->abort();
+        const auto clearings = [this] { return awaitLog([] { return true; }) ? log.count("Connection requested") : -1; };
+        const int before = clearings();
+        QVERIFY(QTest::qWaitFor([&] { return site.parts.size() < 2; }, 15000));
+        QCOMPARE(clearings(), before);
         const auto broken = get("/broken"); // the last that its peer asks: others must not wait for what comes next
         QVERIFY(QTest::qWaitFor([&] { return broken->bytesAvailable() > 0; }, 15000));
         broken->abort();
@@ -484,15 +494,33 @@ private slots:
         QVERIFY(!request(web).isEmpty());
         web.answer("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nfirst\r\n");
         QByteArray got;
-        QVERIFY(QTest::qWaitFor([&] { return (got += client->readAll()).contains("first"); }, 15000));
-        QVERIFY(nft({"add table inet line; add chain inet line in { type filter hook input priority 0; };"
-                     "add rule inet line in udp sport 5000 drop"}));
+        const auto comes = [&](const QByteArray &part) {
+            return QTest::qWaitFor([&] { return (got += client->readAll()).endsWith(part); }, 15000);
+        };
+        QVERIFY(comes("first\r\n"));
+        const auto drop = [](const char *port) {
+            return nft({"add table inet line; add chain inet line in { type filter hook input priority 0; };"
+                        "add rule inet line in udp " +
+                        QString(port) + " 5000 drop"});
+        };
+        for (const QByteArray &part : {QByteArray("6\r\nsecond\r\n"), QByteArray("5\r\nthird\r\n")}) {
+            QVERIFY(drop("dport"));
+            web.answer(part); // it is confirmed in vain, comes again, and once more after a silence
+            QVERIFY(comes(part));
+            QTest::qWait(1200);
+            QVERIFY(drop("sport"));
+            QTest::qWait(1500);
+            QVERIFY(nft({"delete table inet line"}));
+        }
+        web.answer("6\r\nfourth\r\n");
+        QVERIFY2(comes("6\r\nsecond\r\n5\r\nthird\r\n6\r\nfourth\r\n"), got);
+        QVERIFY(drop("sport"));
         web.answer("4\r\nlost\r\n"); // the relay gives this peer up
         QVERIFY2(awaitLog([this] { return log.contains("Set connection status for 127.0.0.1 to 0"); }, 40000), log);
         QVERIFY(nft({"delete table inet line"}));
         web.answer("4\r\nlast\r\n0\r\n\r\n");
         got += answer(client);
-        QVERIFY2(got.endsWith("first\r\n"), got);
+        QVERIFY2(got.endsWith("fourth\r\n"), got);
     }
 
     void peersMayMoveWhileAnAnswerIsDue()

@@ -1,7 +1,5 @@
 #include "client/relay/repeats.h"
 
-#include "protocol/datagram.h"
-
 #include <QCryptographicHash>
 
 #include <iterator>
@@ -19,10 +17,7 @@ constexpr int mostCopies = 5;   // where a third of all confirmations are lost, 
 
 bool Repeats::take(const QByteArray &packet)
 {
-    // Without the socket id, which may change between two sends.
-    constexpr int fixed = datagram::socketIdOffset;
-    const QByteArray key =
-        QCryptographicHash::hash(packet.left(fixed) + packet.mid(fixed + 2), QCryptographicHash::Sha1);
+    const QByteArray key = QCryptographicHash::hash(packet, QCryptographicHash::Sha1);
     const auto seen = m_seen.constFind(key);
     const qint64 now = m_clock.elapsed();
     const auto isOld = [now](qint64 time) { return now - time >= memory.count(); };
