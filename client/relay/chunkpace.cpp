@@ -22,6 +22,7 @@ void ChunkPace::take(const datagram::ResponseHeader &header, const QByteArray &s
 {
     const bool isSame = std::exchange(m_messageId, header.messageId) == header.messageId;
     if (!isSame) {
+        m_isRest = header.index == 0 && !slice.startsWith("HTTP/");
         m_sinceBeginning.start();
         m_longestPause = isPresent ? 0 : m_longestPause;
     } else if (header.index == 0) {

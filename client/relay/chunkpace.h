@@ -24,6 +24,8 @@ public:
 
     /// Whether the link owes the rest of our chunks and nothing else.
     bool isAmidChunks() const { return m_isAmidChunks; }
+    /// Whether what came last was the rest of something, somebody else's perhaps.
+    bool isRest() const { return m_isRest; }
     /// Whether the relay has so much of them in store that the web server is done, most likely.
     bool isBacklog() const;
     /// For how long nothing comes until the web server has most likely closed its link. `roundTrip`: ms.
@@ -32,6 +34,7 @@ public:
 private:
     quint16 m_messageId = 0; // of the answer that came last
     bool m_isAmidChunks = false;
+    bool m_isRest = false;
     qint64 m_longestPause = 0; // between two reads of it, in ms
     QElapsedTimer m_sinceBeginning;
 };

@@ -17,7 +17,8 @@ constexpr qint64 longestTime = 2000; // ms; when the first one was answered, it 
 QByteArray harmlessRequest(const QByteArray &fields)
 {
     const QByteArray path = QByteArray::number(QRandomGenerator::global()->generate64(), 16);
-    return "HEAD /nat-peer-" + path + " HTTP/1.0\r\nHost: localhost\r\nUser-Agent: nat-peer\r\n" + fields + "\r\n";
+    return "HEAD /nat-peer-" + path +
+           " HTTP/1.0\r\nHost: localhost\r\nConnection: keep-alive\r\nUser-Agent: nat-peer\r\n" + fields + "\r\n";
 }
 
 bool isOf(quint16 messageId, const QByteArray &request)

@@ -9,7 +9,8 @@
 #include <optional>
 
 /// An HTTP request that changes nothing, for a random path; `fields` are further ones. HTTP/1.0, as no server answers
-/// that with chunks.
+/// that with chunks; to be kept alive, as Node.js else breaks off what it still writes on the same link when another
+/// request follows.
 QByteArray harmlessRequest(const QByteArray &fields = QByteArray());
 
 /// Whether `request`, a datagram that may be empty, has this id.

@@ -22,7 +22,9 @@
 //     - waiting for the end of chunks that never comes, with nothing owed: the first one is answered and stays at the
 //       head. When the second one is silent then, the relay is asked to forget both, and from there on behind every
 //       response, until a chunked response has come to its end: that ends the relay's waiting too;
-//     - a head that nobody will answer: no sign, see above, and once more from the start.
+//     - a head that nobody will answer: no sign, see above, and once more from the start. Where it was written behind
+//       chunks that nobody waits for any more, four seconds without a sign are enough: were it only slow, then whoever
+//       gets its answer sees a head that announces more than comes, and shows nothing.
 // - Whatever stays at the head holds up every other peer too. So all this is done at once, and not only when there is a
 //   next request; and another peer's chunks may have left the relay waiting while it gave us nothing for a second, so
 //   that our response stays at the head although it is whole: that is a doubt as well.
@@ -59,8 +61,10 @@ constexpr int lossyPatience = 3;       // times as long there: a packet is five 
 constexpr auto receiptSpacing = 120ms; // between copies there, as a lost one costs a packet once more
 constexpr int receiptCopies = 2;
 constexpr std::chrono::milliseconds leastRepeats = 1800ms; // of a packet, four spacings of the relay
+constexpr int mostInVain = 3; // packets of what was given up that cost less than having the relay forget them
 constexpr std::chrono::milliseconds leaveLimit = 3s;
 constexpr std::chrono::milliseconds signLimit = 60s;    // as long as web servers themselves wait for an application
+constexpr std::chrono::milliseconds restLimit = 4s;     // where the link may have been closed amid chunks
 constexpr std::chrono::milliseconds drainTime = 300ms;  // in which a link that owes something gives it
 constexpr int probeShare = 3;                           // both are longer where a HEAD takes more than this part of it
 constexpr std::chrono::milliseconds othersTurn = 400ms; // in less nobody can have left the relay waiting
@@ -184,7 +188,8 @@ void RelayClient::refuse(Failure failure, const QString &reason)
 /// Whether the relay gave no sign of an answer for so long that there will be none.
 bool RelayClient::isSilent() const
 {
-    return m_sinceSign.hasExpired(m_isAnswered ? patience(gapOnThisLine()) : signLimit.count());
+    const qint64 untilFirst = m_isRestOwed ? patience(restLimit) : signLimit.count();
+    return m_sinceSign.hasExpired(m_isAnswered ? patience(gapOnThisLine()) : untilFirst);
 }
 
 qint64 RelayClient::patience(std::chrono::milliseconds least) const
@@ -300,6 +305,7 @@ void RelayClient::transmit()
         m_path->send(m_proof.datagram());
     } else if (m_state == State::Requesting) {
         m_isAsked = true;
+        m_isRestOwed = false;
         m_path->send(m_look.isEmpty() ? m_request : m_look);
     }
 }
@@ -428,6 +434,7 @@ void RelayClient::take(const QByteArray &data)
         noteHeard();
         m_isCleared = true;
         m_isLost = false;
+        m_isRestOwed = m_pace.isAmidChunks() || m_pace.isRest();
         m_repeats.forget();
         m_unanswered = {};
         m_isAnswered = false;
@@ -489,10 +496,12 @@ void RelayClient::takePacket(const QByteArray &packet)
         m_unanswered = {};
     watchRelay(header, slice);
     m_pace.take(header, slice, gap, m_isRelayWaiting, header.messageId == m_messageId);
-    if (m_isRelayWaiting && m_repeats.areEndless(endlessRepeats()))
+    if ((m_isRelayWaiting || m_state != State::Receiving) && m_repeats.areEndless(endlessRepeats()))
         return endRepeats(header.messageId);
-    if (m_state == State::Proving && m_pace.isBacklog() && !m_isLost) {
-        m_isLost = true;
+    const bool isWhole = header.messageId == m_messageId && header.index == 0 && !m_isInChunks;
+    const bool isLong = header.count > mostInVain && slice.startsWith("HTTP/1.");
+    if (m_state == State::Proving && !m_isLost && ((isWhole && isLong) || m_pace.isBacklog())) {
+        m_isLost = true; // what was given up, see abandon()
         return proceed();
     }
     if (m_state == State::Proving && m_proof.takePacket(header, slice, gap)) {
@@ -500,7 +509,7 @@ void RelayClient::takePacket(const QByteArray &packet)
         m_fragments.goOn();
         m_pace.forgetPauses();
         m_isSure = true;
-        m_isRelayWaiting = false;
+        m_isRelayWaiting = m_isRestOwed = false;
         // Or another peer has left the relay waiting between the two, so that the second one stays at its head.
         m_isDoubtful = gap > std::max<qint64>(othersTurn.count(), probeShare * m_proof.time());
         return proceed();

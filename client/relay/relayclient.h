@@ -140,6 +140,7 @@ private:
     QByteArray m_tail;             // the last bytes of the relay's present read
     bool m_isDoubtful = false;     // whether it does so for another peer
     bool m_isAnswered = false;     // the relay's last packet for this peer was the end of one of its reads
+    bool m_isRestOwed = false;     // of chunks, on the link that what proves is written to, and then it may be closed
     bool m_isLost = false;         // what the relay sends this peer at present
     bool m_hasRequest = false;
     bool m_isAsked = false;   // the present request may be at the web server
