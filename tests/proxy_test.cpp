@@ -37,10 +37,12 @@ struct Site : WebServer {
                 parts = {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"};
             if (path.contains("large"))
                 parts.append(chunk(text));
-            const bool isSlow = path.contains("slow");
+            const bool isTicking = path.contains("ticks");
+            const bool isSlow = isTicking || path.contains("slow");
             const bool isAtOnce = path.contains("large") || path.startsWith("/late") || path.startsWith("/whole");
             for (int at = 0; at < (isSlow ? text.size() : 30000) && !isAtOnce; at += isSlow ? 1000 : 3000) {
-                parts << (at < text.size() ? chunk(text.mid(at, isSlow ? 1000 : 3000)) : QByteArray());
+                const QByteArray part = isTicking ? QByteArray("tick\n") : text.mid(at, isSlow ? 1000 : 3000);
+                parts << (at < text.size() ? chunk(part) : QByteArray());
                 parts += QByteArrayList::fromVector(QVector<QByteArray>(isSlow ? 30 : 1));
             }
             if (path.startsWith("/chunks"))
@@ -430,6 +432,14 @@ private slots:
             QVERIFY2(output == Site::page(target), error);
             QVERIFY(body(answer(get("/whole3"))) == Site::page("/whole3"));
         }
+        const auto ticks = get("/broken-ticks"); // equal parts, for two peers
+        QVERIFY(QTest::qWaitFor([&] { return ticks->bytesAvailable() > 0; }, 15000));
+        ticks->abort();
+        sinceFree.start();
+        const auto own = get("/whole4");
+        const auto [status, output, error] = fetch({"--config", path("other.ini"), "get", "/whole5"});
+        QVERIFY2(output == Site::page("/whole5") && body(answer(own)) == Site::page("/whole4"), error);
+        QVERIFY2(sinceFree.elapsed() < 13000, QByteArray::number(sinceFree.elapsed())); // of which four seconds are its own
     }
 
     void responsesThatLookLikeOthersDoNoHarm()
