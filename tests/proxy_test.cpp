@@ -561,6 +561,17 @@ private slots:
             web.answer("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 5-8/9\r\nContent-Length: 4\r\n\r\nlast");
         }
         QVERIFY(body(answer(client)) == "firstlast" && sinceMove.elapsed() < 8000);
+        const auto late = get("/late"); // at which the web server may be working: the relay must not forget it
+        QVERIFY(request(web).startsWith("GET /late "));
+        const auto clearings = [this] { return awaitLog([] { return true; }) ? log.count("Connection requested") : -1; };
+        const int before = clearings();
+        QVERIFY(nft({"add rule ip router out udp dport 5000 drop"}));
+        QTest::qWait(4000); // the path is taken for broken
+        QVERIFY(useMapping("6002"));
+        QTest::qWait(2500);
+        QCOMPARE(clearings(), before);
+        web.answer("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nlate");
+        QCOMPARE(body(answer(late)), "late");
     }
 
     void clientsMayGoAtAnyTime()
