@@ -30,16 +30,18 @@ struct Site : WebServer {
             const QByteArray whole = "HTTP/1.1 200 OK\r\nContent-Length: " + QByteArray::number(text.size()) + "\r\n\r\n" + text;
             const auto chunk = [](const QByteArray &part) { return QByteArray::number(part.size(), 16) + "\r\n" + part + "\r\n"; };
             if (path.startsWith("/late"))
-                parts = QByteArrayList::fromVector(QVector<QByteArray>(60)) << whole;
+                parts = QByteArrayList::fromVector(QVector<QByteArray>(path.contains("long") ? 600 : 60)) << whole;
             else if (path.startsWith("/whole"))
                 parts = {whole};
             else
                 parts = {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"};
-            if (path.contains("large"))
+            if (path.startsWith("/chunks-large"))
                 parts.append(chunk(text));
+            if (path.contains("pause"))
+                parts += QByteArrayList::fromVector(QVector<QByteArray>(200));
             const bool isTicking = path.contains("ticks");
             const bool isSlow = isTicking || path.contains("slow");
-            const bool isAtOnce = path.contains("large") || path.startsWith("/late") || path.startsWith("/whole");
+            const bool isAtOnce = path.contains("large") || path.contains("pause") || path.startsWith("/late") || path.startsWith("/whole");
             for (int at = 0; at < (isSlow ? text.size() : 30000) && !isAtOnce; at += isSlow ? 1000 : 3000) {
                 const QByteArray part = isTicking ? QByteArray("tick\n") : text.mid(at, isSlow ? 1000 : 3000);
                 parts << (at < text.size() ? chunk(part) : QByteArray());
@@ -440,6 +442,22 @@ private slots:
         const auto [status, output, error] = fetch({"--config", path("other.ini"), "get", "/whole5"});
         QVERIFY2(output == Site::page("/whole5") && body(answer(own)) == Site::page("/whole4"), error);
         QVERIFY2(sinceFree.elapsed() < 13000, QByteArray::number(sinceFree.elapsed())); // of which four seconds are its own
+        const auto free = [&] { return QTest::qWaitFor([&] { return site.parts.isEmpty() && !site.breaksOff; }, 15000); };
+        for (const auto &[target, limit] : {std::pair("/broken-pause", 6500), std::pair("/late-large", 1500)}) {
+            const auto left = get(target); // the first one breaks off when the relay has been asked to forget it
+            QVERIFY(QTest::qWaitFor([&] { return !site.parts.isEmpty(); }, 15000));
+            left->abort();
+            QVERIFY(free());
+            sinceFree.start();
+            QVERIFY(body(answer(get("/whole6"))) == Site::page("/whole6"));
+            QVERIFY2(sinceFree.elapsed() < limit, QByteArray(target) + ' ' + QByteArray::number(sinceFree.elapsed()));
+        }
+        const auto late = get("/late-long"); // which is not forgotten because of what was before
+        QVERIFY(QTest::qWaitFor([&] { return !site.parts.isEmpty(); }, 15000));
+        late->abort();
+        const int count = clearings();
+        QVERIFY(QTest::qWaitFor([&] { return site.parts.size() < 2; }, 15000));
+        QCOMPARE(clearings(), count);
     }
 
     void responsesThatLookLikeOthersDoNoHarm()

@@ -492,15 +492,15 @@ void RelayClient::takePacket(const QByteArray &packet)
     const qint64 gap = m_sinceSign.restart();
     const bool isRepeated = m_repeats.take(packet);
     m_fragments.takeSize(packet.size());
-    if (header.messageId == m_unanswered.messageId)
+    const bool isGivenUp = header.messageId == m_unanswered.messageId;
+    if (isGivenUp)
         m_unanswered = {};
     watchRelay(header, slice);
     m_pace.take(header, slice, gap, m_isRelayWaiting, header.messageId == m_messageId);
     if ((m_isRelayWaiting || m_state != State::Receiving) && m_repeats.areEndless(endlessRepeats()))
         return endRepeats(header.messageId);
-    const bool isWhole = header.messageId == m_messageId && header.index == 0 && !m_isInChunks;
-    const bool isLong = header.count > mostInVain && slice.startsWith("HTTP/1.");
-    if (m_state == State::Proving && !m_isLost && ((isWhole && isLong) || m_pace.isBacklog())) {
+    const bool isLong = header.index == 0 && header.count > mostInVain && slice.startsWith("HTTP/1.");
+    if (m_state == State::Proving && !m_isLost && ((isGivenUp && isLong && !m_isInChunks) || m_pace.isBacklog())) {
         m_isLost = true; // what was given up, see abandon()
         return proceed();
     }
