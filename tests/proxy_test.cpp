@@ -21,7 +21,7 @@ struct Site : WebServer {
         clock.start(10);
         probeAnswer += "<p>Not found"; // though only the head was asked for, as small web servers do
     }
-    static QByteArray page(const QByteArray &path) { return Programs::page(path, path.contains("large") ? 120000 : 800); }
+    static QByteArray page(const QByteArray &path) { return Programs::page(path, path.contains("large") ? 240000 : 800); }
     void step()
     {
         const QByteArray path = parts.isEmpty() ? takeRequest().split(' ').value(1) : QByteArray();
@@ -42,10 +42,10 @@ struct Site : WebServer {
             const bool isTicking = path.contains("ticks");
             const bool isSlow = isTicking || path.contains("slow");
             const bool isAtOnce = path.contains("large") || path.contains("pause") || path.startsWith("/late") || path.startsWith("/whole");
-            for (int at = 0; at < (isSlow ? text.size() : 30000) && !isAtOnce; at += isSlow ? 1000 : 3000) {
-                const QByteArray part = isTicking ? QByteArray("tick\n") : text.mid(at, isSlow ? 1000 : 3000);
+            for (int at = 0; at < (isSlow ? text.size() : 30000) && !isAtOnce; at += isSlow ? 2000 : 3000) {
+                const QByteArray part = isTicking ? QByteArray("tick\n") : text.mid(at, isSlow ? 2000 : 3000);
                 parts << (at < text.size() ? chunk(part) : QByteArray());
-                parts += QByteArrayList::fromVector(QVector<QByteArray>(isSlow ? 30 : 1));
+                parts += QByteArrayList::fromVector(QVector<QByteArray>(isTicking ? 30 : isSlow ? 60 : 1));
             }
             if (path.startsWith("/chunks"))
                 parts.append("0\r\n\r\n");
@@ -385,7 +385,7 @@ private slots:
     {
         Site site;
         startRelay();
-        startProxy({"--timeout", "10"});
+        startProxy({"--timeout", "20"});
         QRandomGenerator random(20261125);
         const QByteArrayList kinds{"/whole", "/late", "/chunks", "/broken"};
         int whole = 0;
@@ -412,11 +412,11 @@ private slots:
         cut->abort();
         QVERIFY(body(answer(get("/whole0"))) == Site::page("/whole0") && sinceFree.elapsed() < 1500);
         const auto large = get("/chunks-large"); // which the relay has in store long before it could deliver it
-        QVERIFY(QTest::qWaitFor([&] { return large->bytesAvailable() > 0; }, 15000) && site.parts.isEmpty());
+        QVERIFY(QTest::qWaitFor([&] { return large->bytesAvailable() > 0 && site.parts.isEmpty(); }, 15000));
         sinceFree.start();
         QVERIFY(QTest::qWaitFor([&] { return large->bytesAvailable() > 300000; }, 15000));
         large->abort();
-        QVERIFY(body(answer(get("/whole0"))) == Site::page("/whole0") && sinceFree.elapsed() < 3000);
+        QVERIFY(body(answer(get("/whole0"))) == Site::page("/whole0") && sinceFree.elapsed() < 6000);
         const auto slow = get("/chunks-slow"); // at which the web server still works: the relay must not forget it
         QVERIFY(QTest::qWaitFor([&] { return slow->bytesAvailable() > 5000; }, 15000));
         slow->abort();
@@ -441,9 +441,10 @@ private slots:
         const auto own = get("/whole4");
         const auto [status, output, error] = fetch({"--config", path("other.ini"), "get", "/whole5"});
         QVERIFY2(output == Site::page("/whole5") && body(answer(own)) == Site::page("/whole4"), error);
-        QVERIFY2(sinceFree.elapsed() < 13000, QByteArray::number(sinceFree.elapsed())); // of which four seconds are its own
+        QVERIFY2(sinceFree.elapsed() < 18000, QByteArray::number(sinceFree.elapsed())); // of which four seconds are its own
         const auto free = [&] { return QTest::qWaitFor([&] { return site.parts.isEmpty() && !site.breaksOff; }, 15000); };
-        for (const auto &[target, limit] : {std::pair("/broken-pause", 6500), std::pair("/late-large", 1500)}) {
+        for (const auto &[target, limit] : {std::pair("/broken-pause", 15000), std::pair("/late-large", 5000)}) {
+            QVERIFY(body(answer(ask("GET /chunks HTTP/1.0\r\n\r\n"))) == Site::page("/chunks")); // so that the relay waits for no end
             const auto left = get(target); // the first one breaks off when the relay has been asked to forget it
             QVERIFY(QTest::qWaitFor([&] { return !site.parts.isEmpty(); }, 15000));
             left->abort();
@@ -504,7 +505,8 @@ private slots:
         sinceEqual.start();
         web.answer("4\r\nsame\r\n");
         got += answer(client);
-        QVERIFY2(got.endsWith("other\r\n") && sinceEqual.elapsed() < 4000 && isTold("equal parts"), got);
+        QVERIFY2(got.endsWith("other\r\n") && sinceEqual.elapsed() < 8000, got);
+        QVERIFY(QTest::qWaitFor([&] { return isTold("equal parts"); }, 5000));
         web.answer("0\r\n\r\n");
         client = ask("HEAD / HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
         QVERIFY(request(web, "HEAD / ").startsWith("HEAD / HTTP/1.0\r\n")); // to which no server answers with chunks
@@ -531,25 +533,26 @@ private slots:
                         "add rule inet line in udp " +
                         QString(port) + " 5000 drop"});
         };
-        for (const auto &[part, next] : {std::pair("1\r\n2\r\n", "1\r\n3\r\n"), std::pair("1\r\n4\r\n", "1\r\n5\r\n")}) {
+        for (const auto &[part, next] :
+             {std::pair("1\r\n2\r\n", "1\r\n3\r\n"), std::pair("1\r\n4\r\n", "1\r\n5\r\n"), std::pair("1\r\n6\r\n", "1\r\n7\r\n")}) {
             QVERIFY(drop("dport"));
             web.answer(part); // it is confirmed in vain, comes again, and once more after a silence
             QVERIFY(comes(part));
-            QTest::qWait(1200);
+            QTest::qWait(700);
             QVERIFY(drop("sport"));
             QTest::qWait(1500);
             QVERIFY(nft({"delete table inet line"}));
             web.answer(next);
             QVERIFY(comes(next));
         }
-        QVERIFY2(got.endsWith("first\r\n1\r\n2\r\n1\r\n3\r\n1\r\n4\r\n1\r\n5\r\n"), got);
+        QVERIFY2(got.endsWith("first\r\n1\r\n2\r\n1\r\n3\r\n1\r\n4\r\n1\r\n5\r\n1\r\n6\r\n1\r\n7\r\n"), got);
         QVERIFY(drop("sport"));
         web.answer("4\r\nlost\r\n"); // the relay gives this peer up
         QVERIFY2(awaitLog([this] { return log.contains("Set connection status for 127.0.0.1 to 0"); }, 40000), log);
         QVERIFY(nft({"delete table inet line"}));
         web.answer("4\r\nlast\r\n0\r\n\r\n");
         got += answer(client);
-        QVERIFY2(got.endsWith("5\r\n"), got);
+        QVERIFY2(got.endsWith("7\r\n"), got);
     }
 
     void peersMayMoveWhileAnAnswerIsDue()
@@ -571,19 +574,23 @@ private slots:
         const auto client = get("/");
         QVERIFY(!request(web).isEmpty());
         web.answer("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nfirst");
-        QVERIFY(request(web).contains("\r\nRange: bytes=5-8\r\n") && useMapping("6002"));
+        const auto breakPath = [] { return nft({"add rule ip router out udp dport 5000 drop"}); };
+        QVERIFY(request(web).contains("\r\nRange: bytes=5-8\r\n") && useMapping("6002") && breakPath());
         QElapsedTimer sinceMove;
         sinceMove.start();
         for (int time = 0; time < 2; time++) {
-            QVERIFY(time == 0 || request(web, "GET / ").contains("\r\nRange: bytes=5-8\r\n"));
             web.answer("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 5-8/9\r\nContent-Length: 4\r\n\r\nlast");
+            if (time == 0) {
+                QTest::qWait(3000); // until the box's router knows of the move
+                QVERIFY(useMapping("6002") && request(web, "GET / ").contains("\r\nRange: bytes=5-8\r\n"));
+            }
         }
-        QVERIFY(body(answer(client)) == "firstlast" && sinceMove.elapsed() < 8000);
+        QVERIFY(body(answer(client)) == "firstlast" && sinceMove.elapsed() < 20000);
         const auto late = get("/late"); // at which the web server may be working: the relay must not forget it
         QVERIFY(request(web).startsWith("GET /late "));
         const auto clearings = [this] { return awaitLog([] { return true; }) ? log.count("Connection requested") : -1; };
         const int before = clearings();
-        QVERIFY(nft({"add rule ip router out udp dport 5000 drop"}));
+        QVERIFY(breakPath());
         QTest::qWait(4000); // the path is taken for broken
         QVERIFY(useMapping("6002"));
         QTest::qWait(2500);

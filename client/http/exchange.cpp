@@ -202,6 +202,10 @@ bool Exchange::takeFirstHead(const HttpResponseHead &part)
     }
     if (part.result() != http::status::partial_content)
         return true;
+    if (m_asked[http::field::range].empty()) {
+        fail(502, QStringLiteral("the web server gives a part, and was asked for all"));
+        return false;
+    }
     if (const auto range = contentRange(part))
         m_start = range->first;
     m_isInParts = m_small && m_small->isInParts();

@@ -263,8 +263,10 @@ void BoxPath::take(Channel *channel, const QByteArray &plain, const QHostAddress
     const bool isEcho = !m_isOpening && isPresent && !isOver(m_sinceSend, echoTime); // of a ConnectRequest of ours
     if (isKnock && !isEcho && (isBetter || isOver(m_sinceKnock, answerSpacing)))
         knock(channel, from, port);
-    if (!isKnock && channel == m_channel && channel->isDirect() && m_record.phase() == PathRecord::Phase::Failed)
-        noteOpen(); // it had only been busy
+    if (!isKnock && channel == m_channel && channel->isDirect() && m_record.phase() == PathRecord::Phase::Failed) {
+        m_keepAlive.start(); // the box had only been busy
+        noteOpen();
+    }
     if (kind == DatagramKind::KeepAlive && !m_isOpening && channel == m_channel)
         m_record.echoed();
     if (!isKnock)

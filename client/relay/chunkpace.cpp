@@ -14,7 +14,8 @@ constexpr std::chrono::milliseconds quickGap = 540ms; // amid our own chunks on 
 constexpr double usualPause = 2.5;                    // times the longest one there until now, if that is longer
 constexpr std::chrono::milliseconds mostPause = 10s;
 constexpr std::chrono::milliseconds backlogTime = 1s; // in which web servers on the same machine write any page
-constexpr std::chrono::milliseconds noPause = 250ms;  // half of what a loss costs
+constexpr double noPause = 60;                        // ms beside a round trip; a turn of the relay is ten
+constexpr int mostPauses = 4; // of so many there may be a longer one, as one of the machines was busy
 } // namespace
 
 void ChunkPace::take(const datagram::ResponseHeader &header, const QByteArray &slice, qint64 gap, bool isRelayWaiting,
@@ -25,17 +26,22 @@ void ChunkPace::take(const datagram::ResponseHeader &header, const QByteArray &s
         m_isRest = header.index == 0 && !slice.startsWith("HTTP/");
         m_sinceBeginning.start();
         m_longestPause = isPresent ? 0 : m_longestPause;
+        m_pauses.clear();
     } else if (header.index == 0) {
         m_longestPause = std::max(m_longestPause, gap);
+        m_pauses.append(gap);
     }
     const bool isBeginning =
         slice.startsWith("HTTP/1.") && slice.left(slice.indexOf("\r\n\r\n")).contains(RelayClient::chunkedField);
     m_isAmidChunks = isRelayWaiting && (isSame ? m_isAmidChunks : isBeginning);
 }
 
-bool ChunkPace::isBacklog() const
+bool ChunkPace::isBacklog(double roundTrip) const
 {
-    return m_isAmidChunks && m_longestPause < noPause.count() && m_sinceBeginning.hasExpired(backlogTime.count());
+    const auto pauses = std::count_if(m_pauses.begin(), m_pauses.end(), [roundTrip](qint64 pause) {
+        return static_cast<double>(pause) > roundTrip + noPause;
+    });
+    return m_isAmidChunks && pauses * mostPauses <= m_pauses.size() && age() >= backlogTime.count();
 }
 
 std::chrono::milliseconds ChunkPace::gap(bool isLossy, double roundTrip) const

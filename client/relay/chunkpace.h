@@ -4,6 +4,7 @@
 
 #include <QByteArray>
 #include <QElapsedTimer>
+#include <QVector>
 
 #include <chrono>
 
@@ -26,8 +27,11 @@ public:
     bool isAmidChunks() const { return m_isAmidChunks; }
     /// Whether what came last was the rest of something, somebody else's perhaps.
     bool isRest() const { return m_isRest; }
-    /// Whether the relay has so much of them in store that the web server is done, most likely.
-    bool isBacklog() const;
+    /// Whether the relay has so much of them in store that the web server is done, most likely: for a second they have
+    /// come one behind the other. `roundTrip`: ms.
+    bool isBacklog(double roundTrip) const;
+    /// For how long the present answer has been coming.
+    qint64 age() const { return m_sinceBeginning.elapsed(); }
     /// For how long nothing comes until the web server has most likely closed its link. `roundTrip`: ms.
     std::chrono::milliseconds gap(bool isLossy, double roundTrip) const;
 
@@ -36,5 +40,6 @@ private:
     bool m_isAmidChunks = false;
     bool m_isRest = false;
     qint64 m_longestPause = 0; // between two reads of it, in ms
+    QVector<qint64> m_pauses;  // all of them
     QElapsedTimer m_sinceBeginning;
 };

@@ -32,6 +32,8 @@ public:
     /// Whether the first one was answered: with nothing but a head, as is right, or with the same body as in the
     /// proof before.
     bool isAnswered() const { return m_isAnswered; }
+    /// ms since begin().
+    qint64 age() const { return m_sinceBegin.elapsed(); }
     /// How long the web server needs for one, in ms, at most; until one has been answered, that is a guess.
     qint64 time() const { return m_time.value_or(usualTime); }
 

@@ -9,11 +9,11 @@
 // - A request that is given up stays in the relay's queue. Its packets are confirmed and thrown away; the next request
 //   waits its turn behind it. The relay is asked to forget (ConnectRequest) only where everything asked has been
 //   answered: the relay has read all of a response in no chunks when its first packet comes, and most likely the end of
-//   one in chunks of which it has had more than it could pass on for a second; or where no sign of an answer came for a
-//   minute, or an answer has come and for a second neither more of it nor the one behind it: then the web server has
-//   most likely closed the link, and the relay would wait for ever. Amid chunks of ours half a second is enough, and
-//   more where they came slowly: should the web server only have paused, the rest that somebody else gets begins in the
-//   middle, and he sees that it is no answer and asks again.
+//   one in chunks that has come without a pause for a second, and what proves behind it soon after; or where no sign of
+//   an answer came for a minute, or an answer has come and for a second neither more of it nor the one behind it: then
+//   the web server has most likely closed the link, and the relay would wait for ever. Amid chunks of ours half a
+//   second is enough, and more where they came slowly: should the web server only have paused, the rest that somebody
+//   else gets begins in the middle, and he sees that it is no answer and asks again.
 // - After anything that leaves a doubt (given up, time-out, broken off, a start) two harmless requests go ahead, HEAD
 //   of a random path. The second one can only be answered when the first has been taken off the queue and its link
 //   closed, whatever answer the first one got. The states the relay can be in, and how each ends:
@@ -23,8 +23,8 @@
 //       head. When the second one is silent then, the relay is asked to forget both, and from there on behind every
 //       response, until a chunked response has come to its end: that ends the relay's waiting too;
 //     - a head that nobody will answer: no sign, see above, and once more from the start. Where it was written behind
-//       chunks that nobody waits for any more, four seconds without a sign are enough: were it only slow, then whoever
-//       gets its answer sees a head that announces more than comes, and shows nothing.
+//       chunks that nobody waits for any more, four seconds without a sign are enough, once: were it only slow, then
+//       whoever gets its answer sees a head that announces more than comes, as most do.
 // - Whatever stays at the head holds up every other peer too. So all this is done at once, and not only when there is a
 //   next request; and another peer's chunks may have left the relay waiting while it gave us nothing for a second, so
 //   that our response stays at the head although it is whole: that is a doubt as well.
@@ -42,7 +42,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <utility>
 
 using namespace std::chrono_literals;
@@ -67,11 +66,13 @@ constexpr std::chrono::milliseconds signLimit = 60s;    // as long as web server
 constexpr std::chrono::milliseconds restLimit = 4s;     // where the link may have been closed amid chunks
 constexpr std::chrono::milliseconds drainTime = 300ms;  // in which a link that owes something gives it
 constexpr int probeShare = 3;                           // both are longer where a HEAD takes more than this part of it
+constexpr int probesShare = 2 * probeShare;             // the same for two of them
 constexpr std::chrono::milliseconds othersTurn = 400ms; // in less nobody can have left the relay waiting
 constexpr std::chrono::milliseconds backgroundLimit = 120s;
 // The relay takes an id that it has answered within a minute for one that comes again, also from a nat-peer that has
-// been killed since. So the ids begin with the clock, and run slower than it: a request takes the relay two turns.
+// been killed since. So the ids go with the clock; they never need more, as a request takes the relay two turns.
 constexpr std::chrono::milliseconds leastIdSpacing = 10ms;
+constexpr int mostAhead = 1000;                       // of the clock
 constexpr quint16 socketId = 1;                       // one request at a time needs no more
 constexpr quint16 paddedSocketId = 2;                 // tells the confirmations of a long copy from those of the short
 constexpr std::chrono::milliseconds packetLife = 24s; // for so long the relay repeats a packet, at the least
@@ -91,7 +92,6 @@ QByteArray padding()
 
 RelayClient::RelayClient(BoxPath *path, QString uuid, QString boxUuid, int timeout, QObject *parent)
     : QObject(parent), m_path(path), m_uuid(std::move(uuid)), m_boxUuid(std::move(boxUuid)), m_timeout(timeout),
-      m_lastId(static_cast<quint16>(QDateTime::currentMSecsSinceEpoch() / leastIdSpacing.count())),
       m_proof([this](const QByteArray &http) { return request(http); })
 {
     m_sinceSign.start(); // a peer of the same name may have been at work until now
@@ -116,6 +116,8 @@ RelayClient::RelayClient(BoxPath *path, QString uuid, QString boxUuid, int timeo
             proceed();
         else if (m_state == State::Receiving || m_state == State::Requesting)
             m_sinceReopened.start();
+        else if (m_state == State::Idle && m_hasReopened && !m_isSure)
+            rest(); // what was given up meanwhile
     });
     connect(path, &BoxPath::moved, this, [this] {
         m_fragments.forget();
@@ -131,7 +133,10 @@ RelayClient::RelayClient(BoxPath *path, QString uuid, QString boxUuid, int timeo
 
 QByteArray RelayClient::request(const QByteArray &http)
 {
-    return datagram::request(++m_lastId, socketId, m_uuid, m_boxUuid, http);
+    const auto now = static_cast<quint16>(QDateTime::currentMSecsSinceEpoch() / leastIdSpacing.count());
+    const bool isUsed = static_cast<quint16>(m_lastId - now) < mostAhead;
+    m_lastId = isUsed ? static_cast<quint16>(m_lastId + 1) : now;
+    return datagram::request(m_lastId, socketId, m_uuid, m_boxUuid, http);
 }
 
 void RelayClient::send(const QByteArray &httpRequest, Kind kind)
@@ -197,11 +202,22 @@ qint64 RelayClient::patience(std::chrono::milliseconds least) const
     return std::max<qint64>(onThisLine(least).count(), probeShare * m_proof.time());
 }
 
+bool RelayClient::isBacklog() const
+{
+    return m_pace.isBacklog(m_path->record().roundTrip().value_or(0));
+}
+
+/// Whether the web server has answered the two that prove, most likely, behind what the relay still delivers.
+bool RelayClient::isAnsweredBehind() const
+{
+    return std::min(m_pace.age(), m_proof.age()) > std::max<qint64>(drainTime.count(), probesShare * m_proof.time());
+}
+
 /// For how long a packet comes again until that cannot be due to a loss.
 std::chrono::milliseconds RelayClient::endlessRepeats() const
 {
     const std::chrono::milliseconds roundTrips(2 * static_cast<int>(m_path->record().roundTrip().value_or(0)));
-    return std::max(leastRepeats + roundTrips, std::chrono::milliseconds(probeShare * m_proof.time()));
+    return std::max(leastRepeats + roundTrips, std::chrono::milliseconds(probesShare * m_proof.time()));
 }
 
 bool RelayClient::isLossy() const
@@ -238,8 +254,9 @@ void RelayClient::abandon()
             m_sinceSign.start();
         }
     }
-    // The relay has read all of it that it ever will, or the web server is done.
-    m_isLost |= m_state == State::Receiving && (!m_isInChunks || m_pace.isBacklog());
+    // The relay has read all of it that it ever will, and closed the link, or the web server is done.
+    const bool isWhole = !m_isInChunks && !m_isRelayWaiting && !m_pace.isRest();
+    m_isLost |= m_state == State::Receiving && (isWhole || isBacklog());
     if (m_state == State::Requesting && !m_hasReopened)
         m_unanswered = {m_messageId, m_sinceHeld};
     rest();
@@ -379,9 +396,9 @@ bool RelayClient::tickPath()
     return true;
 }
 
-/// The relay has the request. Its answer goes where that came from, which may be nowhere any more: the answer to a part
-/// is late soon, that to another request may take its time, but then the box is heard at least. Nobody waits at the web
-/// server for a part any more, most likely, so that the relay may forget it, and is asked for it again: false.
+/// The relay has the request, and the answer may take its time; but if the box is not heard at all, then the path has
+/// broken, and the answer goes where nobody is any more. A part that does not come over the new path either was written
+/// long ago, most likely, so that the relay may forget it, and is asked for it again: false.
 bool RelayClient::tickHeld()
 {
     const auto isUnheardFor = [this](std::chrono::milliseconds time) {
@@ -389,14 +406,13 @@ bool RelayClient::tickHeld()
     };
     if (m_hasReopened) {
         const bool isLost = m_kind.isPart && m_sinceReopened.isValid() &&
-                            m_sinceReopened.hasExpired(onThisLine(reopenedPatience).count());
+                            m_sinceReopened.hasExpired(onThisLine(packetPatience).count());
         m_isLost |= isLost;
         if (isLost)
             fail(Failure::CutShort, QStringLiteral("the answer was lost, the network has changed"));
         return !isLost;
     }
-    const bool isLate = m_kind.isPart && m_sinceHeld.hasExpired(onThisLine(packetPatience).count());
-    if (isLate || isUnheardFor(pathPatience)) {
+    if (isUnheardFor(pathPatience)) {
         m_hasReopened = true;
         m_path->open();
     } else if (isUnheardFor(resendSpacing) &&
@@ -433,8 +449,8 @@ void RelayClient::take(const QByteArray &data)
     if (kind == DatagramKind::ConnectRequest && m_state == State::Clearing) {
         noteHeard();
         m_isCleared = true;
-        m_isLost = false;
-        m_isRestOwed = m_pace.isAmidChunks() || m_pace.isRest();
+        m_isLost = m_isLongInVain = false;
+        m_isRestOwed = m_isAnswered && ((m_pace.isAmidChunks() && !isBacklog()) || m_pace.isRest());
         m_repeats.forget();
         m_unanswered = {};
         m_isAnswered = false;
@@ -459,6 +475,7 @@ void RelayClient::noteHeard()
 
 void RelayClient::takeConfirmation(quint16 messageId)
 {
+    const bool wasHeld = m_proof.isHeld();
     if (m_state == State::Requesting && messageId == m_messageId && !m_sinceHeld.isValid()) {
         noteHeard();
         m_sinceHeld.start();
@@ -471,6 +488,8 @@ void RelayClient::takeConfirmation(quint16 messageId)
         // Under the same id the relay takes one of the two, and confirms each copy of both.
         m_fragments.tryWith(datagram::request(m_lastId, paddedSocketId, m_uuid, m_boxUuid, harmlessRequest(padding())),
                             m_proof.datagram());
+    } else if (m_state == State::Proving && m_proof.isHeld() && !wasHeld) {
+        noteHeard();
     }
 }
 
@@ -499,9 +518,11 @@ void RelayClient::takePacket(const QByteArray &packet)
     m_pace.take(header, slice, gap, m_isRelayWaiting, header.messageId == m_messageId);
     if ((m_isRelayWaiting || m_state != State::Receiving) && m_repeats.areEndless(endlessRepeats()))
         return endRepeats(header.messageId);
-    const bool isLong = header.index == 0 && header.count > mostInVain && slice.startsWith("HTTP/1.");
-    if (m_state == State::Proving && !m_isLost && ((isGivenUp && isLong && !m_isInChunks) || m_pace.isBacklog())) {
-        m_isLost = true; // what was given up, see abandon()
+    if (isGivenUp) // a whole one, as above
+        m_isLongInVain = header.index == 0 && header.count > mostInVain && slice.startsWith("HTTP/1.") &&
+                         !m_isInChunks && !m_isRelayWaiting;
+    if (m_state == State::Proving && !m_isLost && isAnsweredBehind() && (m_isLongInVain || isBacklog())) {
+        m_isLost = true;
         return proceed();
     }
     if (m_state == State::Proving && m_proof.takePacket(header, slice, gap)) {
@@ -509,7 +530,7 @@ void RelayClient::takePacket(const QByteArray &packet)
         m_fragments.goOn();
         m_pace.forgetPauses();
         m_isSure = true;
-        m_isRelayWaiting = m_isRestOwed = false;
+        m_isRelayWaiting = m_isRestOwed = m_isLost = m_isLongInVain = false;
         // Or another peer has left the relay waiting between the two, so that the second one stays at its head.
         m_isDoubtful = gap > std::max<qint64>(othersTurn.count(), probeShare * m_proof.time());
         return proceed();
@@ -577,12 +598,13 @@ void RelayClient::endRepeats(quint16 messageId)
 {
     m_repeats.forget();
     m_sinceLoss.invalidate(); // that was none
-    m_isLost = true;
     if (m_state == State::Receiving && messageId == m_messageId) {
+        m_isLost = true;
         fail(Failure::CutShort,
              QStringLiteral("the response is cut short: the relay does not get past equal parts of it "
                             "that the web server sends one by one"));
     } else if (isBefore()) {
+        m_isLost = true;
         m_isSure = false;
         proceed();
     }

@@ -104,6 +104,8 @@ private:
     bool isSilent() const;
     bool isBefore() const;
     qint64 patience(std::chrono::milliseconds least) const;
+    bool isBacklog() const;
+    bool isAnsweredBehind() const;
     std::chrono::milliseconds endlessRepeats() const;
     bool isLossy() const;
     std::chrono::milliseconds gapOnThisLine() const;
@@ -141,13 +143,14 @@ private:
     bool m_isDoubtful = false;     // whether it does so for another peer
     bool m_isAnswered = false;     // the relay's last packet for this peer was the end of one of its reads
     bool m_isRestOwed = false;     // of chunks, on the link that what proves is written to, and then it may be closed
+    bool m_isLongInVain = false;   // what the relay delivers at present, to nobody
     bool m_isLost = false;         // what the relay sends this peer at present
     bool m_hasRequest = false;
     bool m_isAsked = false;   // the present request may be at the web server
     bool m_isCleared = false; // nothing has been asked since the relay was told to forget
     bool m_isLeaving = false;
     bool m_hasReopened = false; // the path, for the present request
-    quint16 m_lastId;
+    quint16 m_lastId = 0;
     quint16 m_messageId = 0; // of the present request
     QByteArray m_request;    // datagram
     Kind m_kind;
