@@ -75,10 +75,10 @@ class ProxyTest : public QObject, Programs
         QVERIFY(isListening(8080));
     }
     /// A client that has sent these bytes.
-    static std::unique_ptr<QTcpSocket> ask(const QByteArray &bytes)
+    static std::unique_ptr<QTcpSocket> ask(const QByteArray &bytes, quint16 port = 8080)
     {
         auto client = std::make_unique<QTcpSocket>();
-        client->connectToHost(QHostAddress(QHostAddress::LocalHost), 8080);
+        client->connectToHost(QHostAddress(QHostAddress::LocalHost), port);
         client->waitForConnected();
         client->write(bytes);
         client->flush();
@@ -459,6 +459,27 @@ private slots:
         const int count = clearings();
         QVERIFY(QTest::qWaitFor([&] { return site.parts.size() < 2; }, 15000));
         QCOMPARE(clearings(), count);
+    }
+
+    void nobodyGetsTheAnswerToWhatWasForgotten()
+    {
+        Site site;
+        site.probeTime = 150; // so that what proves is at the web server for long
+        startRelay();
+        startProxy();
+        box->addPeer(otherUuid);
+        write("other.ini", QByteArray(config).replace(peerUuid, otherUuid));
+        Process other(new QProcess);
+        startPeer(other.get(), {"--config", path("other.ini"), "--listen", "127.0.0.1:8081", "serve"});
+        QVERIFY(isListening(8081));
+        const auto getByOther = [](const QByteArray &target) { return ask("GET " + target + " HTTP/1.0\r\n\r\n", 8081); };
+        QVERIFY(body(answer(get("/whole1"))) == Site::page("/whole1") && body(answer(getByOther("/whole2"))) == Site::page("/whole2"));
+        const auto left = get("/late-long-large"); // a long answer to nobody, and two heads behind it
+        QVERIFY(QTest::qWaitFor([&] { return !site.parts.isEmpty(); }, 15000));
+        left->abort();
+        QVERIFY(awaitLog([this] { return log.contains("Queue size: 3"); }));
+        const QByteArray got = answer(getByOther("/whole3")); // is next where they are forgotten
+        QVERIFY2(body(got) == Site::page("/whole3"), got.left(500));
     }
 
     void responsesThatLookLikeOthersDoNoHarm()
