@@ -202,9 +202,15 @@ qint64 RelayClient::patience(std::chrono::milliseconds least) const
     return std::max<qint64>(onThisLine(least).count(), probeShare * m_proof.time());
 }
 
+/// In ms; 0 while that is not known.
+double RelayClient::roundTrip() const
+{
+    return m_path->record().roundTrip().value_or(0);
+}
+
 bool RelayClient::isBacklog() const
 {
-    return m_pace.isBacklog(m_path->record().roundTrip().value_or(0));
+    return m_pace.isBacklog(roundTrip());
 }
 
 /// Whether the web server has answered the two that prove, most likely, behind what the relay still delivers.
@@ -216,7 +222,7 @@ bool RelayClient::isAnsweredBehind() const
 /// For how long a packet comes again until that cannot be due to a loss.
 std::chrono::milliseconds RelayClient::endlessRepeats() const
 {
-    const std::chrono::milliseconds roundTrips(2 * static_cast<int>(m_path->record().roundTrip().value_or(0)));
+    const std::chrono::milliseconds roundTrips(static_cast<int>(2 * roundTrip()));
     return std::max(leastRepeats + roundTrips, std::chrono::milliseconds(probesShare * m_proof.time()));
 }
 
@@ -227,7 +233,7 @@ bool RelayClient::isLossy() const
 
 std::chrono::milliseconds RelayClient::gapOnThisLine() const
 {
-    return m_pace.gap(isLossy(), m_path->record().roundTrip().value_or(0));
+    return m_pace.gap(isLossy(), roundTrip());
 }
 
 std::chrono::milliseconds RelayClient::onThisLine(std::chrono::milliseconds patience) const

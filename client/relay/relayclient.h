@@ -104,6 +104,7 @@ private:
     bool isSilent() const;
     bool isBefore() const;
     qint64 patience(std::chrono::milliseconds least) const;
+    double roundTrip() const;
     bool isBacklog() const;
     bool isAnsweredBehind() const;
     std::chrono::milliseconds endlessRepeats() const;
