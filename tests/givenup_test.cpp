@@ -6,6 +6,8 @@
 #include <QScopeGuard>
 #include <QTimer>
 
+#include <csignal>
+
 namespace
 {
 /// A web server that answers one request after another as the path says: at once, late, in chunks, or breaking off within
@@ -203,12 +205,24 @@ private slots:
         }
         QVERIFY2(got.endsWith("first\r\n1\r\n2\r\n1\r\n3\r\n1\r\n4\r\n1\r\n5\r\n1\r\n6\r\n1\r\n7\r\n"), got);
         QVERIFY(drop("sport"));
-        web.answer("4\r\nlost\r\n"); // the relay gives this peer up
+        kill(static_cast<pid_t>(proxy->processId()), SIGSTOP); // as a machine that sleeps
+        web.answer("4\r\nlost\r\n");                           // the relay gives this peer up
         QVERIFY2(awaitLog([this] { return log.contains("Set connection status for 127.0.0.1 to 0"); }, 40000), log);
         QVERIFY(nft({"delete table inet line"}));
         web.answer("4\r\nlast\r\n0\r\n\r\n");
+        const auto sent = [this] { return log.count("Packet size of 14 "); };
+        QVERIFY2(awaitLog([&] { return sent() > 0; }), log);
+        kill(static_cast<pid_t>(proxy->processId()), SIGCONT);
         got += answer(client);
         QVERIFY2(got.endsWith("7\r\n"), got);
+        const auto broken = get("/broken");
+        QVERIFY(!request(web, "GET /broken ").isEmpty());
+        web.answer("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nfirst\r\n");
+        QVERIFY(QTest::qWaitFor([&] { return broken->bytesAvailable() > 0; }));
+        web.connection->abort();
+        QElapsedTimer sinceBroken;
+        sinceBroken.start();
+        QVERIFY(answer(broken).endsWith("first\r\n") && sinceBroken.elapsed() > 18000 && sinceBroken.elapsed() < 24000);
     }
 
     void peersMayMoveWhileAnAnswerIsDue()

@@ -42,6 +42,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <ctime>
 #include <utility>
 
 using namespace std::chrono_literals;
@@ -76,10 +77,18 @@ constexpr int mostAhead = 1000;                       // of the clock
 constexpr quint16 socketId = 1;                       // one request at a time needs no more
 constexpr quint16 paddedSocketId = 2;                 // tells the confirmations of a long copy from those of the short
 constexpr std::chrono::milliseconds packetLife = 24s; // for so long the relay repeats a packet, at the least
-constexpr std::chrono::milliseconds longestPause = 20s; // it drops none in it, even if the first copies were lost
+constexpr std::chrono::milliseconds longestPause = 20s; // in less it drops none that follows on another
 constexpr std::chrono::milliseconds answerLife = 26s;   // and not so long
 constexpr std::chrono::milliseconds lastReminder = 22s; // later ones might have the web server answer once more
 constexpr std::chrono::milliseconds lookReminder = 1s;
+
+/// In ms, those in which the machine sleeps among them.
+qint64 sinceBoot()
+{
+    timespec time{};
+    clock_gettime(CLOCK_BOOTTIME, &time);
+    return std::chrono::milliseconds(std::chrono::seconds(time.tv_sec)).count() + time.tv_nsec / 1'000'000;
+}
 
 /// Makes a request longer than any usual MTU, in lines that small web servers take too.
 QByteArray padding()
@@ -344,6 +353,8 @@ void RelayClient::tick()
         m_isDoubtful = true;
         return emit seriesEnded();
     }
+    if (endLongPause())
+        return;
     if (m_state == State::Receiving && m_series.isUnderWay() && isStuck(onThisLine(packetPatience)) && !tickPath())
         return;
     if (m_state == State::Requesting && m_sinceHeld.isValid() && !tickHeld())
@@ -561,16 +572,15 @@ void RelayClient::takePacket(const QByteArray &packet)
         m_sinceLoss.start();
         return;
     }
-    if (m_state == State::Receiving && !m_series.isUnderWay() && m_sinceProgress.hasExpired(longestPause.count()))
-        return fail(Failure::CutShort, QStringLiteral("the response may have a hole: in a pause of %1 s the relay may "
-                                                      "have dropped a part that did not come through")
-                                           .arg(m_sinceProgress.elapsed() / 1000));
+    if (endLongPause())
+        return;
     // Meanwhile another peer may have left the relay waiting for an end: then this request stays at its head.
     m_isDoubtful |= m_state == State::Requesting && gap > othersTurn.count();
     m_state = State::Receiving;
     m_hasReopened = false;
     m_sinceReopened.invalidate();
     m_sinceProgress.start();
+    m_partTime = sinceBoot();
     m_traffic.packets++;
     m_traffic.bytes += slice.size();
     takeSlice(header, slice);
@@ -614,6 +624,21 @@ void RelayClient::endRepeats(quint16 messageId)
         m_isSure = false;
         proceed();
     }
+}
+
+/// What comes behind a long pause of the web server may follow on a part that the relay has dropped meanwhile, so that
+/// nothing of it is of use, and most likely nothing comes: the link has broken, which only the relay sees. True where
+/// the response was given up therefore.
+bool RelayClient::endLongPause()
+{
+    const bool isBetweenReads = m_state == State::Receiving && !m_series.isUnderWay();
+    if (!isBetweenReads || sinceBoot() - m_partTime < longestPause.count())
+        return false;
+    fail(Failure::CutShort,
+         QStringLiteral("the response has paused for %1 s: either it has broken off, or the relay may "
+                        "have dropped a part that did not come through")
+             .arg(longestPause / 1s));
+    return true;
 }
 
 void RelayClient::takeSlice(const datagram::ResponseHeader &header, const QByteArray &slice)

@@ -95,6 +95,7 @@ private:
     void takePacket(const QByteArray &packet);
     void watchRelay(const datagram::ResponseHeader &header, const QByteArray &slice);
     void endRepeats(quint16 messageId);
+    bool endLongPause();
     void takeSlice(const datagram::ResponseHeader &header, const QByteArray &slice);
     void tick();
     bool tickPath();
@@ -136,6 +137,7 @@ private:
     QElapsedTimer m_sinceSign;     // of an answer to anything of ours
     QElapsedTimer m_sinceReopened; // the path, while an answer is due; invalid: it has not been
     QElapsedTimer m_sinceEcho;     // was asked for
+    qint64 m_partTime = 0;         // when the last part of the response came
     State m_state = State::Idle;
     bool m_isSure = false;         // the web server owes this peer nothing but the answer to the present request
     bool m_isRelayWaiting = false; // for the end of chunks
