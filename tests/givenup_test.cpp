@@ -1,5 +1,6 @@
 // What clients get behind pages that were given up, that broke off or came with holes, whatever it left at the relay.
 
+#include "client/relay/chunkpace.h"
 #include "tests/support/proxied.h"
 
 #include <QRandomGenerator>
@@ -101,7 +102,7 @@ private slots:
         QElapsedTimer sinceFree;
         sinceFree.start();
         cut->abort();
-        QVERIFY(body(answer(get("/whole0"))) == Site::page("/whole0") && sinceFree.elapsed() < 1500);
+        QVERIFY(body(answer(get("/whole0"))) == Site::page("/whole0") && sinceFree.elapsed() < 1200);
         const auto large = get("/chunks-large"); // which the relay has in store long before it could deliver it
         QVERIFY(QTest::qWaitFor([&] { return large->bytesAvailable() > 0 && site.parts.isEmpty(); }, 15000));
         sinceFree.start();
@@ -171,6 +172,27 @@ private slots:
         QVERIFY(awaitLog([this] { return log.contains("Queue size: 3"); }));
         const QByteArray got = answer(getByOther("/whole3")); // is next where they are forgotten
         QVERIFY2(body(got) == Site::page("/whole3"), got.left(500));
+    }
+
+    void silenceIsMeasuredByThePausesBefore()
+    {
+        const QByteArray head = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+        const auto gap = [&](const QVector<qint64> &pauses, quint16 packets, const QByteArray &first, bool isLossy) {
+            ChunkPace pace;
+            pace.take({1, 1, 0, packets, 0}, first, 0, true, true);
+            for (const qint64 pause : pauses)
+                pace.take({1, 1, 0, 1, 0}, "5\r\nother\r\n", pause, true, true);
+            return static_cast<int>(pace.gap(isLossy, 100).count());
+        };
+        const auto isIn = [](int time, int least, int most) { return time > least && time < most; };
+        QVERIFY(isIn(gap({}, 1, head, false), 900, 1500));              // nothing is known
+        QVERIFY(isIn(gap({}, 15, head, false), 300, 600));              // written at once
+        QVERIFY(isIn(gap({600, 620, 610}, 1, head, false), 700, 1000)); // the next is due at 600
+        QVERIFY(isIn(gap({20, 600, 610}, 1, head, false), 1300, 1800)); // it may be due later
+        QVERIFY(isIn(gap({600}, 1, head, false), 1300, 1800));
+        QVERIFY(isIn(gap({20, 20}, 15, "5\r\nother\r\n", false), 900, 1500)); // another's rest, of which little is known
+        QVERIFY(isIn(gap({20, 20}, 15, head, true), 900, 1500));              // what came next may have been lost
+        QVERIFY(isIn(gap({}, 1, "HTTP/1.1 200 OK\r\n\r\n", false), 100, 400));
     }
 
     void pagesWithHolesAreNotTakenForWhole()

@@ -305,6 +305,12 @@ private slots:
         QVERIFY(QTest::qWaitFor([&] { return isTold("GET /picture: the client went away; "); }, 5000));
         web.answer(ok + "0\r\n\r\n");
         QVERIFY(body(answer(client)).isEmpty());
+        client = get("/head"); // what was the answer to somebody else's harmless request
+        QVERIFY(request(web).startsWith("GET /head "));
+        web.answer("HTTP/1.1 404 Not Found\r\nContent-Length: 9\r\n\r\n");
+        QVERIFY(request(web, "GET /head ").startsWith("GET /head "));
+        web.answer(ok + "3\r\n\r\nown");
+        QCOMPARE(body(answer(client)), "own");
         // The relay takes this page for a beginning of chunks, and does not know its end: the next requests must all the
         // same be answered.
         const QByteArray page = QByteArray(9000, 'x') + "Transfer-Encoding: chunked" + QByteArray(9000, 'x');

@@ -128,15 +128,22 @@ RelayClient::Traffic Exchange::traffic() const
             m_trafficBefore.repeats + part.repeats};
 }
 
+/// What came is not the answer.
+void Exchange::askAgain()
+{
+    m_foreignAnswers++;
+    rest();
+    m_client->abandon();
+    send(HttpRequest(m_asked));
+}
+
 void Exchange::take(const QByteArray &bytes)
 {
     if (!m_isRunning)
         return;
-    if (m_isAwaited && !bytes.startsWith("HTTP/") && mayRepeat(m_asked.method()) && m_foreignAnswers++ < mostForeign) {
-        rest(); // of another's chunks, which the relay was told to forget while they paused
-        m_client->abandon();
-        return send(HttpRequest(m_asked));
-    }
+    // Or it is the rest of another's chunks, which the relay was told to forget while they paused.
+    if (m_isAwaited && !bytes.startsWith("HTTP/") && mayRepeat(m_asked.method()) && m_foreignAnswers < mostForeign)
+        return askAgain();
     m_isAwaited = false;
     m_buffer.append(bytes);
     bool isMoving = true;
@@ -250,6 +257,8 @@ void Exchange::endSeries()
         fail(502, QStringLiteral("the response does not say how long it is: %1 bytes came, and more may be missing; %2")
                       .arg(m_taken)
                       .arg(QLatin1String(helpfulSite)));
+    else if (m_isFirst && m_taken == 0 && !hasRanges() && mayRepeat(m_asked.method()) && m_foreignAnswers == 0)
+        askAgain(); // a head alone: of what another peer's nat-peer asked to prove, which the relay was told to forget
     else
         fetchRest();
 }

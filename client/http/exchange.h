@@ -62,6 +62,7 @@ private:
 
     void send(const HttpRequest &request);
     void beginPart();
+    void askAgain();
     void take(const QByteArray &bytes);
     bool takeHead();
     bool takeFirstHead(const HttpResponseHead &part);

@@ -9,11 +9,12 @@
 // - A request that is given up stays in the relay's queue. Its packets are confirmed and thrown away; the next request
 //   waits its turn behind it. The relay is asked to forget (ConnectRequest) only where everything asked has been
 //   answered: the relay has read all of a response in no chunks when its first packet comes, and most likely the end of
-//   one in chunks that has come without a pause for a second, and what proves behind it soon after; or where no sign of
-//   an answer came for a minute, or an answer has come and for a second neither more of it nor the one behind it: then
-//   the web server has most likely closed the link, and the relay would wait for ever. Amid chunks of ours half a
-//   second is enough, and more where they came slowly: should the web server only have paused, the rest that somebody
-//   else gets begins in the middle, and he sees that it is no answer and asks again.
+//   any that has come without a pause for half a second, and what proves behind it soon after; or where no sign of an
+//   answer came for a minute, or an answer has come and then neither more of it nor the one behind it for longer than
+//   it pauses (ChunkPace): then the web server has most likely closed the link, or what another peer was sent has left
+//   the relay waiting, and that would be for ever. A wrong guess is survived: should the web server only have paused,
+//   the rest that somebody else gets begins in the middle, and he sees that it is no answer and asks again; should it
+//   have been slow to answer what proves, he gets a head that announces more than comes, and asks once more.
 // - After anything that leaves a doubt (given up, time-out, broken off, a start) two harmless requests go ahead, HEAD
 //   of a random path. The second one can only be answered when the first has been taken off the queue and its link
 //   closed, whatever answer the first one got. The states the relay can be in, and how each ends:
@@ -23,8 +24,7 @@
 //       head. When the second one is silent then, the relay is asked to forget both, and from there on behind every
 //       response, until a chunked response has come to its end: that ends the relay's waiting too;
 //     - a head that nobody will answer: no sign, see above, and once more from the start. Where it was written behind
-//       chunks that nobody waits for any more, four seconds without a sign are enough, once: were it only slow, then
-//       whoever gets its answer sees a head that announces more than comes, as most do.
+//       chunks that nobody waits for any more, four seconds without a sign are enough, once.
 // - Whatever stays at the head holds up every other peer too. So all this is done at once, and not only when there is a
 //   next request; and another peer's chunks may have left the relay waiting while it gave us nothing for a second, so
 //   that our response stays at the head although it is whole: that is a doubt as well.
@@ -63,11 +63,10 @@ constexpr int receiptCopies = 2;
 constexpr std::chrono::milliseconds leastRepeats = 1800ms; // of a packet, four spacings of the relay
 constexpr int mostInVain = 3; // packets of what was given up that cost less than having the relay forget them
 constexpr std::chrono::milliseconds leaveLimit = 3s;
-constexpr std::chrono::milliseconds signLimit = 60s;    // as long as web servers themselves wait for an application
-constexpr std::chrono::milliseconds restLimit = 4s;     // where the link may have been closed amid chunks
-constexpr std::chrono::milliseconds drainTime = 300ms;  // in which a link that owes something gives it
-constexpr int probeShare = 3;                           // both are longer where a HEAD takes more than this part of it
-constexpr int probesShare = 2 * probeShare;             // the same for two of them
+constexpr std::chrono::milliseconds signLimit = 60s; // as long as web servers themselves wait for an application
+constexpr std::chrono::milliseconds restLimit = 4s;  // where the link may have been closed amid chunks
+constexpr int probeShare = 3;                        // patience is longer where a HEAD takes more than this part of it
+constexpr int probesShare = 2 * probeShare;          // the same for two of them
 constexpr std::chrono::milliseconds othersTurn = 400ms; // in less nobody can have left the relay waiting
 constexpr std::chrono::milliseconds backgroundLimit = 120s;
 // The relay takes an id that it has answered within a minute for one that comes again, also from a nat-peer that has
@@ -225,7 +224,8 @@ bool RelayClient::isBacklog() const
 /// Whether the web server has answered the two that prove, most likely, behind what the relay still delivers.
 bool RelayClient::isAnsweredBehind() const
 {
-    return std::min(m_pace.age(), m_proof.age()) > std::max<qint64>(drainTime.count(), probesShare * m_proof.time());
+    return std::min(m_pace.age(), m_proof.age()) >
+           std::max<qint64>(ChunkPace::wholeGap.count(), probesShare * m_proof.time());
 }
 
 /// For how long a packet comes again until that cannot be due to a loss.
@@ -444,8 +444,7 @@ void RelayClient::tickProof()
 {
     // Answered and still at the head of the relay's queue: the relay waits for an end that will not come. Nothing that
     // has been asked is unanswered, so that it may forget.
-    const auto wait = patience(m_isRelayWaiting ? drainTime : gapOnThisLine());
-    if (m_proof.isAnswered() && m_proof.isHeld() && m_sinceSign.hasExpired(wait)) {
+    if (m_proof.isAnswered() && m_proof.isHeld() && m_sinceSign.hasExpired(patience(ChunkPace::wholeGap))) {
         m_isSure = m_isRelayWaiting = true;
         proceed();
     } else if (isSilent()) {
