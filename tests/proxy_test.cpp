@@ -333,7 +333,7 @@ private slots:
         web.answer("4\r\nsame\r\n");
         got += answer(client);
         QVERIFY2(got.endsWith("other\r\n") && sinceEqual.elapsed() < 8000, got);
-        QVERIFY(QTest::qWaitFor([&] { return isTold("equal parts"); }, 5000));
+        QVERIFY2(QTest::qWaitFor([&] { return isTold("equal parts"); }, 5000), told);
         web.answer("0\r\n\r\n");
         client = ask("HEAD / HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
         QVERIFY(request(web, "HEAD / ").startsWith("HEAD / HTTP/1.0\r\n")); // to which no server answers with chunks

@@ -248,6 +248,11 @@ void Exchange::endSeries()
 {
     if (!m_isRunning || m_client->isRelayWaiting())
         return;
+    const bool isHeadAlone = m_parser->is_header_done() && m_isFirst && m_taken == 0 && !hasRanges();
+    if (isHeadAlone && !m_parser->chunked() && mayRepeat(m_asked.method()) && m_foreignAnswers == 0) {
+        m_client->expectSlow(); // it is of what a nat-peer asked to prove, perhaps
+        return askAgain();
+    }
     if (!m_parser->is_header_done())
         fail(502, QStringLiteral("the response ends within its header"));
     else if (m_parser->chunked())
@@ -257,8 +262,6 @@ void Exchange::endSeries()
         fail(502, QStringLiteral("the response does not say how long it is: %1 bytes came, and more may be missing; %2")
                       .arg(m_taken)
                       .arg(QLatin1String(helpfulSite)));
-    else if (m_isFirst && m_taken == 0 && !hasRanges() && mayRepeat(m_asked.method()) && m_foreignAnswers == 0)
-        askAgain(); // a head alone: of what another peer's nat-peer asked to prove, which the relay was told to forget
     else
         fetchRest();
 }

@@ -55,8 +55,6 @@ bool ChunkPace::isBacklog(double roundTrip) const
 
 std::chrono::milliseconds ChunkPace::gap(bool isLossy, double roundTrip) const
 {
-    if (!m_isAmidChunks && !m_isRest)
-        return wholeGap;
     const auto longest = static_cast<double>(m_longestPause);
     const bool isRegular =
         m_pauseCount >= leastRegular && longest <= regularPause * static_cast<double>(m_shortestPause);

@@ -15,8 +15,6 @@ class ChunkPace
 public:
     /// Between parts of one that follow each other.
     static constexpr std::chrono::milliseconds usualGap{1000};
-    /// Behind a whole one, in which a link that owes another gives it.
-    static constexpr std::chrono::milliseconds wholeGap{200};
 
     /// The next packet, of whatever answer; `gap`: ms since the one before. `isRelayWaiting`: for the end of chunks.
     /// `isPresent`: it belongs to the present request.
@@ -34,7 +32,8 @@ public:
     bool isBacklog(double roundTrip) const;
     /// For how long the present answer has been coming.
     qint64 age() const { return m_sinceBeginning.elapsed(); }
-    /// For how long nothing comes until the web server has most likely closed its link. `roundTrip`: ms.
+    /// Amid chunks or a rest: for how long nothing comes until the web server has most likely closed its link.
+    /// `roundTrip`: ms.
     std::chrono::milliseconds gap(bool isLossy, double roundTrip) const;
 
 private:

@@ -10,8 +10,8 @@
 
 namespace
 {
-constexpr qint64 longestTime = 2000; // ms; when the first one was answered, it may have waited behind others
-
+constexpr qint64 longestTime = 1500; // what took longer has waited behind others, most likely
+constexpr int mostTimes = 7;
 } // namespace
 
 QByteArray harmlessRequest(const QByteArray &fields)
@@ -57,10 +57,27 @@ bool Proof::takePacket(const datagram::ResponseHeader &header, const QByteArray 
     const bool isHead = isWhole && (body.isEmpty() || body == m_bodyBefore);
     if (isWhole)
         m_body = body;
-    if (isOfSecond)
-        return true;
-    if (isHead && !m_isAnswered) // the relay may send it again
-        m_time = std::min({m_time.value_or(longestTime), gap, m_sinceBegin.elapsed()});
+    const bool isTimed = isOfSecond ? m_isAnswered : isHead && !m_isAnswered; // the relay may send it again
+    if (isTimed) {
+        m_lastTime = std::min({longestTime, gap, m_sinceBegin.elapsed()});
+        m_times.append(m_lastTime);
+    }
+    if (m_times.size() > mostTimes)
+        m_times.removeFirst();
     m_isAnswered = isHead;
-    return false;
+    return isOfSecond;
+}
+
+void Proof::expectSlow()
+{
+    m_times.fill(longestTime, mostTimes);
+}
+
+/// One of the least: most have waited behind others where there are any, and few were on their way together.
+qint64 Proof::time() const
+{
+    QVector<qint64> times = m_times;
+    const auto wanted = times.begin() + times.size() / 4;
+    std::nth_element(times.begin(), wanted, times.end());
+    return *wanted;
 }

@@ -4,9 +4,9 @@
 
 #include <QByteArray>
 #include <QElapsedTimer>
+#include <QVector>
 
 #include <functional>
-#include <optional>
 
 /// An HTTP request that changes nothing, for a random path; `fields` are further ones. HTTP/1.0, as no server answers
 /// that with chunks; to be kept alive, as Node.js else breaks off what it still writes on the same link when another
@@ -34,8 +34,12 @@ public:
     bool isAnswered() const { return m_isAnswered; }
     /// ms since begin().
     qint64 age() const { return m_sinceBegin.elapsed(); }
-    /// How long the web server needs for one, in ms, at most; until one has been answered, that is a guess.
-    qint64 time() const { return m_time.value_or(usualTime); }
+    /// How long the web server usually needs for one, in ms; until one has been answered, that is a guess.
+    qint64 time() const;
+    /// How long it needed for the last one, at most: that may have waited behind others.
+    qint64 lastTime() const { return m_lastTime; }
+    /// Somebody was not patient enough: for a while that is taken to be long.
+    void expectSlow();
 
     /// True when the second one may go now.
     bool takeConfirmation(quint16 messageId);
@@ -53,5 +57,6 @@ private:
     QByteArray m_body;       // small web servers put one behind the head that was asked for, the same for every path
     QByteArray m_bodyBefore; // of the proof before, as one packet may come twice
     QElapsedTimer m_sinceBegin;
-    std::optional<qint64> m_time;
+    QVector<qint64> m_times{usualTime}; // ms that the last ones took
+    qint64 m_lastTime = 0;
 };

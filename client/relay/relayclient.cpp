@@ -26,7 +26,7 @@
 //     - a head that nobody will answer: no sign, see above, and once more from the start. Where it was written behind
 //       chunks that nobody waits for any more, four seconds without a sign are enough, once.
 // - Whatever stays at the head holds up every other peer too. So all this is done at once, and not only when there is a
-//   next request; and another peer's chunks may have left the relay waiting while it gave us nothing for a second, so
+//   next request; and another peer's chunks may have left the relay waiting while it gave us nothing for a while, so
 //   that our response stays at the head although it is whole: that is a doubt as well.
 //
 // On a network that drops IP fragments a long answer never comes. The relay repeats its packet for 25 s, holds all
@@ -42,6 +42,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <ctime>
 #include <utility>
 
@@ -60,14 +61,19 @@ constexpr std::chrono::milliseconds lossMemory = 60s;      // after a sign of a 
 constexpr int lossyPatience = 3;       // times as long there: a packet is five fragments, of which none may be lost
 constexpr auto receiptSpacing = 120ms; // between copies there, as a lost one costs a packet once more
 constexpr int receiptCopies = 2;
-constexpr std::chrono::milliseconds leastRepeats = 1800ms; // of a packet, four spacings of the relay
-constexpr int mostInVain = 3; // packets of what was given up that cost less than having the relay forget them
+constexpr int mostCopies = 5; // where a third of all confirmations are lost, each sent three times, one in a million
+constexpr int mostCopiesInVain = 3; // of what nobody waits for, on a good line
+constexpr int mostInVain = 3;       // packets of what was given up that cost less than having the relay forget them
 constexpr std::chrono::milliseconds leaveLimit = 3s;
-constexpr std::chrono::milliseconds signLimit = 60s; // as long as web servers themselves wait for an application
-constexpr std::chrono::milliseconds restLimit = 4s;  // where the link may have been closed amid chunks
-constexpr int probeShare = 3;                        // patience is longer where a HEAD takes more than this part of it
-constexpr int probesShare = 2 * probeShare;          // the same for two of them
-constexpr std::chrono::milliseconds othersTurn = 400ms; // in less nobody can have left the relay waiting
+constexpr std::chrono::milliseconds signLimit = 60s;  // as long as web servers themselves wait for an application
+constexpr std::chrono::milliseconds restLimit = 4s;   // where the link may have been closed amid chunks
+constexpr int probeShare = 3;                         // patience is longer where a HEAD takes more than this part of it
+constexpr int lastShare = 2;                          // or of the last one
+constexpr int probesShare = 2 * probeShare;           // the same for two of them
+constexpr std::chrono::milliseconds wholeGap = 200ms; // behind a whole answer; in it a link that owes another gives it
+constexpr std::chrono::milliseconds othersMemory = 60s;
+constexpr std::chrono::milliseconds othersTurn = 300ms; // in less nobody can have left the relay waiting: its silence
+constexpr int othersShare = 2;                          // is waited for, 400 ms or three HEADs
 constexpr std::chrono::milliseconds backgroundLimit = 120s;
 // The relay takes an id that it has answered within a minute for one that comes again, also from a nat-peer that has
 // been killed since. So the ids go with the clock; they never need more, as a request takes the relay two turns.
@@ -207,7 +213,8 @@ bool RelayClient::isSilent() const
 
 qint64 RelayClient::patience(std::chrono::milliseconds least) const
 {
-    return std::max<qint64>(onThisLine(least).count(), probeShare * m_proof.time());
+    const qint64 last = isShared() ? 0 : lastShare * m_proof.lastTime();
+    return std::max<qint64>({onThisLine(least).count(), probeShare * m_proof.time(), last});
 }
 
 /// In ms; 0 while that is not known.
@@ -224,15 +231,18 @@ bool RelayClient::isBacklog() const
 /// Whether the web server has answered the two that prove, most likely, behind what the relay still delivers.
 bool RelayClient::isAnsweredBehind() const
 {
-    return std::min(m_pace.age(), m_proof.age()) >
-           std::max<qint64>(ChunkPace::wholeGap.count(), probesShare * m_proof.time());
+    return std::min(m_pace.age(), m_proof.age()) > std::max<qint64>(wholeGap.count(), probesShare * m_proof.time());
 }
 
-/// For how long a packet comes again until that cannot be due to a loss.
-std::chrono::milliseconds RelayClient::endlessRepeats() const
+/// Whether the last packet comes again and again, which cannot be due to a loss; and the web server has answered
+/// meanwhile what proves behind it.
+bool RelayClient::areRepeatsEndless() const
 {
-    const std::chrono::milliseconds roundTrips(static_cast<int>(2 * roundTrip()));
-    return std::max(leastRepeats + roundTrips, std::chrono::milliseconds(probesShare * m_proof.time()));
+    const bool isWanted = m_state == State::Receiving;
+    const int copies = isWanted || isLossy() ? mostCopies : mostCopiesInVain;
+    const std::chrono::milliseconds roundTrips(std::llround(2 * roundTrip()));
+    const std::chrono::milliseconds proofs(isWanted ? 0 : probesShare * m_proof.time());
+    return m_repeats.areEndless(copies, std::max((copies - 1) * resendSpacing - tickSpacing + roundTrips, proofs));
 }
 
 bool RelayClient::isLossy() const
@@ -240,8 +250,17 @@ bool RelayClient::isLossy() const
     return m_sinceLoss.isValid() && !m_sinceLoss.hasExpired(lossMemory.count());
 }
 
+/// Whether another peer has lately left the relay waiting for an end of chunks.
+bool RelayClient::isShared() const
+{
+    return m_sinceOthers.isValid() && !m_sinceOthers.hasExpired(othersMemory.count());
+}
+
+/// Behind a whole answer there is something to wait for only where it is not known why the next one does not come.
 std::chrono::milliseconds RelayClient::gapOnThisLine() const
 {
+    if (!m_pace.isAmidChunks() && !m_pace.isRest())
+        return m_isRelayWaiting || isShared() ? wholeGap : ChunkPace::usualGap;
     return m_pace.gap(isLossy(), roundTrip());
 }
 
@@ -444,13 +463,21 @@ void RelayClient::tickProof()
 {
     // Answered and still at the head of the relay's queue: the relay waits for an end that will not come. Nothing that
     // has been asked is unanswered, so that it may forget.
-    if (m_proof.isAnswered() && m_proof.isHeld() && m_sinceSign.hasExpired(patience(ChunkPace::wholeGap))) {
-        m_isSure = m_isRelayWaiting = true;
-        proceed();
-    } else if (isSilent()) {
-        m_isRelayWaiting |= m_isAnswered;
-        proceed();
-    }
+    const bool isUnended =
+        m_proof.isAnswered() && m_proof.isHeld() && m_sinceSign.hasExpired(patience(gapOnThisLine()));
+    if (!isUnended && !isSilent())
+        return;
+    if (m_isAnswered && !m_isRelayWaiting)
+        m_sinceOthers.start();
+    m_isSure |= isUnended;
+    m_isRelayWaiting |= m_isAnswered;
+    proceed();
+}
+
+void RelayClient::expectSlow()
+{
+    m_proof.expectSlow();
+    m_sinceOthers.invalidate();
 }
 
 void RelayClient::fail(Failure failure, const QString &reason)
@@ -532,7 +559,7 @@ void RelayClient::takePacket(const QByteArray &packet)
         m_unanswered = {};
     watchRelay(header, slice);
     m_pace.take(header, slice, gap, m_isRelayWaiting, header.messageId == m_messageId);
-    if ((m_isRelayWaiting || m_state != State::Receiving) && m_repeats.areEndless(endlessRepeats()))
+    if ((m_isRelayWaiting || m_state != State::Receiving) && areRepeatsEndless())
         return endRepeats(header.messageId);
     if (isGivenUp) // a whole one, as above
         m_isLongInVain = header.index == 0 && header.count > mostInVain && slice.startsWith("HTTP/1.") &&
@@ -548,7 +575,7 @@ void RelayClient::takePacket(const QByteArray &packet)
         m_isSure = true;
         m_isRelayWaiting = m_isRestOwed = m_isLost = m_isLongInVain = false;
         // Or another peer has left the relay waiting between the two, so that the second one stays at its head.
-        m_isDoubtful = gap > std::max<qint64>(othersTurn.count(), probeShare * m_proof.time());
+        m_isDoubtful = gap > std::max<qint64>(othersTurn.count(), othersShare * m_proof.time());
         return proceed();
     }
     if (m_state == State::Requesting && isOf(header.messageId, m_look)) {

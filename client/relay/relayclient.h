@@ -66,6 +66,9 @@ public:
     /// What it takes for the beginning of chunks, in these letters and anywhere.
     static constexpr char chunkedField[] = "Transfer-Encoding: chunked";
 
+    /// Tells that what came was the answer to what somebody had asked to prove, and had the relay forget too early.
+    void expectSlow();
+
     /// Whether the network drops IP fragments, so that no response longer than Fragments::longestResponse comes
     /// through.
     bool areFragmentsDropped() const { return m_fragments.areDropped(); }
@@ -108,8 +111,9 @@ private:
     double roundTrip() const;
     bool isBacklog() const;
     bool isAnsweredBehind() const;
-    std::chrono::milliseconds endlessRepeats() const;
+    bool areRepeatsEndless() const;
     bool isLossy() const;
+    bool isShared() const;
     std::chrono::milliseconds gapOnThisLine() const;
     std::chrono::milliseconds onThisLine(std::chrono::milliseconds patience) const;
     void rest();
@@ -134,6 +138,7 @@ private:
     QElapsedTimer m_sinceHeld; // the relay has confirmed the request; invalid: not yet
     QElapsedTimer m_sinceTransmit;
     QElapsedTimer m_sinceSend;     // or since the end of what was sent
+    QElapsedTimer m_sinceOthers;   // left the relay waiting, as far as is known here; invalid: none has
     QElapsedTimer m_sinceSign;     // of an answer to anything of ours
     QElapsedTimer m_sinceReopened; // the path, while an answer is due; invalid: it has not been
     QElapsedTimer m_sinceEcho;     // was asked for

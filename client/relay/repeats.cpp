@@ -12,7 +12,6 @@ namespace
 // is another one, and will come endlessly.
 constexpr std::chrono::milliseconds memory = 30s;
 constexpr int mostSeen = 10000; // more than the relay sends in that time
-constexpr int mostCopies = 5;   // where a third of all confirmations are lost, each sent three times, one in a million
 } // namespace
 
 bool Repeats::take(const QByteArray &packet)
@@ -33,9 +32,9 @@ bool Repeats::take(const QByteArray &packet)
     return isKnown;
 }
 
-bool Repeats::areEndless(std::chrono::milliseconds least) const
+bool Repeats::areEndless(int copies, std::chrono::milliseconds least) const
 {
-    return m_copies >= mostCopies && m_sinceFirst.hasExpired(least.count());
+    return m_copies >= copies && m_sinceFirst.hasExpired(least.count());
 }
 
 void Repeats::forget()

@@ -17,8 +17,8 @@ public:
 
     /// The next packet; it is confirmed each time. True: it came before.
     bool take(const QByteArray &packet);
-    /// Whether it comes again and again for at least so long, which is due to no loss.
-    bool areEndless(std::chrono::milliseconds least) const;
+    /// Whether the last one has come again so often and for so long that it will not stop.
+    bool areEndless(int copies, std::chrono::milliseconds least) const;
     /// The relay has dropped its packets.
     void forget();
 
