@@ -20,6 +20,7 @@ constexpr std::uint32_t longestHead = 64 * 1024;
 constexpr int shortestEnd = 5;          // of chunks: the last one's "0" and two line ends
 constexpr int longestLine = 128 * 1024; // or head; what is not understood before it
 constexpr char helpfulSite[] = "an nginx before the web server helps, as in scripts/nginx-site.conf";
+constexpr char answerBegin[] = "HTTP/1.";
 constexpr int mostForeign = 5;     // answers that are not HTTP, before it is taken for what the web server says
 constexpr int mostBarrenParts = 3; // a read may bring the header alone; so many in a row bring no more the next time
 
@@ -168,6 +169,8 @@ void Exchange::take(const QByteArray &bytes)
     }
     if (m_buffer.size() > longestLine)
         return fail(502, QStringLiteral("the answer is no HTTP response: a line has no end"));
+    if (isForeign())
+        return refuseForeign();
     if (!m_parser->is_header_done() || (!m_isHeadTaken && !takeHead()))
         return;
     takePartsBody();
@@ -177,6 +180,28 @@ void Exchange::take(const QByteArray &bytes)
         endPart();
     else
         emit progressed();
+}
+
+/// Whether another answer is behind the head that came, or behind all of it. Then the first one is to what a nat-peer
+/// asked to prove, and had the relay forget too early, and the second one is the own. A page may begin like an answer,
+/// and is believed the second time, where it is as long as it says.
+bool Exchange::isForeign() const
+{
+    const QByteArray more = m_parser->is_done() ? m_buffer.trimmed() : QByteArray(); // some add a line end to chunks
+    std::string behindHead;
+    if (!m_isHeadTaken)
+        behindHead = boost::beast::buffers_to_string(m_parser->get().body().data()) + more.toStdString();
+    const bool isBehindHead = behindHead.compare(0, sizeof answerBegin - 1, answerBegin) == 0;
+    return more.startsWith(answerBegin) || (isBehindHead && (!more.isEmpty() || m_foreignAnswers == 0));
+}
+
+void Exchange::refuseForeign()
+{
+    m_client->expectSlow();
+    if (m_isHeadTaken || !mayRepeat(m_asked.method()) || m_foreignAnswers >= mostForeign)
+        fail(502, QStringLiteral("more came than the answer to this request, and perhaps that is another's"));
+    else
+        askAgain();
 }
 
 bool Exchange::takeHead()
@@ -250,7 +275,7 @@ void Exchange::endSeries()
         return;
     const bool isHeadAlone = m_parser->is_header_done() && m_isFirst && m_taken == 0 && !hasRanges();
     if (isHeadAlone && !m_parser->chunked() && mayRepeat(m_asked.method()) && m_foreignAnswers == 0) {
-        m_client->expectSlow(); // it is of what a nat-peer asked to prove, perhaps
+        m_client->expectSlow(); // as above, perhaps
         return askAgain();
     }
     if (!m_parser->is_header_done())

@@ -64,6 +64,8 @@ private:
     void beginPart();
     void askAgain();
     void take(const QByteArray &bytes);
+    bool isForeign() const;
+    void refuseForeign();
     bool takeHead();
     bool takeFirstHead(const HttpResponseHead &part);
     bool isContinued(const HttpResponseHead &part) const;
