@@ -282,7 +282,7 @@ void Exchange::endSeries()
         fail(502, QStringLiteral("the response ends within its header"));
     else if (m_parser->chunked())
         fail(502, QStringLiteral("the response is cut short: the relay follows chunks only under \"%1\"")
-                      .arg(QLatin1String(RelayClient::chunkedField)));
+                      .arg(QLatin1String(ChunkPace::chunkedField)));
     else if (m_parser->need_eof())
         fail(502, QStringLiteral("the response does not say how long it is: %1 bytes came, and more may be missing; %2")
                       .arg(m_taken)

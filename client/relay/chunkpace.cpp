@@ -1,7 +1,5 @@
 #include "client/relay/chunkpace.h"
 
-#include "client/relay/relayclient.h"
-
 #include <algorithm>
 #include <cmath>
 #include <utility>
@@ -38,7 +36,7 @@ void ChunkPace::take(const datagram::ResponseHeader &header, const QByteArray &s
         m_pauses.append(gap);
     }
     const bool isBeginning = slice.startsWith("HTTP/1.");
-    const bool isChunked = isBeginning && slice.left(slice.indexOf("\r\n\r\n")).contains(RelayClient::chunkedField);
+    const bool isChunked = isBeginning && slice.left(slice.indexOf("\r\n\r\n")).contains(chunkedField);
     m_sinceLast.start();
     m_isBulk |= header.count > 1;
     m_isFromBeginning = isSame ? m_isFromBeginning : isBeginning;

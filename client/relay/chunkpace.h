@@ -13,6 +13,8 @@
 class ChunkPace
 {
 public:
+    /// What the relay takes for the beginning of chunks, in these letters and anywhere.
+    static constexpr char chunkedField[] = "Transfer-Encoding: chunked";
     /// Between parts of one that follow each other.
     static constexpr std::chrono::milliseconds usualGap{1000};
 

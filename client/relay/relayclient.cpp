@@ -13,8 +13,9 @@
 //   answer came for a minute, or an answer has come and then neither more of it nor the one behind it for longer than
 //   it pauses (ChunkPace): then the web server has most likely closed the link, or what another peer was sent has left
 //   the relay waiting, and that would be for ever. A wrong guess is survived: should the web server only have paused,
-//   the rest that somebody else gets begins in the middle, and he sees that it is no answer and asks again; should it
-//   have been slow to answer what proves, he gets a head that announces more than comes, and asks once more.
+//   the rest that somebody else gets begins in the middle, and should it have been slow to answer what proves, he gets
+//   that in front of his own answer, or a head that announces more than comes: he sees that it is not his, and asks
+//   again.
 // - After anything that leaves a doubt (given up, time-out, broken off, a start) two harmless requests go ahead, HEAD
 //   of a random path. The second one can only be answered when the first has been taken off the queue and its link
 //   closed, whatever answer the first one got. The states the relay can be in, and how each ends:
@@ -42,7 +43,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <ctime>
 #include <utility>
 
@@ -57,21 +57,12 @@ constexpr std::chrono::milliseconds reminder = 5s;         // a relay that was r
 constexpr std::chrono::milliseconds pathPatience = 2500ms; // unconfirmed in five sends, the request has no path
 constexpr std::chrono::milliseconds packetPatience = 2s;   // four sends of the relay that do not come
 constexpr std::chrono::milliseconds reopenedPatience = 1s; // two, on a path that has been opened anew
-constexpr std::chrono::milliseconds lossMemory = 60s;      // after a sign of a line that loses datagrams
-constexpr int lossyPatience = 3;       // times as long there: a packet is five fragments, of which none may be lost
 constexpr auto receiptSpacing = 120ms; // between copies there, as a lost one costs a packet once more
 constexpr int receiptCopies = 2;
-constexpr int mostCopies = 5; // where a third of all confirmations are lost, each sent three times, one in a million
-constexpr int mostCopiesInVain = 3; // of what nobody waits for, on a good line
-constexpr int mostInVain = 3;       // packets of what was given up that cost less than having the relay forget them
+constexpr int mostInVain = 3; // packets of what was given up that cost less than having the relay forget them
 constexpr std::chrono::milliseconds leaveLimit = 3s;
-constexpr std::chrono::milliseconds signLimit = 60s;  // as long as web servers themselves wait for an application
-constexpr std::chrono::milliseconds restLimit = 4s;   // where the link may have been closed amid chunks
-constexpr int probeShare = 3;                         // patience is longer where a HEAD takes more than this part of it
-constexpr int lastShare = 2;                          // or of the last one
-constexpr int probesShare = 2 * probeShare;           // the same for two of them
-constexpr std::chrono::milliseconds wholeGap = 200ms; // behind a whole answer; in it a link that owes another gives it
-constexpr std::chrono::milliseconds othersMemory = 60s;
+constexpr std::chrono::milliseconds signLimit = 60s;    // as long as web servers themselves wait for an application
+constexpr std::chrono::milliseconds restLimit = 4s;     // where the link may have been closed amid chunks
 constexpr std::chrono::milliseconds othersTurn = 300ms; // in less nobody can have left the relay waiting: its silence
 constexpr int othersShare = 2;                          // is waited for, 400 ms or three HEADs
 constexpr std::chrono::milliseconds backgroundLimit = 120s;
@@ -106,9 +97,8 @@ QByteArray padding()
 
 RelayClient::RelayClient(BoxPath *path, QString uuid, QString boxUuid, int timeout, QObject *parent)
     : QObject(parent), m_path(path), m_uuid(std::move(uuid)), m_boxUuid(std::move(boxUuid)), m_timeout(timeout),
-      m_proof([this](const QByteArray &http) { return request(http); })
+      m_proof([this](const QByteArray &http) { return request(http); }), m_signs(path, &m_proof)
 {
-    m_sinceSign.start(); // a peer of the same name may have been at work until now
     m_resend.setInterval(tickSpacing);
     connect(&m_resend, &QTimer::timeout, this, &RelayClient::tick);
     m_receipts.setInterval(receiptSpacing);
@@ -177,7 +167,7 @@ void RelayClient::send(const QByteArray &httpRequest, Kind kind)
 void RelayClient::proceed()
 {
     const bool isHopeless = !m_isSure && (m_isLost || isSilent());
-    if (!m_isCleared && (isHopeless || (m_isSure && (m_isRelayWaiting || m_isLeaving))))
+    if (!m_isCleared && (isHopeless || (m_isSure && (m_signs.isRelayWaiting() || m_isLeaving))))
         enter(State::Clearing);
     else if (m_isLeaving && (m_isSure || m_isCleared))
         emit left();
@@ -204,69 +194,10 @@ void RelayClient::refuse(Failure failure, const QString &reason)
     emit failed(failure, reason);
 }
 
-/// Whether the relay gave no sign of an answer for so long that there will be none.
+/// Whether there will be no answer any more.
 bool RelayClient::isSilent() const
 {
-    const qint64 untilFirst = m_isRestOwed ? patience(restLimit) : signLimit.count();
-    return m_sinceSign.hasExpired(m_isAnswered ? patience(gapOnThisLine()) : untilFirst);
-}
-
-qint64 RelayClient::patience(std::chrono::milliseconds least) const
-{
-    const qint64 last = isShared() ? 0 : lastShare * m_proof.lastTime();
-    return std::max<qint64>({onThisLine(least).count(), probeShare * m_proof.time(), last});
-}
-
-/// In ms; 0 while that is not known.
-double RelayClient::roundTrip() const
-{
-    return m_path->record().roundTrip().value_or(0);
-}
-
-bool RelayClient::isBacklog() const
-{
-    return m_pace.isBacklog(roundTrip());
-}
-
-/// Whether the web server has answered the two that prove, most likely, behind what the relay still delivers.
-bool RelayClient::isAnsweredBehind() const
-{
-    return std::min(m_pace.age(), m_proof.age()) > std::max<qint64>(wholeGap.count(), probesShare * m_proof.time());
-}
-
-/// Whether the last packet comes again and again, which cannot be due to a loss; and the web server has answered
-/// meanwhile what proves behind it.
-bool RelayClient::areRepeatsEndless() const
-{
-    const bool isWanted = m_state == State::Receiving;
-    const int copies = isWanted || isLossy() ? mostCopies : mostCopiesInVain;
-    const std::chrono::milliseconds roundTrips(std::llround(2 * roundTrip()));
-    const std::chrono::milliseconds proofs(isWanted ? 0 : probesShare * m_proof.time());
-    return m_repeats.areEndless(copies, std::max((copies - 1) * resendSpacing - tickSpacing + roundTrips, proofs));
-}
-
-bool RelayClient::isLossy() const
-{
-    return m_sinceLoss.isValid() && !m_sinceLoss.hasExpired(lossMemory.count());
-}
-
-/// Whether another peer has lately left the relay waiting for an end of chunks.
-bool RelayClient::isShared() const
-{
-    return m_sinceOthers.isValid() && !m_sinceOthers.hasExpired(othersMemory.count());
-}
-
-/// Behind a whole answer there is something to wait for only where it is not known why the next one does not come.
-std::chrono::milliseconds RelayClient::gapOnThisLine() const
-{
-    if (!m_pace.isAmidChunks() && !m_pace.isRest())
-        return m_isRelayWaiting || isShared() ? wholeGap : ChunkPace::usualGap;
-    return m_pace.gap(isLossy(), roundTrip());
-}
-
-std::chrono::milliseconds RelayClient::onThisLine(std::chrono::milliseconds patience) const
-{
-    return patience * (isLossy() ? lossyPatience : 1);
+    return m_signs.isSilent(m_isRestOwed ? m_signs.patience(restLimit) : signLimit);
 }
 
 bool RelayClient::isBefore() const
@@ -284,13 +215,10 @@ void RelayClient::abandon()
     if (m_isAsked) { // what has not been sent leaves no doubt behind
         m_isSure = false;
         if (m_state != State::Receiving) {
-            m_isAnswered = false;
-            m_sinceSign.start();
+            m_signs.startSilence();
         }
     }
-    // The relay has read all of it that it ever will, and closed the link, or the web server is done.
-    const bool isWhole = !m_isInChunks && !m_isRelayWaiting && !m_pace.isRest();
-    m_isLost |= m_state == State::Receiving && (isWhole || isBacklog());
+    m_isLost |= m_state == State::Receiving && (m_signs.isWhole() || m_signs.isBacklog());
     if (m_state == State::Requesting && !m_hasReopened)
         m_unanswered = {m_messageId, m_sinceHeld};
     rest();
@@ -366,15 +294,16 @@ void RelayClient::tick()
     const auto isStuck = [this](std::chrono::milliseconds time) { return m_sinceProgress.hasExpired(time.count()); };
     if (m_state == State::Opening)
         return; // the path has its own limit
-    if (m_state == State::Receiving && m_isRelayWaiting && !m_isInChunks && m_isAnswered &&
-        isStuck(onThisLine(ChunkPace::usualGap))) {
-        m_isRelayWaiting = false; // another peer's chunks have come to their end, and the relay has gone on
+    if (m_state == State::Receiving && m_signs.isRelayWaiting() && !m_signs.isInChunks() && m_signs.isAnswered() &&
+        isStuck(m_signs.onThisLine(ChunkPace::usualGap))) {
+        m_signs.setRelayWaiting(false); // another peer's chunks have come to their end, and the relay has gone on
         m_isDoubtful = true;
         return emit seriesEnded();
     }
     if (endLongPause())
         return;
-    if (m_state == State::Receiving && m_series.isUnderWay() && isStuck(onThisLine(packetPatience)) && !tickPath())
+    if (m_state == State::Receiving && m_series.isUnderWay() && isStuck(m_signs.onThisLine(packetPatience)) &&
+        !tickPath())
         return;
     if (m_state == State::Requesting && m_sinceHeld.isValid() && !tickHeld())
         return;
@@ -424,7 +353,7 @@ bool RelayClient::tickPath()
     if (!m_hasReopened) {
         m_hasReopened = true;
         m_path->open();
-    } else if (m_sinceReopened.isValid() && m_sinceReopened.hasExpired(onThisLine(reopenedPatience).count())) {
+    } else if (m_sinceReopened.isValid() && m_sinceReopened.hasExpired(m_signs.onThisLine(reopenedPatience).count())) {
         m_isLost = true;
         fail(Failure::CutShort, QStringLiteral("the response is cut short, the network has changed"));
         return false;
@@ -438,11 +367,11 @@ bool RelayClient::tickPath()
 bool RelayClient::tickHeld()
 {
     const auto isUnheardFor = [this](std::chrono::milliseconds time) {
-        return m_path->sinceHeard() > onThisLine(time).count();
+        return m_path->sinceHeard() > m_signs.onThisLine(time).count();
     };
     if (m_hasReopened) {
         const bool isLost = m_kind.isPart && m_sinceReopened.isValid() &&
-                            m_sinceReopened.hasExpired(onThisLine(packetPatience).count());
+                            m_sinceReopened.hasExpired(m_signs.onThisLine(packetPatience).count());
         m_isLost |= isLost;
         if (isLost)
             fail(Failure::CutShort, QStringLiteral("the answer was lost, the network has changed"));
@@ -463,21 +392,21 @@ void RelayClient::tickProof()
 {
     // Answered and still at the head of the relay's queue: the relay waits for an end that will not come. Nothing that
     // has been asked is unanswered, so that it may forget.
-    const bool isUnended =
-        m_proof.isAnswered() && m_proof.isHeld() && m_sinceSign.hasExpired(patience(gapOnThisLine()));
-    if (!isUnended && !isSilent())
+    if (!isSilent())
         return;
-    if (m_isAnswered && !m_isRelayWaiting)
-        m_sinceOthers.start();
-    m_isSure |= isUnended;
-    m_isRelayWaiting |= m_isAnswered;
+    if (m_signs.isAnswered()) {
+        m_isSure = m_proof.isAnswered() && m_proof.isHeld();
+        if (!m_signs.isRelayWaiting())
+            m_signs.noteOthers();
+        m_signs.setRelayWaiting(true);
+    }
     proceed();
 }
 
 void RelayClient::expectSlow()
 {
     m_proof.expectSlow();
-    m_sinceOthers.invalidate();
+    m_signs.forgetOthers();
 }
 
 void RelayClient::fail(Failure failure, const QString &reason)
@@ -493,11 +422,10 @@ void RelayClient::take(const QByteArray &data)
         noteHeard();
         m_isCleared = true;
         m_isLost = m_isLongInVain = false;
-        m_isRestOwed = m_isAnswered && ((m_pace.isAmidChunks() && !isBacklog()) || m_pace.isRest());
-        m_repeats.forget();
+        m_isRestOwed = m_signs.isRestOwed();
+        m_signs.forgetRepeats();
+        m_signs.startSilence();
         m_unanswered = {};
-        m_isAnswered = false;
-        m_sinceSign.start();
         proceed();
     } else if (kind == DatagramKind::Confirmation) {
         m_fragments.takeConfirmation(data);
@@ -512,7 +440,7 @@ void RelayClient::take(const QByteArray &data)
 void RelayClient::noteHeard()
 {
     if (m_copies > 1 && !m_hasReopened)
-        m_sinceLoss.start();
+        m_signs.noteLoss();
     m_copies = 0;
 }
 
@@ -546,36 +474,35 @@ void RelayClient::takePacket(const QByteArray &packet)
     m_path->send(m_receipt);
     takeConfirmation(header.messageId); // which may have been lost
     if (m_state == State::Receiving && m_series.isUnderWay() && m_sinceProgress.hasExpired(resendSpacing.count()))
-        m_sinceLoss.start();
-    if (isLossy())
+        m_signs.noteLoss();
+    if (m_signs.isLossy())
         m_receipts.start();
 
-    m_isAnswered = header.index + 1 == header.count;
-    const qint64 gap = m_sinceSign.restart();
-    const bool isRepeated = m_repeats.take(packet);
+    m_signs.take(packet, header, slice, header.messageId == m_messageId, m_state == State::Receiving);
     m_fragments.takeSize(packet.size());
     const bool isGivenUp = header.messageId == m_unanswered.messageId;
     if (isGivenUp)
         m_unanswered = {};
-    watchRelay(header, slice);
-    m_pace.take(header, slice, gap, m_isRelayWaiting, header.messageId == m_messageId);
-    if ((m_isRelayWaiting || m_state != State::Receiving) && areRepeatsEndless())
+    const bool isWanted = m_state == State::Receiving;
+    if ((m_signs.isRelayWaiting() || !isWanted) && m_signs.areRepeatsEndless(isWanted))
         return endRepeats(header.messageId);
     if (isGivenUp) // a whole one, as above
         m_isLongInVain = header.index == 0 && header.count > mostInVain && slice.startsWith("HTTP/1.") &&
-                         !m_isInChunks && !m_isRelayWaiting;
-    if (m_state == State::Proving && !m_isLost && isAnsweredBehind() && (m_isLongInVain || isBacklog())) {
+                         !m_signs.isInChunks() && !m_signs.isRelayWaiting();
+    if (m_state == State::Proving && !m_isLost && m_signs.isAnsweredBehind() &&
+        (m_isLongInVain || m_signs.isBacklog())) {
         m_isLost = true;
         return proceed();
     }
-    if (m_state == State::Proving && m_proof.takePacket(header, slice, gap)) {
+    if (m_state == State::Proving && m_proof.takePacket(header, slice, m_signs.gap())) {
         checkUnanswered();
         m_fragments.goOn();
-        m_pace.forgetPauses();
+        m_signs.forgetPauses();
+        m_signs.setRelayWaiting(false);
         m_isSure = true;
-        m_isRelayWaiting = m_isRestOwed = m_isLost = m_isLongInVain = false;
+        m_isRestOwed = m_isLost = m_isLongInVain = false;
         // Or another peer has left the relay waiting between the two, so that the second one stays at its head.
-        m_isDoubtful = gap > std::max<qint64>(othersTurn.count(), othersShare * m_proof.time());
+        m_isDoubtful = m_signs.gap() > std::max<qint64>(othersTurn.count(), othersShare * m_proof.time());
         return proceed();
     }
     if (m_state == State::Requesting && isOf(header.messageId, m_look)) {
@@ -593,15 +520,15 @@ void RelayClient::takePacket(const QByteArray &packet)
     const bool isExpected = m_state == State::Requesting || m_state == State::Receiving;
     if (!isExpected || header.messageId != m_messageId)
         return;
-    if (isRepeated) {
+    if (m_signs.isRepeated()) {
         m_traffic.repeats++;
-        m_sinceLoss.start();
+        m_signs.noteLoss();
         return;
     }
     if (endLongPause())
         return;
     // Meanwhile another peer may have left the relay waiting for an end: then this request stays at its head.
-    m_isDoubtful |= m_state == State::Requesting && gap > othersTurn.count();
+    m_isDoubtful |= m_state == State::Requesting && m_signs.gap() > othersTurn.count();
     m_state = State::Receiving;
     m_hasReopened = false;
     m_sinceReopened.invalidate();
@@ -610,20 +537,6 @@ void RelayClient::takePacket(const QByteArray &packet)
     m_traffic.packets++;
     m_traffic.bytes += slice.size();
     takeSlice(header, slice);
-}
-
-/// What the relay makes of each of its reads, whomever it is for: it looks for the beginning of chunks anywhere in it,
-/// and for their end in its last seven bytes, whatever the response really is.
-void RelayClient::watchRelay(const datagram::ResponseHeader &header, const QByteArray &slice)
-{
-    constexpr int endReach = 7;
-    const QByteArray seen = (header.index == 0 ? QByteArray() : m_tail) + slice;
-    const bool isBeginning = seen.contains(chunkedField);
-    m_isInChunks = isBeginning || (m_isInChunks && m_state == State::Receiving);
-    m_isRelayWaiting |= isBeginning;
-    if (header.index + 1 == header.count && seen.right(endReach).contains("0\r\n\r\n"))
-        m_isRelayWaiting = false;
-    m_tail = seen.right(static_cast<int>(sizeof chunkedField) - 2);
 }
 
 /// A later request has been answered, so that the relay has nothing any more for the one that was given up.
@@ -638,8 +551,8 @@ void RelayClient::checkUnanswered()
 /// the web server, and only the rest of the chunks is owed.
 void RelayClient::endRepeats(quint16 messageId)
 {
-    m_repeats.forget();
-    m_sinceLoss.invalidate(); // that was none
+    m_signs.forgetRepeats();
+    m_signs.forgetLoss(); // that was none
     if (m_state == State::Receiving && messageId == m_messageId) {
         m_isLost = true;
         fail(Failure::CutShort,

@@ -1,10 +1,9 @@
 #pragma once
 
-#include "client/relay/chunkpace.h"
 #include "client/relay/fragments.h"
 #include "client/relay/packetseries.h"
 #include "client/relay/proof.h"
-#include "client/relay/repeats.h"
+#include "client/relay/relaysigns.h"
 #include "protocol/datagram.h"
 
 #include <QByteArray>
@@ -62,10 +61,7 @@ public:
 
     /// Whether the relay waits for the end of a chunked response, as far as is known here: with it, and not before, it
     /// goes on to the next request.
-    bool isRelayWaiting() const { return m_isRelayWaiting; }
-    /// What it takes for the beginning of chunks, in these letters and anywhere.
-    static constexpr char chunkedField[] = "Transfer-Encoding: chunked";
-
+    bool isRelayWaiting() const { return m_signs.isRelayWaiting(); }
     /// Tells that what came was the answer to what somebody had asked to prove, and had the relay forget too early.
     void expectSlow();
 
@@ -96,7 +92,6 @@ private:
     void noteHeard();
     void takeConfirmation(quint16 messageId);
     void takePacket(const QByteArray &packet);
-    void watchRelay(const datagram::ResponseHeader &header, const QByteArray &slice);
     void endRepeats(quint16 messageId);
     bool endLongPause();
     void takeSlice(const datagram::ResponseHeader &header, const QByteArray &slice);
@@ -107,15 +102,6 @@ private:
     void checkUnanswered();
     bool isSilent() const;
     bool isBefore() const;
-    qint64 patience(std::chrono::milliseconds least) const;
-    double roundTrip() const;
-    bool isBacklog() const;
-    bool isAnsweredBehind() const;
-    bool areRepeatsEndless() const;
-    bool isLossy() const;
-    bool isShared() const;
-    std::chrono::milliseconds gapOnThisLine() const;
-    std::chrono::milliseconds onThisLine(std::chrono::milliseconds patience) const;
     void rest();
     void enter(State state);
     void proceed();
@@ -132,27 +118,20 @@ private:
     QTimer m_receipts;
     QByteArray m_receipt; // of the relay's last packet
     int m_receiptsSent = 0;
-    int m_copies = 0;          // sent of what the relay is to hear
-    QElapsedTimer m_sinceLoss; // of a datagram, as far as is known here; invalid: none was
+    int m_copies = 0; // sent of what the relay is to hear
     QElapsedTimer m_sinceProgress;
     QElapsedTimer m_sinceHeld; // the relay has confirmed the request; invalid: not yet
     QElapsedTimer m_sinceTransmit;
     QElapsedTimer m_sinceSend;     // or since the end of what was sent
-    QElapsedTimer m_sinceOthers;   // left the relay waiting, as far as is known here; invalid: none has
-    QElapsedTimer m_sinceSign;     // of an answer to anything of ours
     QElapsedTimer m_sinceReopened; // the path, while an answer is due; invalid: it has not been
     QElapsedTimer m_sinceEcho;     // was asked for
     qint64 m_partTime = 0;         // when the last part of the response came
     State m_state = State::Idle;
-    bool m_isSure = false;         // the web server owes this peer nothing but the answer to the present request
-    bool m_isRelayWaiting = false; // for the end of chunks
-    bool m_isInChunks = false;     // the present response, for the relay
-    QByteArray m_tail;             // the last bytes of the relay's present read
-    bool m_isDoubtful = false;     // whether it does so for another peer
-    bool m_isAnswered = false;     // the relay's last packet for this peer was the end of one of its reads
-    bool m_isRestOwed = false;     // of chunks, on the link that what proves is written to, and then it may be closed
-    bool m_isLongInVain = false;   // what the relay delivers at present, to nobody
-    bool m_isLost = false;         // what the relay sends this peer at present
+    bool m_isSure = false;       // the web server owes this peer nothing but the answer to the present request
+    bool m_isDoubtful = false;   // whether it does so for another peer
+    bool m_isRestOwed = false;   // of chunks, on the link that what proves is written to, and then it may be closed
+    bool m_isLongInVain = false; // what the relay delivers at present, to nobody
+    bool m_isLost = false;       // what the relay sends this peer at present
     bool m_hasRequest = false;
     bool m_isAsked = false;   // the present request may be at the web server
     bool m_isCleared = false; // nothing has been asked since the relay was told to forget
@@ -169,8 +148,7 @@ private:
     } m_unanswered;              // request, given up before any of its answer came
     Fragments m_fragments;
     Proof m_proof;
-    ChunkPace m_pace;
+    RelaySigns m_signs;
     PacketSeries m_series;
-    Repeats m_repeats;
     Traffic m_traffic;
 };
