@@ -12,6 +12,7 @@ namespace
 {
 constexpr qint64 longestTime = 1500; // what took longer has waited behind others, most likely
 constexpr int mostTimes = 7;
+constexpr int fewTimes = 4;
 } // namespace
 
 QByteArray harmlessRequest(const QByteArray &fields)
@@ -66,6 +67,11 @@ bool Proof::takePacket(const datagram::ResponseHeader &header, const QByteArray 
         m_times.removeFirst();
     m_isAnswered = isHead;
     return isOfSecond;
+}
+
+qint64 Proof::lastTime() const
+{
+    return m_times.size() < fewTimes ? m_lastTime : 0;
 }
 
 void Proof::expectSlow()

@@ -36,8 +36,8 @@ public:
     qint64 age() const { return m_sinceBegin.elapsed(); }
     /// How long the web server usually needs for one, in ms; until one has been answered, that is a guess.
     qint64 time() const;
-    /// How long it needed for the last one, at most: that may have waited behind others.
-    qint64 lastTime() const { return m_lastTime; }
+    /// How long it needed for the last one, at most, as that may have waited behind others; 0 once more is known.
+    qint64 lastTime() const;
     /// Somebody was not patient enough: for a while that is taken to be long.
     void expectSlow();
 
