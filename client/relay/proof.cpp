@@ -83,7 +83,6 @@ void Proof::expectSlow()
 qint64 Proof::time() const
 {
     QVector<qint64> times = m_times;
-    const auto wanted = times.begin() + times.size() / 4;
-    std::nth_element(times.begin(), wanted, times.end());
-    return *wanted;
+    std::sort(times.begin(), times.end());
+    return times.at(times.size() / 4);
 }
