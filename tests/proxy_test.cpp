@@ -306,8 +306,9 @@ private slots:
         web.answer(ok + "0\r\n\r\n");
         QVERIFY(body(answer(client)).isEmpty());
         const QByteArray foreign = "HTTP/1.1 404 Not Found\r\nContent-Length: "; // to somebody else's harmless request
-        for (const QByteArray &head : {foreign + "9\r\n\r\n", foreign + "9\r\n\r\n" + ok + "3\r\n\r\nown",
-                                       foreign + "99\r\n\r\n" + ok + "3\r\n\r\nown", foreign + "0\r\n\r\n" + ok}) {
+        for (const QByteArray &head :
+             {QByteArray("HTTP/1.1 200 OK\r\n"), foreign + "9\r\n\r\n", foreign + "9\r\n\r\n" + ok + "3\r\n\r\nown",
+              foreign + "99\r\n\r\n" + ok + "3\r\n\r\nown", foreign + "0\r\n\r\n" + ok}) {
             client = get("/foreign");
             QVERIFY(request(web, "GET /foreign ").startsWith("GET /foreign "));
             web.answer(head);

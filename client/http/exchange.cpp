@@ -273,9 +273,9 @@ void Exchange::endSeries()
 {
     if (!m_isRunning || m_client->isRelayWaiting())
         return;
-    const bool isHeadAlone = m_parser->is_header_done() && m_isFirst && m_taken == 0 && !hasRanges();
-    if (isHeadAlone && !m_parser->chunked() && mayRepeat(m_asked.method()) && m_foreignAnswers == 0) {
-        m_client->expectSlow(); // as above, perhaps
+    const bool isBarren = m_isFirst && m_taken == 0 && !hasRanges() && !m_parser->chunked();
+    if (isBarren && mayRepeat(m_asked.method()) && m_foreignAnswers == 0) {
+        m_client->expectSlow(); // the head is foreign, perhaps, or the relay's first read came too early
         return askAgain();
     }
     if (!m_parser->is_header_done())

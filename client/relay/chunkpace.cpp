@@ -11,7 +11,7 @@ namespace
 constexpr std::chrono::milliseconds leastGap = 400ms; // amid our own chunks, where something is known of their pauses
 constexpr double usualPause = 2.5;                    // times the longest one until now, if that is longer
 constexpr double regularPause = 1.5;                  // the same where all of them are much alike
-constexpr int leastRegular = 2;
+constexpr int leastPauses = 2;                        // from which to guess
 constexpr std::chrono::milliseconds mostPause = 10s;
 constexpr std::chrono::milliseconds backlogTime = 500ms; // in which web servers on the same machine write any page
 constexpr double noPause = 60;                           // ms beside a round trip; a turn of the relay is ten
@@ -55,10 +55,10 @@ std::chrono::milliseconds ChunkPace::gap(bool isLossy, double roundTrip) const
 {
     const auto longest = static_cast<double>(m_longestPause);
     const bool isRegular =
-        m_pauseCount >= leastRegular && longest <= regularPause * static_cast<double>(m_shortestPause);
+        m_pauseCount >= leastPauses && longest <= regularPause * static_cast<double>(m_shortestPause);
     const auto usual = std::chrono::milliseconds(std::llround((isRegular ? regularPause : usualPause) * longest));
     const auto pause = std::min(usual, mostPause);
-    const bool isUnknown = m_pauseCount == 0 && !m_isBulk;
+    const bool isUnknown = m_pauseCount < leastPauses && !m_isBulk; // the first part follows on the head at once
     if (isLossy || m_isRest || isUnknown)
         return std::max(usualGap, pause);
     return std::max(pause, std::min(usualGap, leastGap + std::chrono::milliseconds(static_cast<int>(roundTrip))));
