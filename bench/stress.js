@@ -126,7 +126,7 @@ function randomPath() {
 
 async function browse() {
     const times = [];
-    let pages = 0, failed = 0, late = 0;
+    let pages = 0, unmet = 0, failed = 0, late = 0;
     for (let sequence = 0; sequence < Number(sequences); sequence++) {
         const story = ports.map(() => '');
         await Promise.all(ports.map(async (port, peer) => {
@@ -136,7 +136,9 @@ async function browse() {
                 const giveUpAfter = isWanted ? undefined : random([100, 1000, 4000][random(3)]);
                 const begin = Date.now();
                 const result = await ask(port, path, giveUpAfter);
-                story[peer] += `  ${peer + 1} ${path} ${isWanted ? 'wanted' : `given up after ${giveUpAfter}`}: ${result}, ${Date.now() - begin} ms\n`;
+                const isUnmet = isWanted && result !== '200 whole' && !/broken|ticks|events/.test(path);
+                unmet += isUnmet;
+                story[peer] += `  ${peer + 1} ${path} ${isUnmet ? 'UNMET, ' : ''}${isWanted ? 'wanted' : `given up after ${giveUpAfter}`}: ${result}, ${Date.now() - begin} ms\n`;
             }
         }));
         await Promise.all(ports.map(async (port, peer) => {
@@ -155,9 +157,9 @@ async function browse() {
         process.stdout.write(`${new Date().toISOString()} sequence ${sequence}\n${story.join('')}`);
     }
     times.sort((one, other) => one - other);
-    console.error(`${server}, peers: ${ports.length}: ${sequences} sequences, ${pages} pages, ${wrong} wrong; next page: ` +
+    console.error(`${server}, peers: ${ports.length}: ${sequences} sequences, ${pages} pages, ${wrong} wrong, ${unmet} unmet; next page: ` +
         `${failed} of ${times.length} failed, ${late} late, median ${times[times.length >> 1]} ms, worst ${times[times.length - 1]} ms`);
-    process.exit(wrong + failed > 0 ? 1 : 0);
+    process.exit(wrong + unmet + failed > 0 ? 1 : 0);
 }
 
 function awaitPort(port, tries = 100) {

@@ -174,6 +174,16 @@ private slots:
         QVERIFY(awaitLog([this] { return log.contains("Queue size: 3"); }));
         const QByteArray got = answer(getByOther("/whole3")); // is next where they are forgotten
         QVERIFY2(body(got) == Site::page("/whole3"), got.left(500));
+        const auto broken = getByOther("/broken-slow"); // leaves the relay waiting, so that the own answer stays at its head
+        QVERIFY(QTest::qWaitFor([&] { return broken->bytesAvailable() > 0; }, 15000));
+        log.clear();
+        const auto own = get("/whole4");
+        QVERIFY(awaitLog([this] { return log.contains("Queue size: 2"); }));
+        broken->abort();
+        QVERIFY(body(answer(own)) == Site::page("/whole4"));
+        QElapsedTimer sinceOwn;
+        sinceOwn.start();
+        QVERIFY(body(answer(get("/whole5"))) == Site::page("/whole5") && sinceOwn.elapsed() < 8000);
     }
 
     void silenceIsMeasuredByThePausesBefore()

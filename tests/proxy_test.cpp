@@ -292,7 +292,11 @@ private slots:
         QVERIFY(request(web).startsWith("GET /a%20b "));
         const auto picture = ask("GET /picture HTTP/1.0\r\nAccept: image/png\r\n\r\n");
         web.answer(ok + "5\r\n\r\n");
-        QVERIFY(request(web).contains("\r\nRange: bytes=0-4\r\n"));
+        const QByteArray foreign = "HTTP/1.1 404 Not Found\r\nContent-Length: "; // to somebody else's harmless request
+        for (const QByteArray &head : {foreign + "9\r\n\r\n", QByteArray()}) {
+            QVERIFY(request(web, "GET /a%20b ").contains("\r\nRange: bytes=0-4\r\n"));
+            web.answer(head);
+        }
         web.answer("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-4/5\r\nContent-Length: 5\r\n\r\nwhole");
         QCOMPARE(body(answer(client)), "whole");
         QVERIFY(request(web).startsWith("GET /picture "));
@@ -305,16 +309,17 @@ private slots:
         QVERIFY(QTest::qWaitFor([&] { return isTold("GET /picture: the client went away; "); }, 5000));
         web.answer(ok + "0\r\n\r\n");
         QVERIFY(body(answer(client)).isEmpty());
-        const QByteArray foreign = "HTTP/1.1 404 Not Found\r\nContent-Length: "; // to somebody else's harmless request
-        for (const QByteArray &head :
-             {QByteArray("HTTP/1.1 200 OK\r\n"), foreign + "9\r\n\r\n", foreign + "9\r\n\r\n" + ok + "3\r\n\r\nown",
-              foreign + "99\r\n\r\n" + ok + "3\r\n\r\nown", foreign + "0\r\n\r\n" + ok}) {
-            client = get("/foreign");
+        const QByteArray page = "a page that is longer";
+        const QByteArray chunked =
+            "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + QByteArray::number(page.size(), 16) + "\r\n" + page + "\r\n0\r\n\r\n";
+        for (const QByteArray &head : {QByteArray("HTTP/1.1 200 OK\r\n"), foreign + "9\r\n\r\n", foreign + "9\r\n\r\n" + chunked,
+                                       foreign + "99\r\n\r\n" + ok + "3\r\n\r\nown", foreign + "0\r\n\r\n" + ok}) {
+            client = ask("GET /foreign HTTP/1.0\r\n\r\n");
             QVERIFY(request(web, "GET /foreign ").startsWith("GET /foreign "));
             web.answer(head);
             QVERIFY(request(web, "GET /foreign ").startsWith("GET /foreign "));
-            web.answer(ok + "3\r\n\r\nown");
-            QCOMPARE(body(answer(client)), "own");
+            web.answer(chunked);
+            QCOMPARE(body(answer(client)), page);
         }
         client = get("/like"); // a page that begins like an answer is believed the second time
         for (int time = 0; time < 2; time++) {
@@ -322,14 +327,16 @@ private slots:
             web.answer(ok + "8\r\n\r\nHTTP/1.1");
         }
         QCOMPARE(body(answer(client)), "HTTP/1.1");
-        client = ask("POST /foreign HTTP/1.0\r\nContent-Length: 1\r\n\r\nx");
-        QVERIFY(request(web, "POST ").startsWith("POST "));
-        web.answer(ok + "3\r\n\r\nown" + ok + "3\r\n\r\nown");
-        QVERIFY(answer(client).startsWith("HTTP/1.1 502 "));
+        for (const auto &[behind, status] : {std::pair("", "HTTP/1.1 200 "), std::pair("HTTP/1.1 200 OK\r\n", "HTTP/1.1 502 ")}) {
+            client = ask("POST /like HTTP/1.0\r\nContent-Length: 1\r\n\r\nx"); // which must not be asked for twice
+            QVERIFY(request(web, "POST ").startsWith("POST "));
+            web.answer(ok + "8\r\n\r\nHTTP/1.1" + behind);
+            QVERIFY(answer(client).startsWith(status));
+        }
         // The relay takes this page for a beginning of chunks, and does not know its end: the next requests must all the
         // same be answered.
-        const QByteArray page = QByteArray(9000, 'x') + "Transfer-Encoding: chunked" + QByteArray(9000, 'x');
-        for (const QByteArray &text : {page, QByteArray("first"), QByteArray("second")}) {
+        const QByteArray like = QByteArray(9000, 'x') + "Transfer-Encoding: chunked" + QByteArray(9000, 'x');
+        for (const QByteArray &text : {like, QByteArray("first"), QByteArray("second")}) {
             client = get("/page");
             QVERIFY(request(web).contains("GET /page "));
             web.answer(ok + QByteArray::number(text.size()) + "\r\n\r\n" + text);

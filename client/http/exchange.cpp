@@ -8,6 +8,7 @@
 #include <boost/beast/http/write.hpp>
 
 #include <algorithm>
+#include <array>
 #include <limits>
 #include <sstream>
 #include <utility>
@@ -20,6 +21,7 @@ constexpr std::uint32_t longestHead = 64 * 1024;
 constexpr int shortestEnd = 5;          // of chunks: the last one's "0" and two line ends
 constexpr int longestLine = 128 * 1024; // or head; what is not understood before it
 constexpr char helpfulSite[] = "an nginx before the web server helps, as in scripts/nginx-site.conf";
+constexpr unsigned firstError = 400;
 constexpr char answerBegin[] = "HTTP/1.";
 constexpr int mostForeign = 5;     // answers that are not HTTP, before it is taken for what the web server says
 constexpr int mostBarrenParts = 3; // a read may bring the header alone; so many in a row bring no more the next time
@@ -29,9 +31,11 @@ bool isEventStream(const HttpResponseHead &head)
     return toByteArray(head[http::field::content_type]).toLower().startsWith("text/event-stream");
 }
 
-bool mayRepeat(http::verb method) // RFC 9110, 9.2.2
+bool mayRepeat(http::verb method) // RFC 9110, 9.2.2; RFC 4918, 9
 {
-    return method != http::verb::post && method != http::verb::patch && method != http::verb::unknown;
+    constexpr std::array idempotent{http::verb::get,     http::verb::head,  http::verb::put,      http::verb::delete_,
+                                    http::verb::options, http::verb::trace, http::verb::propfind, http::verb::mkcol};
+    return std::find(idempotent.begin(), idempotent.end(), method) != idempotent.end();
 }
 } // namespace
 
@@ -64,7 +68,7 @@ void Exchange::start(const HttpRequest &request)
     m_small.reset();
     m_length.reset();
     m_start = m_taken = m_takenBefore = 0;
-    m_barrenParts = m_foreignAnswers = 0;
+    m_barrenParts = m_foreignAnswers = m_doubtfulAnswers = 0;
     m_body.clear();
     m_trafficBefore = {};
     send(request);
@@ -133,6 +137,8 @@ RelayClient::Traffic Exchange::traffic() const
 void Exchange::askAgain()
 {
     m_foreignAnswers++;
+    if (m_isFirst)
+        m_length.reset();
     rest();
     m_client->abandon();
     send(HttpRequest(m_asked));
@@ -170,7 +176,7 @@ void Exchange::take(const QByteArray &bytes)
     if (m_buffer.size() > longestLine)
         return fail(502, QStringLiteral("the answer is no HTTP response: a line has no end"));
     if (isForeign())
-        return refuseForeign();
+        return refuseForeign(!m_isHeadTaken);
     if (!m_parser->is_header_done() || (!m_isHeadTaken && !takeHead()))
         return;
     takePartsBody();
@@ -192,16 +198,19 @@ bool Exchange::isForeign() const
     if (!m_isHeadTaken)
         behindHead = boost::beast::buffers_to_string(m_parser->get().body().data()) + more.toStdString();
     const bool isBehindHead = behindHead.compare(0, sizeof answerBegin - 1, answerBegin) == 0;
-    return more.startsWith(answerBegin) || (isBehindHead && (!more.isEmpty() || m_foreignAnswers == 0));
+    return more.startsWith(answerBegin) ||
+           (isBehindHead && (!more.isEmpty() || (m_doubtfulAnswers == 0 && mayRepeat(m_asked.method()))));
 }
 
-void Exchange::refuseForeign()
+/// `isNothingOut`: the client has got none of it.
+void Exchange::refuseForeign(bool isNothingOut)
 {
     m_client->expectSlow();
-    if (m_isHeadTaken || !mayRepeat(m_asked.method()) || m_foreignAnswers >= mostForeign)
-        fail(502, QStringLiteral("more came than the answer to this request, and perhaps that is another's"));
-    else
+    m_doubtfulAnswers++;
+    if (isNothingOut && mayRepeat(m_asked.method()) && m_foreignAnswers < mostForeign)
         askAgain();
+    else
+        fail(502, QStringLiteral("more came than the answer to this request, and perhaps that is another's"));
 }
 
 bool Exchange::takeHead()
@@ -213,6 +222,10 @@ bool Exchange::takeHead()
     if (!m_isFirst) {
         if (isContinued(part))
             return true;
+        if (part.result_int() >= firstError && m_doubtfulAnswers == 0) {
+            refuseForeign(true);
+            return false;
+        }
         fail(502, QStringLiteral("the box delivered %1 of %2 bytes, and its web server gives no ranges of the rest; %3")
                       .arg(m_taken)
                       .arg(*m_length)
@@ -274,10 +287,8 @@ void Exchange::endSeries()
     if (!m_isRunning || m_client->isRelayWaiting())
         return;
     const bool isBarren = m_isFirst && m_taken == 0 && !hasRanges() && !m_parser->chunked();
-    if (isBarren && mayRepeat(m_asked.method()) && m_foreignAnswers == 0) {
-        m_client->expectSlow(); // the head is foreign, perhaps, or the relay's first read came too early
-        return askAgain();
-    }
+    if (isBarren && mayRepeat(m_asked.method()) && m_doubtfulAnswers == 0)
+        return refuseForeign(true); // the head, perhaps, or the relay's first read came too early
     if (!m_parser->is_header_done())
         fail(502, QStringLiteral("the response ends within its header"));
     else if (m_parser->chunked())

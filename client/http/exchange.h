@@ -65,7 +65,7 @@ private:
     void askAgain();
     void take(const QByteArray &bytes);
     bool isForeign() const;
-    void refuseForeign();
+    void refuseForeign(bool isNothingOut);
     bool takeHead();
     bool takeFirstHead(const HttpResponseHead &part);
     bool isContinued(const HttpResponseHead &part) const;
@@ -97,6 +97,7 @@ private:
     HttpRequest m_asked;       // last
     bool m_isAwaited = false;  // nothing of the answer to that has come
     int m_foreignAnswers = 0;
+    int m_doubtfulAnswers = 0; // of these, what may have been the own: it is believed the second time
     int m_barrenParts = 0;
     QByteArray m_body; // not yet taken
     RelayClient::Traffic m_trafficBefore;

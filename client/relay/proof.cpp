@@ -38,6 +38,11 @@ void Proof::begin()
     m_sinceBegin.start();
 }
 
+bool Proof::isOwn(quint16 messageId) const
+{
+    return isOf(messageId, m_first) || isOf(messageId, m_second);
+}
+
 bool Proof::takeConfirmation(quint16 messageId)
 {
     m_isHeld |= isOf(messageId, m_second);
@@ -50,7 +55,7 @@ bool Proof::takeConfirmation(quint16 messageId)
 bool Proof::takePacket(const datagram::ResponseHeader &header, const QByteArray &slice, qint64 gap)
 {
     const bool isOfSecond = isOf(header.messageId, m_second);
-    if (!isOfSecond && !isOf(header.messageId, m_first))
+    if (!isOwn(header.messageId))
         return false;
     const auto end = slice.indexOf("\r\n\r\n");
     const QByteArray body = slice.mid(end + 4);

@@ -27,6 +27,8 @@ public:
     void begin();
     /// The datagram that the relay is to hear until it confirms.
     const QByteArray &datagram() const { return m_second.isEmpty() ? m_first : m_second; }
+    /// Whether one of them has this id.
+    bool isOwn(quint16 messageId) const;
     /// Whether the relay has both.
     bool isHeld() const { return m_isHeld; }
     /// Whether the first one was answered: with nothing but a head, as is right, or with the same body as in the
@@ -38,7 +40,7 @@ public:
     qint64 time() const;
     /// How long it needed for the last one, at most, as that may have waited behind others; 0 once more is known.
     qint64 lastTime() const;
-    /// Somebody was not patient enough: for a while that is taken to be long.
+    /// Somebody was not patient enough: the next time that is taken to be long.
     void expectSlow();
 
     /// True when the second one may go now.

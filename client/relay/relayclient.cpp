@@ -15,7 +15,8 @@
 //   the relay waiting, and that would be for ever. A wrong guess is survived: should the web server only have paused,
 //   the rest that somebody else gets begins in the middle, and should it have been slow to answer what proves, he gets
 //   that in front of his own answer, or a head that announces more than comes: he sees that it is not his, and asks
-//   again.
+//   again. He does not where he asked for a head himself, or where the web server has a page for every path and gives
+//   ranges of it: then the lengths or dates that differ end in 502, most likely.
 // - After anything that leaves a doubt (given up, time-out, broken off, a start) two harmless requests go ahead, HEAD
 //   of a random path. The second one can only be answered when the first has been taken off the queue and its link
 //   closed, whatever answer the first one got. The states the relay can be in, and how each ends:
@@ -63,8 +64,8 @@ constexpr int mostInVain = 3; // packets of what was given up that cost less tha
 constexpr std::chrono::milliseconds leaveLimit = 3s;
 constexpr std::chrono::milliseconds signLimit = 60s;    // as long as web servers themselves wait for an application
 constexpr std::chrono::milliseconds restLimit = 4s;     // where the link may have been closed amid chunks
-constexpr std::chrono::milliseconds othersTurn = 300ms; // in less nobody can have left the relay waiting: its silence
-constexpr int othersShare = 2;                          // is waited for, 400 ms or three HEADs
+constexpr std::chrono::milliseconds othersTurn = 300ms; // in less hardly anybody has left the relay waiting: its
+constexpr int othersShare = 2;                          // silence is waited for, 400 ms or three HEADs
 constexpr std::chrono::milliseconds backgroundLimit = 120s;
 // The relay takes an id that it has answered within a minute for one that comes again, also from a nat-peer that has
 // been killed since. So the ids go with the clock; they never need more, as a request takes the relay two turns.
@@ -490,7 +491,7 @@ void RelayClient::takePacket(const QByteArray &packet)
         m_isLongInVain = header.index == 0 && header.count > mostInVain && slice.startsWith("HTTP/1.") &&
                          !m_signs.isInChunks() && !m_signs.isRelayWaiting();
     if (m_state == State::Proving && !m_isLost && m_signs.isAnsweredBehind() &&
-        (m_isLongInVain || m_signs.isBacklog())) {
+        (m_isLongInVain || (m_signs.isBacklog() && !m_proof.isOwn(header.messageId)))) {
         m_isLost = true;
         return proceed();
     }

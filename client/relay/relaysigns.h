@@ -58,7 +58,7 @@ public:
     /// The web server's link is a fresh one.
     void forgetPauses() { m_pace.forgetPauses(); }
 
-    /// Another peer has left the relay waiting, so that silence means that sooner.
+    /// Another peer has left the relay waiting, most likely, so that silence means that sooner for a while.
     void noteOthers() { m_sinceOthers.start(); }
     void forgetOthers() { m_sinceOthers.invalidate(); }
 
