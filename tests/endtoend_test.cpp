@@ -213,10 +213,10 @@ private slots:
             startRelay();
             QProcess peer;
             startPeer(&peer, {"--timeout", "2", "get", "/"});
-            const auto isOver = [&] { // it is told the same as often as it asks for all
+            const auto isOver = [&, &told = response] { // the same as often as it asks for all
                 const QByteArray request = web.takeRequest();
                 if (!request.isEmpty() && !request.contains("\r\nRange: "))
-                    web.answer(response);
+                    web.answer(told);
                 return peer.state() == QProcess::NotRunning;
             };
             QVERIFY(QTest::qWaitFor(isOver, 20000));
