@@ -312,8 +312,9 @@ private slots:
         const QByteArray page = "a page that is longer";
         const QByteArray chunked =
             "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + QByteArray::number(page.size(), 16) + "\r\n" + page + "\r\n0\r\n\r\n";
-        for (const QByteArray &head : {QByteArray("HTTP/1.1 200 OK\r\n"), foreign + "9\r\n\r\n", foreign + "9\r\n\r\n" + chunked,
-                                       foreign + "99\r\n\r\n" + ok + "3\r\n\r\nown", foreign + "0\r\n\r\n" + ok}) {
+        for (const QByteArray &head :
+             {QByteArray("HTTP/1.1 200 OK\r\n"), foreign + "9\r\n\r\n", foreign + "9\r\n\r\n" + chunked,
+              foreign + "99\r\n\r\n" + ok + "3\r\n\r\nown", foreign + "0\r\n\r\n" + ok, foreign + "9\r\n\r\nNot found" + chunked}) {
             client = ask("GET /foreign HTTP/1.0\r\n\r\n");
             QVERIFY(request(web, "GET /foreign ").startsWith("GET /foreign "));
             web.answer(head);
